@@ -1,0 +1,52 @@
+// Owners of what a function must give back on every path: descriptors, files, heap texts and
+// locked mutexes. Everything here is inline and may be used from any thread.
+#pragma once
+
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <pthread.h>
+#include <unistd.h>
+#include <utility>
+
+struct FreeText {
+    void operator()(char *text) const { std::free(text); }
+};
+// A heap text from strdup() and the like; get() may be null.
+using OwnedText = std::unique_ptr<char, FreeText>;
+
+struct CloseFile {
+    void operator()(FILE *file) const { std::fclose(file); }
+};
+using OwnedFile = std::unique_ptr<FILE, CloseFile>;
+
+// Owns a file descriptor; -1 means none.
+class UniqueFd {
+    int fd_;
+
+  public:
+    explicit UniqueFd(int fd = -1) : fd_(fd) {}
+    UniqueFd(UniqueFd &&other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+    UniqueFd &operator=(UniqueFd &&other) noexcept {
+        std::swap(fd_, other.fd_);
+        return *this;
+    }
+    ~UniqueFd() {
+        if (fd_ >= 0)
+            ::close(fd_);
+    }
+    int get() const { return fd_; }
+    int release() { return std::exchange(fd_, -1); }
+    explicit operator bool() const { return fd_ >= 0; }
+};
+
+// Holds a mutex for the life of a scope.
+class MutexGuard {
+    pthread_mutex_t &mutex_;
+
+  public:
+    explicit MutexGuard(pthread_mutex_t &mutex) : mutex_(mutex) { pthread_mutex_lock(&mutex_); }
+    ~MutexGuard() { pthread_mutex_unlock(&mutex_); }
+    MutexGuard(const MutexGuard &) = delete;
+    MutexGuard &operator=(const MutexGuard &) = delete;
+};
