@@ -137,6 +137,10 @@ struct blob_attr *blob_new(struct blob_buf *buf, int id, int payload);
 struct blob_attr *blob_put(struct blob_buf *buf, int id, const void *ptr, unsigned int len);
 // Appends a ready-made attribute (or several) of at least 4 bytes.
 struct blob_attr *blob_put_raw(struct blob_buf *buf, const void *ptr, unsigned int len);
+// What blob_nest_end() needs to return to the attribute that is being filled now.
+static inline void *blob_nest_cookie_(const struct blob_buf *buf) {
+    return (void *)(uintptr_t)((char *)buf->head - (char *)buf->buf + BLOB_COOKIE);
+}
 // Opens a nested attribute and returns a cookie for its end, never null on success.
 void *blob_nest_start(struct blob_buf *buf, int id);
 void blob_nest_end(struct blob_buf *buf, void *cookie);
