@@ -202,8 +202,8 @@ TEST_F(ForwardTest, TimeOutsLeaveNoDescriptorBehind) {
     size_t before = daemon.descriptors();
     for (size_t sent = 1; sent <= 2000; sent++) {
         client.send(query("gone.example"));
-        if (sent % 50 == 0)
-            ASSERT_TRUE(wait_for_log("Response timed out", sent + 1));
+        // One in time now and then: the socket's buffer holds some hundred datagrams only.
+        ASSERT_TRUE(sent % 50 != 0 || wait_for_log("Response timed out", sent + 1));
     }
     EXPECT_TRUE(eventually([&] { return daemon.descriptors() == before; }))
         << before << " before, now " << daemon.descriptors();

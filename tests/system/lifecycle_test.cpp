@@ -18,11 +18,10 @@ TEST_F(LifecycleTest, OptionsThatEndTheProcess) {
     struct Case {
         const char *option;
         int status;
-        const char *output; // the whole or the first line of it
+        const char *output; // how it begins
         const char *logged; // with priority warning, or nothing
     };
     constexpr Case cases[] = {
-        {"-n", 0, "2.03a", nullptr},
         {"-v", 0, "Vantrelle v2.03a MIPS\n", nullptr},
         {"-f", 0, "", "Unknown option: f"}, // the usage names it, the parser does not know it
         {"-p", 0, "", "Unknown option: p"}, // its argument is missing
@@ -34,15 +33,15 @@ TEST_F(LifecycleTest, OptionsThatEndTheProcess) {
         Process daemon(daemon_program, {option});
         EXPECT_EQ(daemon.wait(), status) << option;
         EXPECT_TRUE(logged ? log_priority(logged) == 4 : true) << option;
-        if (*output && std::string(output).back() == '\n')
-            EXPECT_TRUE(daemon.output().starts_with(output)) << daemon.output();
-        else if (*output)
-            EXPECT_EQ(daemon.output(), output);
+        EXPECT_TRUE(daemon.output().starts_with(output)) << daemon.output();
     }
     EXPECT_EQ(log_count("Usage -p <listen port> -u <dns address> -m <max threads> -t <upstream dns "
                         "timeout> -s <socket buffer size> -l <log level[0..8]> [-f run in "
                         "foreground]"),
               3U);
+    Process version(daemon_program, {"-n"});
+    version.wait();
+    EXPECT_EQ(version.output(), "2.03a"); // and no line end
     EXPECT_EQ(log_count("Restarting PID: "), 1U);
     EXPECT_EQ(log_count("Startup"), 0U);
 }
