@@ -117,14 +117,14 @@ TEST_F(LifecycleTest, SignalsThatEndTheProcess) {
 TEST_F(LifecycleTest, ReportsOnSignalsAndKeepsRunning) {
     Upstream primary(1);
     configure();
-    // Blocked from its first moment on and pending by then, the signal meets the daemon while it
-    // starts: it reports, and start-up goes on.
-    sigset_t pause;
-    sigemptyset(&pause);
-    sigaddset(&pause, SIGUSR1);
-    sigprocmask(SIG_BLOCK, &pause, nullptr);
-    Process daemon(daemon_program, {});
-    daemon.signal(SIGUSR1);
+    // Blocked and pending before the daemon's first instruction, the signal is met while it starts:
+    // it reports, and start-up goes on.
+    sigset_t report;
+    sigemptyset(&report);
+    sigaddset(&report, SIGUSR1);
+    sigprocmask(SIG_BLOCK, &report, nullptr);
+    Process daemon("/bin/sh", {"-c", "kill -USR1 $$; exec \"$0\"", daemon_program});
+    sigprocmask(SIG_UNBLOCK, &report, nullptr);
     ASSERT_TRUE(wait_for_log("Startup Complete."));
     EXPECT_EQ(log_count("Message Count: 0"), 1U);
     Daemon::prime();
