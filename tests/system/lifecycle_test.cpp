@@ -107,6 +107,7 @@ TEST_F(LifecycleTest, SignalsThatEndTheProcess) {
     configure({{"log_level", "7"}});
     for (int number : {SIGHUP, SIGSEGV}) {
         Daemon daemon;
+        usleep(100'000); // let it wait for a datagram: a fault while it logs could not be logged
         daemon.signal(number);
         EXPECT_EQ(daemon.wait(), number);
         EXPECT_EQ(log_priority("Processing signal " + std::to_string(number)), 6);
