@@ -28,9 +28,9 @@ using UciContext = std::unique_ptr<uci_context, FreeContext>;
 // its pointers lead into that text and into the context.
 struct Lookup {
     UciContext ctx;
-    char key[100];
-    uci_ptr ptr;
-    bool found; // the library read the package; section and option may still be missing
+    char key[100] = "";
+    uci_ptr ptr = {};
+    bool found = false; // the library read the package; section and option may still be missing
 };
 
 } // namespace
@@ -46,7 +46,6 @@ static UciContext alloc_context() {
 // Looks `key` up and logs a failure. A missing section or option is none: it shows in `ptr`.
 static void look_up(Lookup &lookup, const char *key) {
     std::snprintf(lookup.key, sizeof lookup.key, "%s", key);
-    lookup.ptr = {};
     lookup.found = uci_lookup_ptr(lookup.ctx.get(), &lookup.ptr, lookup.key, true) == UCI_OK;
     if (!lookup.found)
         syslog(LOG_ERR, "Failed to find the specified section: %s", key);
@@ -146,7 +145,6 @@ bool is_sql_debug() {
 // error to the library.
 static bool find_section(Lookup &lookup, const char *key) {
     std::snprintf(lookup.key, sizeof lookup.key, "%s", key);
-    lookup.ptr = {};
     return uci_lookup_ptr(lookup.ctx.get(), &lookup.ptr, lookup.key, true) == UCI_OK &&
            lookup.ptr.s;
 }
