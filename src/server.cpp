@@ -3,6 +3,7 @@
 #include "check.h"
 #include "config.h"
 #include "guards.h"
+#include "ledutils.h"
 #include "netutils.h"
 #include "sigmask.h"
 #include "svrutils.h"
@@ -197,6 +198,7 @@ static void _close_upstream_dns_connection() {
 // A fresh socket, so that a late answer to one query is never read as the answer to the next.
 static void reset_dns_connection() {
     syslog(LOG_DEBUG, "Reset upstream DNS connection");
+    multi_led_orange();
     update_stats(0, 0, 1, 0);
     _close_upstream_dns_connection();
     usleep(500);
@@ -211,6 +213,7 @@ void switch_dns() {
         "Switching to Quaternary Upstream DNS",
     };
     oDNS.dns_timeouts = 0;
+    multi_led_orange();
     const bool has_next = oDNS.current_dns >= 0 && oDNS.current_dns < UPSTREAM_SLOTS - 1;
     oDNS.current_dns = has_next ? oDNS.current_dns + 1 : 0;
     syslog(LOG_INFO, "%s", MOVES[oDNS.current_dns]);
@@ -260,6 +263,7 @@ static void relay_answer(sockaddr_in client) {
 
 void forward_request(const uint8_t *message, int32_t length, sockaddr_in client) {
     syslog(LOG_DEBUG, "Forwarding request");
+    multi_led_blue();
     choose_upstream();
     update_stats(1, 0, 0, 0);
     sockaddr_in upstream = {};
@@ -316,6 +320,9 @@ void divert(const uint8_t *message, int32_t length, sockaddr_in client, int bloc
     syslog(LOG_DEBUG, "Diverting");
     if (blocked == 1) {
         update_stats(1, 1, 0, 0);
+        multi_led_red();
+    } else {
+        multi_led_green();
     }
     if (length < 0)
         length = 0;
@@ -485,9 +492,12 @@ static void server_init() {
     shutting_down = 0;
     load_config();
     admit_pending_signals(false);
+    start_init_leds();
     set_interface_address(oDNS.interface, &oDNS.listen_address);
     create_base_directory();
     admit_pending_signals(false);
+    multi_led_yellow();
+    multi_led_red();
     oDNS.pool = thpool_init(oDNS.thread_pool);
     init_lock();
     log_config(0);
@@ -537,6 +547,7 @@ static void open_sockets() {
     _open_ns_socket();
     _open_upstream_dns_connection();
     _fix_resolv();
+    multi_led_blue();
     admit_pending_signals(true);
 }
 
@@ -570,6 +581,7 @@ static void server_shutdown() {
     pthread_mutex_destroy(&lock);
     write_stats();
     _free_config();
+    shutdown_multi_led();
     syslog(LOG_INFO, "Shutdown Complete");
 }
 

@@ -16,7 +16,8 @@ std::atomic<int> threads_on_hold;
 
 template <typename Record>
 static Record *allocate(size_t count = 1) {
-    return static_cast<Record *>(std::calloc(count, sizeof(Record)));
+    return static_cast<Record *>(
+        std::calloc(count, sizeof(Record))); // NOLINT(bugprone-sizeof-expression): of pointers too
 }
 
 // Binary semaphore

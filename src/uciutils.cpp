@@ -28,9 +28,9 @@ using UciContext = std::unique_ptr<uci_context, FreeContext>;
 // its pointers lead into that text and into the context.
 struct Lookup {
     UciContext ctx;
-    char key[100];
-    uci_ptr ptr;
-    bool found; // the library read the package; section and option may still be missing
+    char key[100] = "";
+    uci_ptr ptr = {};
+    bool found = false; // the library read the package; section and option may still be missing
 };
 
 } // namespace
@@ -46,7 +46,6 @@ static UciContext alloc_context() {
 // Looks `key` up and logs a failure. A missing section or option is none: it shows in `ptr`.
 static void look_up(Lookup &lookup, const char *key) {
     std::snprintf(lookup.key, sizeof lookup.key, "%s", key);
-    lookup.ptr = {};
     lookup.found = uci_lookup_ptr(lookup.ctx.get(), &lookup.ptr, lookup.key, true) == UCI_OK;
     if (!lookup.found)
         syslog(LOG_ERR, "Failed to find the specified section: %s", key);
@@ -140,4 +139,137 @@ bool is_debug() {
 
 bool is_sql_debug() {
     return oDNS.debug != 0;
+}
+
+// Looks up the section that `key` names, or begins with; false when there is none, which is no
+// error to the library.
+static bool find_section(Lookup &lookup, const char *key) {
+    std::snprintf(lookup.key, sizeof lookup.key, "%s", key);
+    return uci_lookup_ptr(lookup.ctx.get(), &lookup.ptr, lookup.key, true) == UCI_OK &&
+           lookup.ptr.s;
+}
+
+// Gives the option `name` of the section found its new value, in memory.
+static bool set_option(Lookup &lookup, const char *name, const char *value) {
+    lookup.ptr.option = name;
+    lookup.ptr.value = value;
+    return uci_set(lookup.ctx.get(), &lookup.ptr) == UCI_OK;
+}
+
+static bool commit(Lookup &lookup) {
+    return uci_commit(lookup.ctx.get(), &lookup.ptr.p, false) == UCI_OK;
+}
+
+static constexpr const char *MAIN_SECTION = "vantrelle.@main[0]";
+
+namespace {
+
+struct NumberOption {
+    const char *section;
+    const char *name;
+    const char *set_failed;
+    const char *commit_failed;
+};
+
+} // namespace
+
+// The common rest of the number writers.
+static int write_number(Lookup &lookup, const NumberOption &option, int number) {
+    constexpr int FAILED = 5;
+    if (!lookup.ctx)
+        return FAILED;
+    if (!find_section(lookup, option.section)) {
+        syslog(LOG_ERR, "failed to find the specified section: %s", option.section);
+        return FAILED;
+    }
+    char value[20];
+    std::snprintf(value, sizeof value, "%u", static_cast<unsigned>(number));
+    if (!set_option(lookup, option.name, value)) {
+        syslog(LOG_ERR, "%s", option.set_failed);
+        return FAILED;
+    }
+    if (!commit(lookup)) {
+        syslog(LOG_ERR, "%s", option.commit_failed);
+        return FAILED;
+    }
+    return 0;
+}
+
+int set_loglevel(int level) {
+    Lookup lookup = {.ctx = alloc_context()};
+    return write_number(lookup,
+                        {MAIN_SECTION, "log_level", "failed to set log_level",
+                         "Failed to commit log_level changes"},
+                        level);
+}
+
+int set_disabled_data(int flag) {
+    Lookup lookup = {.ctx = alloc_context()};
+    return write_number(lookup,
+                        {MAIN_SECTION, "disabled", "failed to set Disabled option",
+                         "Failed to commit Disabled option changes"},
+                        flag);
+}
+
+int set_track_data(int flag) {
+    Lookup lookup = {.ctx = alloc_context()};
+    return write_number(lookup,
+                        {MAIN_SECTION, "record_traffic", "failed to set record_traffic",
+                         "Failed to commit record_traffic changes"},
+                        flag);
+}
+
+int set_remote_log(int flag) {
+    Lookup lookup = {.ctx = alloc_context()};
+    if (lookup.ctx)
+        syslog(LOG_DEBUG, "Remote Logging inside set: %d", flag);
+    return write_number(lookup,
+                        {"system.@system[0]", "log_remote", "failed to set log_remote",
+                         "Failed to commit log_remote changes"},
+                        flag);
+}
+
+int set_dns(int n, const char *address) {
+    const char *shown = address ? address : "(null)";
+    syslog(LOG_DEBUG, "Inside set_dns %d : %s", n, shown);
+    Lookup lookup = {.ctx = UciContext(uci_alloc_context())}; // without one the lookup fails
+    char option[24] = "upstream_dns";
+    if (n != 1) // the first one has no digit
+        std::snprintf(option, sizeof option, "upstream_dns%d", n);
+    syslog(LOG_DEBUG, "sec: %s", MAIN_SECTION);
+    syslog(LOG_DEBUG, "dns_option: %s", option);
+    if (!find_section(lookup, MAIN_SECTION)) {
+        syslog(LOG_ERR, "failed to find the specified section: %s 1", MAIN_SECTION);
+        return 1;
+    }
+    syslog(LOG_DEBUG, "About to set option");
+    syslog(LOG_DEBUG, "config.option/config.value: %s, %s", option, shown);
+    // The failures name the database location, as log readers know them.
+    if (!set_option(lookup, option, address)) {
+        syslog(LOG_ERR, "failed to set new stats_db_location");
+        return 2;
+    }
+    syslog(LOG_DEBUG, "About to commit");
+    const bool committed = commit(lookup);
+    if (!committed)
+        syslog(LOG_ERR, "failed to commit stats_db_location changes");
+    syslog(LOG_DEBUG, "Commit was OK"); // said in both cases
+    return committed ? 0 : 3;
+}
+
+void set_stats_db_location(const char *directory) {
+    Lookup lookup = {.ctx = alloc_context()};
+    if (!lookup.ctx)
+        return;
+    if (!find_section(lookup, STATS_DB_PATH_KEY)) {
+        syslog(LOG_ERR, "failed to find the specified section: %s 1", STATS_DB_PATH_KEY);
+        return;
+    }
+    syslog(LOG_DEBUG, "Stats db location is:  %s", directory ? directory : "(null)");
+    // The whole key is no option name: the library reports success and stores nothing, so that the
+    // next start has no location either. Whoever wants a database configures its directory.
+    if (!set_option(lookup, STATS_DB_PATH_KEY, directory))
+        syslog(LOG_ERR, "failed to set new stats_db_location");
+    else if (!commit(lookup))
+        syslog(LOG_ERR, "failed to commit stats_db_location changes");
 }

@@ -1,4 +1,4 @@
-// Reading single options of the configuration store.
+// Reading and writing single options of the configuration store.
 //
 // Every call uses a context of its own and gives it back on every path, so calls on different
 // threads do not disturb each other. No failure is fatal: it is logged here, and the caller gets
@@ -37,3 +37,21 @@ bool isFirstBoot();
 // the configuration store and of list matches. Existing set-ups rely on it.
 bool is_debug();
 bool is_sql_debug();
+
+// The writers change one option and commit its package at once; oDNS is left to the caller. A
+// commit changes the configuration file only when the option's value changes. The file then holds
+// what the store makes of it: comments and layout are gone. A missing section is a failure.
+//
+// These four store a number as unsigned decimal text (so -1 as 4294967295) and return 0, or 5 on
+// any failure, which is logged.
+int set_loglevel(int level);
+int set_disabled_data(int flag);
+int set_track_data(int flag);
+int set_remote_log(int flag); // in the system's own package
+
+// Stores upstream address n: 0, or 1 when the section is not found, 2 when setting and 3 when
+// committing fails.
+int set_dns(int n, const char *address);
+
+// Meant to store the directory of the statistics database; see there for what becomes of it.
+void set_stats_db_location(const char *directory);

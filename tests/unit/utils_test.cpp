@@ -69,7 +69,7 @@ TEST(TextTests, AnswerAtTheEdges) {
 
 TEST(Numbers, AreWrittenForTheLog) {
     char text[TIME_TEXT_SIZE];
-    EXPECT_EQ(time2String(text, 90061), 36);
+    EXPECT_EQ(time2String(text, 90061), 37);
     EXPECT_STREQ(text, "     1 days,  1 hrs,  1 mins,  1 secs");
     time2String(text, 59);
     EXPECT_STREQ(text, "     0 days,  0 hrs,  0 mins, 59 secs");

@@ -1,0 +1,406 @@
+#include "harness.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace fs = std::filesystem;
+
+namespace harness {
+namespace {
+
+constexpr uint16_t dns_port = 53;
+
+void must(bool done, const std::string &step) {
+    if (done)
+        return;
+    fprintf(stderr, "harness: cannot %s: %s\n", step.c_str(), strerror(errno));
+    exit(1);
+}
+
+sockaddr_in socket_address(const std::string &text, uint16_t port) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    must(inet_aton(text.c_str(), &address.sin_addr) == 1, "read the address " + text);
+    return address;
+}
+
+int bound_socket(const std::string &text, uint16_t port) {
+    int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address = socket_address(text, port);
+    must(fd >= 0 && bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0,
+         "bind to " + text);
+    return fd;
+}
+
+// The log file only grows: what was read once is kept.
+struct LogReader {
+    static constexpr char mark[] = "mark";
+    size_t marks = 0;
+    std::streamoff position = 0;
+    std::vector<LogLine> lines;
+
+    // "<134>Nov 21 09:33:57 ident[4]: text"
+    void add(const std::string &line) {
+        unsigned priority = 0;
+        char ident[40] = "";
+        pid_t process = 0;
+        int text = 0;
+        if (sscanf(line.c_str(), "<%u>%*15c %39[^[][%d]: %n", &priority, ident, &process, &text) ==
+            3)
+            lines.push_back({static_cast<int>(priority & 7), ident, process,
+                             line.substr(static_cast<size_t>(text))});
+    }
+
+    void read() {
+        std::ifstream file(sandbox::log_file);
+        file.seekg(position);
+        std::string line;
+        while (std::getline(file, line) && !file.eof()) {
+            position += static_cast<std::streamoff>(line.size() + 1);
+            marks += line == mark;
+            add(line);
+        }
+    }
+
+    // Reads all that was logged before this call: the socket keeps the order, so it has all come
+    // when a mark of our own has.
+    void catch_up() {
+        size_t expected = marks + 1;
+        int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        sockaddr_un log{AF_UNIX, "/dev/log"};
+        bool sent = fd >= 0 && sendto(fd, mark, strlen(mark), 0, reinterpret_cast<sockaddr *>(&log),
+                                      sizeof log) > 0;
+        must(sent && eventually([&] { return read(), marks == expected; }), "read the log");
+        close(fd);
+    }
+
+    size_t count(std::string_view text) const {
+        return static_cast<size_t>(std::count_if(lines.begin(), lines.end(), [text](auto &line) {
+            return line.text.find(text) != std::string::npos;
+        }));
+    }
+};
+
+LogReader &reader() {
+    static LogReader instance;
+    return instance;
+}
+
+void put16(Bytes &message, unsigned value) {
+    message += static_cast<char>(value >> 8);
+    message += static_cast<char>(value);
+}
+
+} // namespace
+
+const char *const daemon_program = DAEMON_PROGRAM;
+
+void SystemTest::SetUp() {
+    must(sandbox::inside(), "run outside of the sandbox");
+    for (const char *path : {"/etc/config", "/etc/vantrelle", "/tmp/.uci"})
+        fs::remove_all(path);
+    fs::create_directory("/etc/config");
+    reader().catch_up();
+    reader().lines.clear();
+}
+
+void configure(const Options &main, const Options &logging) {
+    auto with_default = [&main](const char *name, const std::string &value) {
+        bool given = std::any_of(main.begin(), main.end(),
+                                 [name](const auto &option) { return option.first == name; });
+        return given ? "" : "\toption " + std::string(name) + " '" + value + "'\n";
+    };
+    std::ostringstream file;
+    file << "config main\n" << with_default("log_level", "6");
+    int number = 0;
+    for (const char *name : {"upstream_dns", "upstream_dns2", "upstream_dns3", "upstream_dns4"})
+        file << with_default(name, sandbox::upstream_prefix + std::to_string(++number));
+    for (const auto &[name, value] : main)
+        file << "\toption " << name << " '" << value << "'\n";
+    file << "\nconfig logging\n";
+    for (const auto &[name, value] : logging)
+        file << "\toption " << name << " '" << value << "'\n";
+    write_file("/etc/config/vantrelle", file.str());
+}
+
+std::string read_file(const std::string &path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+void write_file(const std::string &path, std::string_view text) {
+    std::ofstream file(path, std::ios::binary);
+    must(static_cast<bool>((file << text).flush()), "write " + path);
+}
+
+std::vector<LogLine> log_lines() {
+    reader().catch_up();
+    return reader().lines;
+}
+
+size_t log_count(std::string_view text) {
+    reader().catch_up();
+    return reader().count(text);
+}
+
+bool wait_for_log(std::string_view text, size_t times, int timeout) {
+    return eventually(
+        [&] {
+            reader().read();
+            return reader().count(text) >= times;
+        },
+        timeout);
+}
+
+int log_priority(std::string_view text) {
+    for (const auto &line : log_lines()) {
+        if (line.text == text)
+            return line.priority;
+    }
+    return -1;
+}
+
+bool eventually(const std::function<bool()> &condition, int timeout) {
+    auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout);
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > end)
+            return false;
+        usleep(2000);
+    }
+    return true;
+}
+
+Bytes query(std::string_view name, uint16_t id, uint16_t type, bool edns) {
+    Bytes message;
+    for (unsigned word : {unsigned{id}, 0x0100U, 1U, 0U, 0U, edns ? 1U : 0U})
+        put16(message, word);
+    while (!name.empty()) {
+        std::string_view label = name.substr(0, name.find('.'));
+        message += static_cast<char>(label.size());
+        message += label;
+        name.remove_prefix(std::min(name.size(), label.size() + 1));
+    }
+    message += '\0';
+    put16(message, type);
+    put16(message, 1);
+    if (edns) // root name, OPT, 1232 bytes, no flags, no data (RFC 6891)
+        message += Bytes("\0\0\x29\x04\xd0\0\0\0\0\0\0", 11);
+    return message;
+}
+
+uint16_t id_of(const Bytes &message) {
+    if (message.size() < 12)
+        return 0;
+    return static_cast<uint16_t>(static_cast<uint8_t>(message[0]) << 8 |
+                                 static_cast<uint8_t>(message[1]));
+}
+
+int rcode_of(const Bytes &message) {
+    return message.size() < 12 ? -1 : message[3] & 15;
+}
+
+Bytes with_id(Bytes message, uint16_t id) {
+    message[0] = static_cast<char>(id >> 8);
+    message[1] = static_cast<char>(id);
+    return message;
+}
+
+Client::Client(int number) : fd(bound_socket(sandbox::client_prefix + std::to_string(number), 0)) {}
+
+Client::~Client() {
+    close(fd);
+}
+
+void Client::send(const Bytes &message, const char *address) const {
+    sockaddr_in to = socket_address(address, dns_port);
+    must(sendto(fd, message.data(), message.size(), 0, reinterpret_cast<sockaddr *>(&to),
+                sizeof to) == static_cast<ssize_t>(message.size()),
+         "send a query");
+}
+
+std::optional<Bytes> Client::receive(int timeout) const {
+    pollfd waiting{fd, POLLIN, 0};
+    if (poll(&waiting, 1, timeout) != 1)
+        return std::nullopt;
+    std::array<char, 4096> buffer;
+    ssize_t size = recv(fd, buffer.data(), buffer.size(), 0);
+    must(size >= 0, "receive an answer");
+    return Bytes(buffer.data(), static_cast<size_t>(size));
+}
+
+std::optional<Bytes> Client::ask(const Bytes &message, const char *address) const {
+    send(message, address);
+    return receive();
+}
+
+std::optional<Bytes> Upstream::echo(const Bytes &message) {
+    Bytes answer = message;
+    if (answer.size() > 2)
+        answer[2] = static_cast<char>(answer[2] | 0x80);
+    return answer;
+}
+
+std::optional<Bytes> Upstream::silence(const Bytes &) {
+    return std::nullopt;
+}
+
+Upstream::Upstream(int number, Answer what)
+    : answer(std::move(what)),
+      fd(bound_socket(sandbox::upstream_prefix + std::to_string(number), dns_port)),
+      thread([this] { serve(); }) {}
+
+Upstream::~Upstream() {
+    stopping = true;
+    thread.join();
+    close(fd);
+}
+
+std::vector<Bytes> Upstream::received() const {
+    std::lock_guard guard(mutex);
+    return messages;
+}
+
+void Upstream::serve() {
+    std::array<char, 4096> buffer;
+    while (!stopping) {
+        pollfd waiting{fd, POLLIN, 0};
+        if (poll(&waiting, 1, 20) != 1)
+            continue;
+        sockaddr_in from{};
+        socklen_t length = sizeof from;
+        ssize_t size = recvfrom(fd, buffer.data(), buffer.size(), 0,
+                                reinterpret_cast<sockaddr *>(&from), &length);
+        if (size < 0)
+            continue;
+        Bytes message(buffer.data(), static_cast<size_t>(size));
+        {
+            std::lock_guard guard(mutex);
+            messages.push_back(message);
+        }
+        if (auto bytes = answer(message))
+            sendto(fd, bytes->data(), bytes->size(), 0, reinterpret_cast<sockaddr *>(&from),
+                   length);
+    }
+}
+
+Process::Process(const std::string &program, std::vector<std::string> arguments) {
+    must(sandbox::inside(), "start anything outside of the sandbox");
+    static int number;
+    output_file = "/tmp/output." + std::to_string(++number);
+    arguments.insert(arguments.begin(), program);
+    std::vector<char *> argv;
+    for (auto &argument : arguments)
+        argv.push_back(argument.data());
+    argv.push_back(nullptr);
+    posix_spawn_file_actions_t files;
+    posix_spawn_file_actions_init(&files);
+    posix_spawn_file_actions_addopen(&files, 0, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_addopen(&files, 1, output_file.c_str(), O_WRONLY | O_CREAT | O_APPEND,
+                                     0644);
+    posix_spawn_file_actions_adddup2(&files, 1, 2);
+    errno = posix_spawnp(&id, argv[0], &files, nullptr, argv.data(), environ);
+    must(errno == 0, "start " + program);
+    posix_spawn_file_actions_destroy(&files);
+}
+
+Process::~Process() {
+    if (running()) {
+        signal(SIGKILL);
+        wait();
+    }
+    if (output().find("Sanitizer") != std::string::npos)
+        ADD_FAILURE() << "a sanitizer reported";
+    if (testing::Test::HasFailure())
+        fprintf(stderr, "%s", output().c_str());
+}
+
+bool Process::running() {
+    int raw;
+    if (status < 0 && waitpid(id, &raw, WNOHANG) == id)
+        status = WIFSIGNALED(raw) ? 128 + WTERMSIG(raw) : WEXITSTATUS(raw);
+    return status < 0;
+}
+
+int Process::wait(int timeout) {
+    eventually([this] { return !running(); }, timeout);
+    return status;
+}
+
+void Process::signal(int number) const {
+    must(kill(id, number) == 0, "send a signal");
+}
+
+std::string Process::output() const {
+    return read_file(output_file);
+}
+
+size_t Process::descriptors() const {
+    fs::directory_iterator entries("/proc/" + std::to_string(id) + "/fd");
+    return static_cast<size_t>(std::distance(begin(entries), end(entries)));
+}
+
+Daemon::Daemon(const std::vector<std::string> &arguments) : Process(DAEMON_PROGRAM, arguments) {
+    auto up = [this] {
+        reader().read();
+        const auto &lines = reader().lines;
+        return std::any_of(lines.begin(), lines.end(), [this](const auto &line) {
+            return line.process == pid() && line.text == "Startup Complete.";
+        });
+    };
+    if (!eventually([&] { return up() || !running(); }, 20000) || !running())
+        ADD_FAILURE() << "the daemon did not start";
+}
+
+void Daemon::prime() {
+    auto done = [] { return log_count("Received error") + log_count("Response timed out"); };
+    size_t before = done();
+    Client(29).send(query("first.example"));
+    EXPECT_TRUE(eventually([&] { return done() > before; })) << "the first datagram got stuck";
+}
+
+int Daemon::stop() {
+    signal(SIGTERM);
+    Client nudge(29);
+    eventually([&] {
+        if (running())
+            nudge.send(query("stop.example"));
+        usleep(10000);
+        return !running();
+    });
+    return wait();
+}
+
+} // namespace harness
+
+// Each test runs in a sandbox of its own; listing the tests needs none.
+int main(int argc, char **argv) {
+    bool listing = std::any_of(argv + 1, argv + argc, [](const char *argument) {
+        return strcmp(argument, "--gtest_list_tests") == 0;
+    });
+    if (!listing && !sandbox::inside()) {
+        std::string self = fs::read_symlink("/proc/self/exe");
+        argv[0] = self.data();
+        return sandbox::run(argv);
+    }
+    testing::InitGoogleTest(&argc, argv);
+    return RUN_ALL_TESTS();
+}

@@ -1,0 +1,233 @@
+// Queries on their way to the upstream servers and back: failover, exact bytes, nothing lost.
+#include "harness.h"
+
+#include <map>
+#include <memory>
+
+#include <unistd.h>
+
+using namespace harness;
+
+namespace {
+
+struct ForwardTest : SystemTest {};
+
+std::vector<std::unique_ptr<Upstream>> four_upstreams(const Upstream::Answer &answer) {
+    std::vector<std::unique_ptr<Upstream>> servers;
+    for (int number = 1; number <= 4; number++)
+        servers.push_back(std::make_unique<Upstream>(number, answer));
+    return servers;
+}
+
+TEST_F(ForwardTest, MovesOnAfterFiveTimeOutsAndRoundTheRing) {
+    auto servers = four_upstreams(Upstream::silence);
+    configure({{"dns_timeout", "20"}});
+    Daemon daemon;
+    Client client;
+    constexpr std::array moves{
+        "Switching to Secondary Upstream DNS", "Switching to Tertiary Upstream DNS",
+        "Switching to Quaternary Upstream DNS", "Switching to Primary Upstream DNS"};
+    for (size_t sent = 1; sent <= 21; sent++) {
+        client.send(query("slow.example"));
+        ASSERT_TRUE(wait_for_log("Response timed out", sent));
+        // The move comes at the start of the sixth query, not with the fifth time-out.
+        EXPECT_EQ(log_count("Switching to"), (sent - 1) / 5) << "after " << sent;
+    }
+    for (const char *move : moves)
+        EXPECT_EQ(log_priority(move), 6) << move;
+    EXPECT_EQ(servers[0]->count(), 6U);
+    for (size_t slot = 1; slot < 4; slot++)
+        EXPECT_EQ(servers[slot]->count(), 5U) << "slot " << slot;
+    for (const auto &[count, times] : std::map<int, size_t>{{1, 5}, {5, 4}, {6, 0}}) {
+        std::string text = "ERROR: Upstream DNS Response timed out, Resetting connection (" +
+                           std::to_string(count) + ")";
+        EXPECT_EQ(log_count(text), times) << text;
+        EXPECT_EQ(log_priority(text), times ? 3 : -1);
+    }
+    daemon.signal(SIGUSR2);
+    EXPECT_TRUE(wait_for_log("Connection Reset Count: 21"));
+    EXPECT_EQ(log_count("Message Count: 21"), 1U);
+}
+
+TEST_F(ForwardTest, AnAnswerClearsTheCountOfTimeOuts) {
+    std::atomic<bool> silent = false;
+    Upstream primary(
+        1, [&](const Bytes &message) { return silent ? std::nullopt : Upstream::echo(message); });
+    Upstream secondary(2);
+    configure({{"dns_timeout", "100"}});
+    Daemon daemon;
+    Daemon::prime();
+    Client client;
+    for (size_t round = 1; round <= 2; round++) {
+        silent = true;
+        for (size_t lost = 1; lost <= 4; lost++) {
+            client.send(query("lost.example"));
+            ASSERT_TRUE(wait_for_log("Response timed out", (round - 1) * 4 + lost));
+        }
+        silent = false;
+        EXPECT_TRUE(client.ask(query("found.example")));
+    }
+    EXPECT_EQ(log_count("Switching"), 0U);
+    EXPECT_EQ(secondary.count(), 0U);
+}
+
+TEST_F(ForwardTest, LateAnswersNeverReachTheNextClient) {
+    Upstream primary(1, [](const Bytes &message) {
+        if (id_of(message) == 1)
+            usleep(200'000);
+        return Upstream::echo(message);
+    });
+    configure({{"dns_timeout", "100"}});
+    Daemon daemon;
+    Client first(20);
+    Client second(21);
+    Daemon::prime(); // this one is late as well
+    first.send(query("late.example", 1));
+    ASSERT_TRUE(wait_for_log("Response timed out", 2));
+    usleep(400'000);
+    auto answer = second.ask(query("next.example", 2));
+    ASSERT_TRUE(answer);
+    EXPECT_EQ(id_of(*answer), 2);
+    EXPECT_FALSE(first.receive(100));
+}
+
+TEST_F(ForwardTest, PassesEveryByteAndCutsAt512) {
+    struct Case {
+        size_t asked, passed_up, answered, relayed;
+    };
+    constexpr Case cases[] = {
+        {29, 29, 300, 300}, {512, 512, 512, 512}, {600, 512, 600, 512},
+        {1, 1, 1, 1},       {0, 0, 45, 45},
+    };
+    std::atomic<size_t> answer_size = 1;
+    auto filled = [](size_t size) {
+        Bytes bytes(size, '\0');
+        for (size_t at = 0; at < size; at++)
+            bytes[at] = static_cast<char>(at * 7 + size);
+        return bytes;
+    };
+    Upstream primary(1, [&](const Bytes &) { return filled(answer_size); });
+    configure();
+    Daemon daemon;
+    Daemon::prime();
+    Client client;
+    for (const auto &[asked, passed_up, answered, relayed] : cases) {
+        answer_size = answered;
+        Bytes message = filled(asked);
+        if (asked > 12) // a name of no labels, so that nothing but the forwarding looks at it
+            message[12] = 0;
+        auto answer = client.ask(message);
+        ASSERT_TRUE(answer) << asked;
+        EXPECT_EQ(*answer, filled(answered).substr(0, relayed)) << asked;
+        EXPECT_EQ(primary.received().back(), message.substr(0, passed_up)) << asked;
+    }
+}
+
+TEST_F(ForwardTest, NeverAnswersTheFirstDatagram) {
+    Upstream primary(1);
+    configure();
+    Daemon daemon;
+    Client client;
+    client.send(query("first.example"));
+    ASSERT_TRUE(eventually([&] { return primary.count() == 1; }));
+    EXPECT_FALSE(client.receive(200));
+    EXPECT_TRUE(client.ask(query("second.example")));
+}
+
+TEST_F(ForwardTest, LosesNothingOf10000QueriesOfSeveralClients) {
+    constexpr size_t names = 100;
+    constexpr size_t total = 10'000;
+    constexpr size_t window = 8; // of each client
+    std::vector<std::string> arguments{"-d",
+                                       "-C",
+                                       "/dev/null",
+                                       "-h",
+                                       "-R",
+                                       "--bind-interfaces",
+                                       "--listen-address=10.53.0.1",
+                                       "--log-facility=/dev/null"};
+    for (size_t name = 0; name < names; name++)
+        arguments.push_back("--host-record=h" + std::to_string(name) + ".home.example,10.9.8." +
+                            std::to_string(name));
+    Process dnsmasq("/usr/sbin/dnsmasq", arguments);
+    auto asked = [](size_t number) {
+        return query("h" + std::to_string(number % names) + ".home.example",
+                     static_cast<uint16_t>(number), number % 3 ? 1 : 28, number % 2);
+    };
+    // What the server says to somebody who asks it without the daemon in between.
+    Client direct(29);
+    ASSERT_TRUE(eventually([&] {
+        direct.send(asked(0), "10.53.0.1");
+        return direct.receive(100).has_value();
+    }));
+    std::vector<Bytes> expected;
+    for (size_t number = 0; number < total; number++)
+        expected.push_back(number < 6 * names ? direct.ask(asked(number), "10.53.0.1").value_or("")
+                                              : with_id(expected[number % (6 * names)],
+                                                        static_cast<uint16_t>(number)));
+    configure();
+    Daemon daemon;
+    Daemon::prime();
+    std::vector<std::unique_ptr<Client>> clients;
+    for (int number = 20; number < 25; number++)
+        clients.push_back(std::make_unique<Client>(number));
+    const size_t round = clients.size() * window;
+    static_assert(total % (5 * window) == 0);
+    size_t wrong = 0;
+    for (size_t sent = 0; sent < total; sent += round) {
+        for (size_t ahead = 0; ahead < round; ahead++)
+            clients[ahead / window]->send(asked(sent + ahead));
+        std::vector<bool> answered(round);
+        for (size_t ahead = 0; ahead < round; ahead++) {
+            auto answer = clients[ahead / window]->receive();
+            ASSERT_TRUE(answer) << "lost one of the " << round << " from " << sent;
+            const size_t which = static_cast<uint16_t>(id_of(*answer) - sent);
+            const bool right = which / window == ahead / window && !answered[which] &&
+                               *answer == expected[sent + which];
+            wrong += right ? 0 : 1;
+            if (right)
+                answered[which] = true;
+        }
+    }
+    EXPECT_EQ(wrong, 0U);
+    EXPECT_EQ(daemon.stop(), 0);
+}
+
+TEST_F(ForwardTest, TimeOutsLeaveNoDescriptorBehind) {
+    configure({{"dns_timeout", "1"}});
+    Daemon daemon;
+    Client client;
+    client.send(query("gone.example"));
+    ASSERT_TRUE(wait_for_log("Response timed out"));
+    size_t before = daemon.descriptors();
+    for (size_t sent = 1; sent <= 2000; sent++) {
+        client.send(query("gone.example"));
+        // One in time now and then: the socket's buffer holds some hundred datagrams only.
+        ASSERT_TRUE(sent % 50 != 0 || wait_for_log("Response timed out", sent + 1));
+    }
+    EXPECT_TRUE(eventually([&] { return daemon.descriptors() == before; }))
+        << before << " before, now " << daemon.descriptors();
+}
+
+TEST_F(ForwardTest, AFloodIsDroppedWithOneWarning) {
+    constexpr size_t bound = 4096;
+    constexpr char warning[] = "Job queue is full, dropping queries";
+    configure({{"dns_timeout", "60000"}, {"socket_buffer_size", "200000"}});
+    Daemon daemon;
+    Client client;
+    size_t sent = 0;
+    while (sent < 5 * bound && log_count(warning) == 0) {
+        for (int more = 0; more < 64; more++, sent++)
+            client.send(query("flood.example"));
+        usleep(2000);
+    }
+    EXPECT_GT(sent, bound);
+    EXPECT_EQ(log_priority(warning), 4);
+    for (int more = 0; more < 1000; more++)
+        client.send(query("flood.example"));
+    usleep(200'000);
+    EXPECT_EQ(log_count(warning), 1U);
+    EXPECT_TRUE(daemon.running());
+}
+
+} // namespace

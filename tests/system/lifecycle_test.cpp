@@ -1,0 +1,159 @@
+// The daemon as a process: options, start-up, signals, exit statuses.
+#include "harness.h"
+
+#include <csignal>
+
+#include <arpa/inet.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+using namespace harness;
+
+namespace {
+
+struct LifecycleTest : SystemTest {};
+
+TEST_F(LifecycleTest, OptionsThatEndTheProcess) {
+    struct Case {
+        const char *option;
+        int status;
+        const char *output; // how it begins
+        const char *logged; // with priority warning, or nothing
+    };
+    constexpr Case cases[] = {
+        {"-v", 0, "Vantrelle v2.03a MIPS\n", nullptr},
+        {"-f", 0, "", "Unknown option: f"}, // the usage names it, the parser does not know it
+        {"-p", 0, "", "Unknown option: p"}, // its argument is missing
+        {"-?", 0, "", nullptr},
+        {"-b", 128 + SIGUSR1, "", nullptr}, // raised before there are handlers
+        {"-r", 128 + SIGHUP, "", nullptr},
+    };
+    for (const auto &[option, status, output, logged] : cases) {
+        Process daemon(daemon_program, {option});
+        EXPECT_EQ(daemon.wait(), status) << option;
+        EXPECT_TRUE(logged ? log_priority(logged) == 4 : true) << option;
+        EXPECT_TRUE(daemon.output().starts_with(output)) << daemon.output();
+    }
+    EXPECT_EQ(log_count("Usage -p <listen port> -u <dns address> -m <max threads> -t <upstream dns "
+                        "timeout> -s <socket buffer size> -l <log level[0..8]> [-f run in "
+                        "foreground]"),
+              3U);
+    Process version(daemon_program, {"-n"});
+    version.wait();
+    EXPECT_EQ(version.output(), "2.03a"); // and no line end
+    EXPECT_EQ(log_count("Restarting PID: "), 1U);
+    EXPECT_EQ(log_count("Startup"), 0U);
+}
+
+TEST_F(LifecycleTest, StoredSettingsAndDefaultsReplaceTheOptions) {
+    write_file("/etc/config/vantrelle", "");
+    Daemon daemon({"-l", "6", "-p", "5300",   "-m", "2",  "-t", "1",         "-x", "3",
+                   "-s", "1", "-c", "/tmp/x", "-i", "lo", "-u", "10.53.0.1", "-y", "10.53.0.2"});
+    for (const char *line :
+         {"Host Name: Vantrelle-22AABBCC", "Listening on Interface: apcli0",
+          "Listen on ipv4: 192.168.8.1#53", "Upstream DNS Timeout: 2000",
+          "Socket Buffer Size 65535", "Admin Enabled: True", "Thread pool size: 5",
+          "Log stats interval: 100", "Log level: 6", "Log all Traffic: True", "Disabled: False",
+          "Debug: False", "Base Directory: /etc/vantrelle"})
+        EXPECT_EQ(log_priority(line), 6) << line;
+    EXPECT_EQ(log_count("Upstream DNS: 10.53.0."), 0U);
+    EXPECT_EQ(log_lines().front().ident, "vantrelled");
+}
+
+TEST_F(LifecycleTest, StartsWithTheStoredSettings) {
+    Upstream primary(1);
+    configure({{"port", "53"}, {"log_level", "7"}, {"thread_pool", "2"}, {"path", "/etc/lists"}},
+              {{"debug", "1"}});
+    Daemon daemon;
+    EXPECT_EQ(read_file("/etc/resolv.conf"),
+              "search wlan\nnameserver 127.0.0.1\nnameserver 10.53.0.1\n");
+    struct stat status;
+    ASSERT_EQ(stat("/etc/lists", &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0700U);
+    EXPECT_EQ(log_priority("Creating directory /etc/lists"), 6);
+    EXPECT_EQ(log_priority("Thread pool size: 2"), 6);
+    EXPECT_EQ(log_priority("Debug: True"), 6);
+    EXPECT_EQ(log_priority("Starting main loop"), 7);
+    Daemon::prime();
+    EXPECT_TRUE(Client().ask(query("up.example")));
+}
+
+TEST_F(LifecycleTest, ABaseDirectoryThatCannotBeMadeOnlyWarns) {
+    configure({{"path", "/etc/no/such/parent"}});
+    Daemon daemon;
+    EXPECT_EQ(log_priority("Cannot create directory /etc/no/such/parent"), 4);
+}
+
+TEST_F(LifecycleTest, StopsAfterTheNextDatagram) {
+    Upstream primary(1);
+    configure();
+    Daemon daemon;
+    Daemon::prime();
+    daemon.signal(SIGTERM);
+    ASSERT_TRUE(wait_for_log("Processing signal SIGABRT"));
+    for (const char *line : {"Processing signal 15", "Processing signal SIGTERM",
+                             "Processing signal SIGINT", "Processing signal SIGABRT"})
+        EXPECT_EQ(log_priority(line), 6) << line;
+    usleep(200'000);
+    ASSERT_TRUE(daemon.running());
+    EXPECT_EQ(log_count("Shutting down ..."), 0U);
+    Client().send(query("last.example"));
+    EXPECT_EQ(daemon.wait(), 0);
+    EXPECT_EQ(log_priority("Shutdown Complete"), 6);
+}
+
+TEST_F(LifecycleTest, SignalsThatEndTheProcess) {
+    configure({{"log_level", "7"}});
+    for (int number : {SIGHUP, SIGSEGV}) {
+        Daemon daemon;
+        usleep(100'000); // let it wait for a datagram: a fault while it logs could not be logged
+        daemon.signal(number);
+        EXPECT_EQ(daemon.wait(), number);
+        EXPECT_EQ(log_priority("Processing signal " + std::to_string(number)), 6);
+    }
+    EXPECT_EQ(log_count("Vantrelle (2.03a) Performing Cleanup..."), 2U);
+}
+
+TEST_F(LifecycleTest, ReportsOnSignalsAndKeepsRunning) {
+    Upstream primary(1);
+    configure();
+    // Blocked and pending before the daemon's first instruction, the signal is met while it starts:
+    // it reports, and start-up goes on.
+    sigset_t report;
+    sigemptyset(&report);
+    sigaddset(&report, SIGUSR1);
+    sigprocmask(SIG_BLOCK, &report, nullptr);
+    Process daemon("/bin/sh", {"-c", "kill -USR1 $$; exec \"$0\"", daemon_program});
+    sigprocmask(SIG_UNBLOCK, &report, nullptr);
+    ASSERT_TRUE(wait_for_log("Startup Complete."));
+    EXPECT_EQ(log_count("Message Count: 0"), 1U);
+    Daemon::prime();
+    Client client;
+    EXPECT_TRUE(client.ask(query("one.example")));
+    daemon.signal(SIGUSR2);
+    EXPECT_TRUE(wait_for_log("Message Count: 2"));
+    EXPECT_EQ(log_count("Primary Upstream DNS: 10.53.0.1"), 3U);
+    EXPECT_TRUE(client.ask(query("two.example")));
+}
+
+TEST_F(LifecycleTest, AMissingInterfaceEndsStartUp) {
+    configure({{"interface", "nosuch0"}});
+    Process daemon(daemon_program, {});
+    EXPECT_EQ(daemon.wait(), 1);
+    EXPECT_EQ(log_priority("No such interface: nosuch0"), 2);
+}
+
+TEST_F(LifecycleTest, AnAddressInUseAborts) {
+    configure();
+    Daemon first;
+    Process second(daemon_program, {});
+    EXPECT_EQ(second.wait(), 128 + SIGABRT);
+    EXPECT_NE(
+        second.output().find("bind(oDNS.listenfd, (struct sockaddr *) &sin, sizeof (sin)) == 0"),
+        std::string::npos)
+        << second.output();
+    EXPECT_TRUE(first.running());
+}
+
+} // namespace
