@@ -25,21 +25,21 @@ inline constexpr int UPSTREAM_SLOTS = 4;
 // Texts marked "owned" are heap copies that _free_config() (server.cpp) releases; an option of the
 // command line may leave a text of the argument vector in one of them until load_config() runs.
 struct Settings {
-    char *path;                         // base directory for list files; owned
-    char *interface;                    // name of the interface to listen on; owned
-    char *listen_address;               // dotted IPv4 address of `interface`; owned
-    char *hostname;                     // "Vantrelle-" and 8 hexadecimal digits; owned
-    char *spare;                        // never set; released with the other texts
-    char *upstream_dns[UPSTREAM_SLOTS]; // dotted IPv4 addresses, slot 0 is the primary; owned
-    int32_t port;                       // listening port and upstream destination port alike
-    int32_t dns_timeout;                // wait for an upstream answer, milliseconds
-    int32_t socket_buffer_size;         // receive buffer of the listening socket; -1: not set
-    int32_t thread_pool;                // number of workers
-    std::atomic<int32_t> log_level;     // 0..7: priorities up to this one are logged
-    int32_t admin_enabled;              // whether the bus thread is started
-    int32_t log_stats_interval;         // requests between two summary rows
-    int32_t current_dns;                // slot in use; -1 for a moment: back to the primary
-    sqlite3 *db;                        // open statistics database, or null
+    char *path;                          // base directory for list files; owned
+    char *interface;                     // name of the interface to listen on; owned
+    char *listen_address;                // dotted IPv4 address of `interface`; owned
+    char *hostname;                      // "Vantrelle-" and 8 hexadecimal digits; owned
+    char *spare;                         // never set; released with the other texts
+    char *upstream_dns[UPSTREAM_SLOTS];  // dotted IPv4 addresses, slot 0 is the primary; owned
+    int32_t port;                        // listening port and upstream destination port alike
+    int32_t dns_timeout;                 // wait for an upstream answer, milliseconds
+    int32_t socket_buffer_size;          // receive buffer of the listening socket; -1: not set
+    int32_t thread_pool;                 // number of workers
+    std::atomic<int32_t> log_level;      // 0..7: priorities up to this one are logged
+    int32_t admin_enabled;               // whether the bus thread is started
+    int32_t log_stats_interval;          // requests between two summary rows
+    int32_t current_dns;                 // slot in use; -1 for a moment: back to the primary
+    sqlite3 *db;                         // open statistics database, or null
     std::atomic<int32_t> record_traffic; // 1: record requests and list hits
     std::atomic<int32_t> disabled;       // 1: forward everything
     char *board;                         // board name; owned

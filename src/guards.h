@@ -9,11 +9,11 @@
 #include <unistd.h>
 #include <utility>
 
-struct FreeText {
-    void operator()(char *text) const { std::free(text); }
+struct FreeMemory {
+    void operator()(void *memory) const { std::free(memory); }
 };
 // A heap text from strdup() and the like; get() may be null.
-using OwnedText = std::unique_ptr<char, FreeText>;
+using OwnedText = std::unique_ptr<char, FreeMemory>;
 
 struct CloseFile {
     void operator()(FILE *file) const { std::fclose(file); }

@@ -1,0 +1,115 @@
+#include "config.h"
+
+#include "netutils.h"
+#include "uciutils.h"
+
+#include <arpa/inet.h>
+#include <cstdio>
+#include <cstring>
+#include <syslog.h>
+
+Settings oDNS;
+pthread_mutex_t lock;
+
+// Guards the upstream texts for as long as it takes to read or replace them.
+static pthread_mutex_t upstream_lock = PTHREAD_MUTEX_INITIALIZER;
+
+// "Vantrelle", a hyphen and the end of the hardware address.
+static char *make_hostname() {
+    constexpr size_t SIZE = 19;
+    // The interface is fixed: the host name is built before the configured interface is read.
+    const OwnedText mac(getMacAddress("apcli0"));
+    char *hostname = static_cast<char *>(std::calloc(1, SIZE));
+    if (hostname)
+        std::snprintf(hostname, SIZE, "%s-%s", PRODUCT_NAME, mac ? mac.get() : "");
+    return hostname;
+}
+
+static void reset_state() {
+    oDNS.start_time = time(nullptr);
+    oDNS.listenfd = -1;
+    oDNS.upstreamfd = -1;
+    oDNS.requests = oDNS.errors = oDNS.resets = oDNS.blocked = 0;
+    oDNS.current_dns = 0;
+    oDNS.dns_timeouts = 0;
+    oDNS.secondary_since = 0;
+    oDNS.socket_buffer_size = -1;
+    oDNS.admin_enabled = 1;
+    oDNS.start_time = time(nullptr);
+}
+
+// The stored settings replace what the command line set: of the options only the log level
+// survives, as the default of its key.
+static void read_settings() {
+    oDNS.log_level = get_uci_int_with_default("vantrelle.@main[0].log_level", oDNS.log_level);
+    set_log_mask(oDNS.log_level);
+    for (int slot = 0; slot < UPSTREAM_SLOTS; slot++)
+        oDNS.upstream_dns[slot] = get_upstream_dns(slot + 1);
+    oDNS.dns_timeout = get_uci_int_with_default("vantrelle.@main[0].dns_timeout", 2000);
+    oDNS.disabled = get_uci_int_with_default("vantrelle.@main[0].disabled", 0);
+    oDNS.record_traffic = get_uci_int_with_default("vantrelle.@main[0].record_traffic", 1);
+    oDNS.dns_max_time_on_secondary =
+        get_uci_int_with_default("vantrelle.@main[0].dns_max_time_on_secondary", 600);
+    oDNS.log_stats_interval =
+        get_uci_int_with_default("vantrelle.@main[0].log_stats_interval", 100);
+    oDNS.port = get_uci_int_with_default("vantrelle.@main[0].port", 53);
+    oDNS.thread_pool = get_uci_int_with_default("vantrelle.@main[0].thread_pool", 5);
+    oDNS.socket_buffer_size =
+        get_uci_int_with_default("vantrelle.@main[0].socket_buffer_size", 65535);
+    // A first reading without a default is dropped; a missing board is logged twice.
+    OwnedText(get_uci_string("vantrelle.@main[0].board")).reset();
+    oDNS.debug = get_uci_int_with_default("vantrelle.@logging[0].debug", 0);
+    oDNS.debug_sql = get_uci_int_with_default("vantrelle.@logging[0].debug_sql", 0);
+    oDNS.interface = get_uci_string_with_default("vantrelle.@main[0].interface", "apcli0");
+    oDNS.board = get_uci_string_with_default("vantrelle.@main[0].board", "Unknown");
+    oDNS.path = get_uci_string_with_default("vantrelle.@main[0].path", "/etc/vantrelle");
+}
+
+void load_config() {
+    syslog(LOG_DEBUG, "Start Load Config");
+    reset_state();
+    oDNS.hostname = make_hostname();
+    syslog(LOG_DEBUG, "Hostname %s", oDNS.hostname);
+    oDNS.upstream_dns[0] = nullptr;
+    oDNS.disabled = 0;
+    oDNS.debug = 0;
+    oDNS.debug_sql = 0;
+    read_settings();
+    syslog(LOG_DEBUG, "Done Load Config");
+}
+
+void set_log_mask(int level) {
+    if (level >= 0) // a negative level leaves the mask as it is
+        setlogmask(LOG_UPTO(level < LOG_DEBUG ? level : LOG_DEBUG));
+}
+
+in_addr_t upstream_address(int slot) {
+    if (slot < 0 || slot >= UPSTREAM_SLOTS)
+        return INADDR_ANY;
+    const MutexGuard guard(upstream_lock);
+    const char *text = oDNS.upstream_dns[slot];
+    return text ? inet_addr(text) : INADDR_ANY;
+}
+
+OwnedText copy_upstream(int slot) {
+    const MutexGuard guard(upstream_lock);
+    const char *text = oDNS.upstream_dns[slot];
+    return OwnedText(text ? strdup(text) : nullptr);
+}
+
+void replace_upstreams(const char *const (&texts)[UPSTREAM_SLOTS]) {
+    const MutexGuard guard(upstream_lock);
+    for (int slot = 0; slot < UPSTREAM_SLOTS; slot++) {
+        char *copy = strdup(texts[slot]);
+        if (!copy)
+            continue; // out of memory: the old address stays in use
+        std::free(oDNS.upstream_dns[slot]);
+        oDNS.upstream_dns[slot] = copy;
+    }
+}
+
+// The counters are written under `lock` by whole-word stores; a reader elsewhere accepts a value
+// torn between its halves, and the thread sanitizer is told so here.
+__attribute__((no_sanitize("thread"))) uint64_t read_counter(const uint64_t &counter) {
+    return *const_cast<const volatile uint64_t *>(&counter);
+}

@@ -1,0 +1,158 @@
+// The process entry: options, banner, signal handlers, and then the server until it stops.
+
+#include "config.h"
+#include "server.h"
+#include "sigmask.h"
+#include "strutils.h"
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <syslog.h>
+#include <unistd.h>
+
+static constexpr const char *ARCHITECTURE = "MIPS"; // on every build; front ends show it
+static constexpr const char *NOTICE[] = {"Copyright (C) 2026", "The Vantrelle project"};
+
+static void cleanup() {
+    syslog(LOG_DEBUG, "%s (%s) Performing Cleanup...", PRODUCT_NAME, PRODUCT_VERSION);
+}
+
+// Goes to the log, not to the terminal, and advertises -f, which the parser does not know.
+static void usage() {
+    syslog(LOG_INFO, "Usage -p <listen port> -u <dns address> -m <max threads> "
+                     "-t <upstream dns timeout> -s <socket buffer size> -l <log level[0..8]> "
+                     "[-f run in foreground]\n");
+}
+
+static void brag() {
+    syslog(LOG_INFO, "%s v%s %s", PRODUCT_NAME, PRODUCT_VERSION, ARCHITECTURE);
+    syslog(LOG_INFO, "%s %s", NOTICE[0], NOTICE[1]);
+    std::printf("%s v%s %s\n", PRODUCT_NAME, PRODUCT_VERSION, ARCHITECTURE);
+    std::printf("%s %s\n", NOTICE[0], NOTICE[1]);
+    std::fflush(stdout);
+}
+
+static void system_shutdown() {
+    shutting_down = 1;
+}
+
+// Ends the process; bringing the daemon back is the service supervisor's job.
+static void restart() {
+    syslog(LOG_INFO, "Restarting PID: %u\n", static_cast<unsigned>(oDNS.pid));
+    raise(SIGHUP);
+}
+
+// Runs only where sigmask.h lets it, but for SIGSEGV.
+static void sig_handler(int number) {
+    if (number == SIGSEGV) {
+        // A fault inside the logger or the allocator must not hang the process here for ever.
+        signal(SIGSEGV, SIG_DFL);
+        alarm(5);
+    }
+    syslog(LOG_INFO, "Processing signal %d\n", number);
+    switch (number) {
+    case SIGUSR1:
+        log_config(1);
+        break;
+    case SIGUSR2:
+        log_config(1);
+        write_stats();
+        break;
+    case SIGTERM:
+        syslog(LOG_INFO, "Processing signal SIGTERM");
+        [[fallthrough]]; // the lines of the lesser signals are logged too
+    case SIGINT:
+        syslog(LOG_INFO, "Processing signal SIGINT");
+        [[fallthrough]];
+    case SIGABRT:
+        syslog(LOG_INFO, "Processing signal SIGABRT");
+        system_shutdown();
+        break;
+    default:
+        std::exit(number);
+    }
+}
+
+static void set_signal_handlers() {
+    for (const int number : {SIGUSR1, SIGUSR2, SIGHUP, SIGTERM, SIGSEGV})
+        signal(number, sig_handler);
+}
+
+static void reject_option() {
+    if (optopt > 0)
+        syslog(LOG_WARNING, "Unknown option: %c", optopt);
+    usage();
+    std::exit(EXIT_SUCCESS);
+}
+
+// Each option takes effect at once. The stored settings replace all of them but the log level.
+static void apply_option(int option, char *argument) {
+    switch (option) {
+    case 'a':
+        oDNS.admin_enabled = 1;
+        break;
+    case 'b':
+        raise(SIGUSR1); // before the handlers are installed: ends the process
+        break;
+    case 'c':
+        oDNS.path = argument;
+        break;
+    case 'i':
+        oDNS.interface = argument;
+        break;
+    case 'l':
+        oDNS.log_level = decimal(argument);
+        set_log_mask(oDNS.log_level);
+        break;
+    case 'm':
+        oDNS.thread_pool = decimal(argument);
+        break;
+    case 'n':
+        std::printf("%s", PRODUCT_VERSION);
+        std::exit(EXIT_SUCCESS);
+    case 'p':
+        oDNS.port = decimal(argument);
+        break;
+    case 'r':
+        restart(); // before the handlers are installed: ends the process
+        break;
+    case 's':
+        oDNS.socket_buffer_size = decimal(argument);
+        break;
+    case 't':
+        oDNS.dns_timeout = decimal(argument);
+        break;
+    case 'u':
+        oDNS.upstream_dns[0] = argument;
+        break;
+    case 'v':
+        brag();
+        std::exit(EXIT_SUCCESS);
+    case 'x':
+        oDNS.log_stats_interval = decimal(argument);
+        break;
+    case 'y':
+        oDNS.upstream_dns[1] = argument;
+        break;
+    case '?':
+        reject_option();
+        break;
+    default:
+        break;
+    }
+}
+
+int main(int argc, char **argv) {
+    std::atexit(cleanup);
+    setlogmask(127);
+    openlog("vantrelled", LOG_PID | LOG_CONS | LOG_NDELAY, LOG_LOCAL0);
+    for (int option; (option = getopt(argc, argv, "abc:i:l:m:np:rs:t:u:vx:y:?")) != -1;)
+        apply_option(option, optarg);
+    block_daemon_signals();
+    oDNS.pid = getpid();
+    brag();
+    set_signal_handlers();
+    server_run();
+    return 0;
+}

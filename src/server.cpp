@@ -1,0 +1,594 @@
+#include "server.h"
+
+#include "check.h"
+#include "config.h"
+#include "guards.h"
+#include "ledutils.h"
+#include "netutils.h"
+#include "sigmask.h"
+#include "svrutils.h"
+#include "thpool.h"
+#include "utils.h"
+
+#include <arpa/inet.h>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <initializer_list>
+#include <poll.h>
+#include <strings.h>
+#include <sys/stat.h>
+#include <syslog.h>
+
+std::atomic<int> shutting_down;
+
+// Waiting jobs beyond which datagrams are dropped: while an upstream is silent a flood then costs a
+// few megabytes and not the router.
+static constexpr int MAX_WAITING_JOBS = 4096;
+static constexpr time_t DROP_WARNING_INTERVAL = 10; // seconds
+
+static constexpr int TIMEOUTS_BEFORE_SWITCH = 5;
+
+static const char *shown(const char *text) {
+    return text ? text : "(null)";
+}
+
+static unsigned long thread_id() {
+    return static_cast<unsigned long>(pthread_self());
+}
+
+// Sends a datagram. A negative length (a failed receive that was queued) fails like any other
+// send.
+static ssize_t send_datagram(int fd, const uint8_t *bytes, int32_t length, sockaddr_in to) {
+    if (length < 0) {
+        errno = EMSGSIZE;
+        return -1;
+    }
+    return sendto(fd, bytes, static_cast<size_t>(length), 0, reinterpret_cast<sockaddr *>(&to),
+                  sizeof to);
+}
+
+// Counters and reports
+
+void update_stats(int32_t requests, int32_t blocked, int32_t resets, int32_t errors) {
+    oDNS.requests += static_cast<int64_t>(requests);
+    oDNS.blocked += static_cast<int64_t>(blocked);
+    oDNS.resets += static_cast<int64_t>(resets);
+    oDNS.errors += static_cast<int64_t>(errors);
+    const auto interval = static_cast<uint64_t>(static_cast<int64_t>(oDNS.log_stats_interval));
+    // Asked after every call: a reset at a multiple of the interval writes and logs once more. An
+    // interval of 0 means never.
+    if (interval == 0 || oDNS.requests % interval != 0)
+        return;
+    write_stats();
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat"
+    // Where a long has 32 bits this shows the halves of the first counters; the text is kept.
+    syslog(LOG_INFO,
+           "[ Req: %lu ] [ Blocked: %lu ] [ Resets: %lu ] [ Errors: %lu ] [ Threads: %d ]",
+           oDNS.requests, oDNS.blocked, oDNS.resets, oDNS.errors,
+           thpool_num_threads_working(oDNS.pool));
+#pragma GCC diagnostic pop
+}
+
+void write_stats() {
+    if (!oDNS.db)
+        return;
+    syslog(LOG_DEBUG, "Finished writing stats"); // also when the insert failed
+}
+
+void read_stats() {
+    syslog(LOG_DEBUG, "Before create/read stats summary");
+    syslog(LOG_DEBUG, "Before reading stats");
+    syslog(LOG_INFO, "Finished reading stats");
+}
+
+void reload_stats() {
+    read_stats();
+}
+
+void log_stats() {
+    syslog(LOG_INFO, "Message Count: %s", commaprint(read_counter(oDNS.requests)));
+    syslog(LOG_INFO, "Sites blocked: %s", commaprint(read_counter(oDNS.blocked)));
+    syslog(LOG_INFO, "Connection Reset Count: %s", commaprint(read_counter(oDNS.resets)));
+    syslog(LOG_INFO, "Error Count: %s", commaprint(read_counter(oDNS.errors)));
+    write_stats();
+}
+
+// Where a report's lines go, each with the text of its format.
+typedef void (*ReportLine)(const char *format, ...) __attribute__((format(printf, 1, 2)));
+
+__attribute__((format(printf, 1, 2))) static void line_to_log(const char *format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    vsyslog(LOG_INFO, format, arguments);
+    va_end(arguments);
+}
+
+// Writes no line break: the lines of a printed report run together, and are kept so.
+__attribute__((format(printf, 1, 2))) static void line_to_stdout(const char *format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    std::vprintf(format, arguments);
+    va_end(arguments);
+}
+
+static const char *flag_text(int flag) {
+    return flag ? "True" : "False";
+}
+
+static void report_upstreams(ReportLine line) {
+    line("Primary Upstream DNS: %s", shown(copy_upstream(0).get()));
+    line("Secondary Upstream DNS: %s", shown(copy_upstream(1).get()));
+    line("Tertiary Upstream DNS: %s", shown(copy_upstream(2).get()));
+    line("Quaternary Upstream DNS: %s", shown(copy_upstream(3).get()));
+}
+
+static void report_settings(ReportLine line) {
+    char uptime[TIME_TEXT_SIZE];
+    time2String(uptime, time(nullptr) - oDNS.start_time);
+    line("Host Name: %s", shown(oDNS.hostname));
+    line("Listening on Interface: %s", shown(oDNS.interface));
+    line("Listen on ipv4: %s#%d", shown(oDNS.listen_address), oDNS.port);
+    report_upstreams(line);
+    line("Upstream DNS Timeout: %d", oDNS.dns_timeout);
+    if (oDNS.socket_buffer_size != -1)
+        line("Socket Buffer Size %d", oDNS.socket_buffer_size);
+    line("Admin Enabled: %s", flag_text(oDNS.admin_enabled));
+    line("Thread pool size: %d", oDNS.thread_pool);
+    line("Log stats interval: %d", oDNS.log_stats_interval);
+    line("Log level: %d", oDNS.log_level.load());
+    line("Log all Traffic: %s", flag_text(oDNS.record_traffic));
+    line("Disabled: %s", flag_text(oDNS.disabled));
+    line("Debug: %s", flag_text(oDNS.debug));
+    line("Uptime: %s", uptime);
+    line("PID: %u", static_cast<unsigned>(getpid()));
+    line("Base Directory: %s", shown(oDNS.path));
+}
+
+static void report(ReportLine line, int with_stats) {
+    report_settings(line);
+    if (!with_stats)
+        return;
+    log_stats();
+}
+
+void log_config(int with_stats) {
+    report(line_to_log, with_stats);
+}
+
+void print_config(int with_stats) {
+    line_to_stdout("Vantrelle v%s", PRODUCT_VERSION);
+    report(line_to_stdout, with_stats);
+}
+
+double get_block_rate() {
+    return 0.0;
+}
+
+// Upstream connection
+
+static void _open_upstream_dns_connection() {
+    if (oDNS.upstreamfd >= 0) {
+        syslog(LOG_WARNING, "Upstream DNS Socket is already open");
+        return;
+    }
+    oDNS.upstreamfd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (oDNS.upstreamfd < 0) {
+        syslog(LOG_CRIT, "Cannot open upstream DNS connection");
+        std::exit(EXIT_FAILURE);
+    }
+    syslog(LOG_DEBUG, "Upsteam socket fd is: %d",
+           oDNS.upstreamfd); // spelt so; log readers match it
+}
+
+static void _close_upstream_dns_connection() {
+    if (oDNS.upstreamfd < 0) {
+        syslog(LOG_WARNING, "Upstream DNS connection already closed");
+        return;
+    }
+    shutdown(oDNS.upstreamfd, SHUT_RDWR);
+    close(oDNS.upstreamfd);
+    oDNS.upstreamfd = -1;
+}
+
+// A fresh socket, so that a late answer to one query is never read as the answer to the next.
+static void reset_dns_connection() {
+    syslog(LOG_DEBUG, "Reset upstream DNS connection");
+    multi_led_orange();
+    update_stats(0, 0, 1, 0);
+    _close_upstream_dns_connection();
+    usleep(500);
+    _open_upstream_dns_connection();
+}
+
+void switch_dns() {
+    static constexpr const char *MOVES[UPSTREAM_SLOTS] = {
+        "Switching to Primary Upstream DNS",
+        "Switching to Secondary Upstream DNS",
+        "Switching to Tertiary Upstream DNS",
+        "Switching to Quaternary Upstream DNS",
+    };
+    oDNS.dns_timeouts = 0;
+    multi_led_orange();
+    const bool has_next = oDNS.current_dns >= 0 && oDNS.current_dns < UPSTREAM_SLOTS - 1;
+    oDNS.current_dns = has_next ? oDNS.current_dns + 1 : 0;
+    syslog(LOG_INFO, "%s", MOVES[oDNS.current_dns]);
+    oDNS.secondary_since = time(nullptr);
+}
+
+void dns_config_changed() {
+    oDNS.current_dns = UPSTREAM_SLOTS - 1;
+    switch_dns();
+}
+
+static void choose_upstream() {
+    if (oDNS.dns_timeouts >= TIMEOUTS_BEFORE_SWITCH)
+        switch_dns();
+    if (oDNS.current_dns <= 0 || oDNS.secondary_since == 0)
+        return;
+    // Switch time minus now: not positive while the clock runs forward, so the daemon stays on a
+    // secondary for as long as it answers, whatever the maximum says. Kept.
+    const int64_t since = oDNS.secondary_since - time(nullptr);
+    if (since > oDNS.dns_max_time_on_secondary) {
+        syslog(LOG_INFO, "Switching to Primary Upstream DNS (Max Time On Secondary)");
+        oDNS.current_dns = -1;
+        switch_dns();
+    }
+}
+
+static bool wait_for_answer() {
+    pollfd waiting = {.fd = oDNS.upstreamfd, .events = POLLIN, .revents = 0};
+    // A negative time-out would wait for ever, with `lock` held.
+    return poll(&waiting, 1, oDNS.dns_timeout < 0 ? 0 : oDNS.dns_timeout) == 1;
+}
+
+// Neither the id nor the source of the answer is compared with the query.
+static void relay_answer(sockaddr_in client) {
+    uint8_t reply[MAX_MESSAGE + 1] = {};
+    const ssize_t length = recv(oDNS.upstreamfd, reply, MAX_MESSAGE, 0);
+    if (length < 0) {
+        syslog(LOG_ERR, "Received error: %s %d\n", std::strerror(errno), static_cast<int>(length));
+        return;
+    }
+    const ssize_t sent = send_datagram(oDNS.listenfd, reply, static_cast<int32_t>(length), client);
+    if (sent < 0)
+        syslog(LOG_ERR, "Received error: %s %d\n", std::strerror(errno), static_cast<int>(sent));
+    else if (oDNS.debug == 1)
+        syslog(LOG_DEBUG, "Received: %s", reinterpret_cast<const char *>(reply));
+}
+
+void forward_request(const uint8_t *message, int32_t length, sockaddr_in client) {
+    syslog(LOG_DEBUG, "Forwarding request");
+    multi_led_blue();
+    choose_upstream();
+    update_stats(1, 0, 0, 0);
+    sockaddr_in upstream = {};
+    upstream.sin_family = AF_INET;
+    upstream.sin_port = htons(static_cast<uint16_t>(oDNS.port));
+    upstream.sin_addr.s_addr = upstream_address(oDNS.current_dns);
+    syslog(LOG_DEBUG, "s_addr size:  %d, req_size: %d", static_cast<int>(sizeof upstream), length);
+    const ssize_t sent = send_datagram(oDNS.upstreamfd, message, length, upstream);
+    if (sent < 0) {
+        syslog(LOG_ERR, "[%lu] Sendto Error: %s %d\n", thread_id(), std::strerror(errno),
+               static_cast<int>(sent));
+        return;
+    }
+    if (wait_for_answer()) {
+        relay_answer(client);
+        oDNS.dns_timeouts = 0;
+        return;
+    }
+    oDNS.dns_timeouts++;
+    syslog(LOG_ERR, "ERROR: Upstream DNS Response timed out, Resetting connection (%d)\n",
+           oDNS.dns_timeouts);
+    reset_dns_connection();
+}
+
+// Classification and diversion
+
+static int is_reverse(const char *name, sockaddr_in client) {
+    // IPv6 reverse names are not recognised.
+    if (std::strlen(name) < 13 || !std::strstr(name, "in-addr.arpa"))
+        return 0;
+    syslog(LOG_DEBUG, "%s is a reverse lookup (%s)", name, socket2ip(client));
+    return 1;
+}
+
+static int is_local(const char *name, sockaddr_in client) {
+    // The buffer cuts the suffix to ".loca"; queries for the full name go through the lists. Kept.
+    char with_suffix[24];
+    std::snprintf(with_suffix, sizeof with_suffix, "%s.local", oDNS.hostname);
+    for (const char *own : {static_cast<const char *>(oDNS.hostname), "vantrelle",
+                            "vantrelle.localdomain", static_cast<const char *>(with_suffix)}) {
+        if (strcasecmp(name, own) == 0) {
+            syslog(LOG_INFO, "%s is local server (%s)", name, socket2ip(client));
+            return 1;
+        }
+    }
+    return 0;
+}
+
+void divert(const uint8_t *message, int32_t length, sockaddr_in client, int blocked) {
+    // A pointer to the question's name (RFC 1035, 4.1.4), type A, class IN, 1345 seconds to live,
+    // 4 bytes of data: 255.255.255.255.
+    static constexpr uint8_t ANSWER[] = {0xC0, 0x0C, 0x00, 0x01, 0x00, 0x01, 0x00, 0x00,
+                                         0x05, 0x41, 0x00, 0x04, 0xFF, 0xFF, 0xFF, 0xFF};
+    syslog(LOG_DEBUG, "Diverting");
+    if (blocked == 1) {
+        update_stats(1, 1, 0, 0);
+        multi_led_red();
+    } else {
+        multi_led_green();
+    }
+    if (length < 0)
+        length = 0;
+    uint8_t reply[MAX_MESSAGE + sizeof ANSWER] = {};
+    std::memcpy(reply, message, static_cast<size_t>(length));
+    reply[2] = 0x80;  // a response; opcode, authority, truncation and recursion desired are cleared
+    reply[3] |= 0x83; // recursion available, name error
+    reply[6] = 0;     // one answer
+    reply[7] = 1;
+    reply[10] = reply[11] = 0; // no additional records, though the query's own may still follow
+    std::memcpy(reply + length, ANSWER, sizeof ANSWER);
+    const ssize_t sent =
+        send_datagram(oDNS.listenfd, reply, length + static_cast<int32_t>(sizeof ANSWER), client);
+    if (sent < 0)
+        syslog(LOG_ERR, "[%lu] Divert Received error: %s %d\n", thread_id(), std::strerror(errno),
+               static_cast<int>(sent));
+}
+
+static void forward_and_record(const DnsRequest &request, const char *name) {
+    forward_request(request.message, request.length, request.client);
+    (void)name;
+}
+
+// The first rule that matches decides. Blocked devices win over everything, white over black.
+static void classify(const DnsRequest &request, const char *name) {
+    const sockaddr_in client = request.client;
+    if (oDNS.disabled == 1 || is_local(name, client) || is_reverse(name, client))
+        forward_request(request.message, request.length, client); // never recorded
+    else
+        forward_and_record(request, name);
+}
+
+void *_process_request(void *job) {
+    const MutexGuard guard(lock);
+    const clock_t start = clock();
+    debugLog("Request Start", start);
+    {
+        const std::unique_ptr<DnsRequest, FreeMemory> request(static_cast<DnsRequest *>(job));
+        char name[QUERY_NAME_SIZE] = "";
+        extract_url(name, request->message, QUESTION_OFFSET, request->client);
+        classify(*request, name);
+    }
+    syslog(LOG_DEBUG, "Request End: %lf", static_cast<double>(clock() - start) / CLOCKS_PER_SEC);
+    syslog(LOG_DEBUG, "_____________________________________________________________");
+    return nullptr;
+}
+
+// Receive loop
+
+static void log_receive_error(int code) {
+    switch (code) {
+    case EINTR:
+        syslog(LOG_WARNING, "The operation was interrupted by a signal before any data was read. "
+                            "See Primitives Interrupted by Signals.");
+        break;
+    case EBADF:
+        syslog(LOG_WARNING, "The socket argument is not a valid file descriptor.");
+        break;
+    case EWOULDBLOCK:
+        syslog(LOG_WARNING, "Operation would block");
+        break;
+    case ENOTSOCK:
+        syslog(LOG_WARNING, "File descriptor socket is not a socket.");
+        break;
+    case ENOTCONN:
+        syslog(LOG_WARNING, "You never connected this socket.");
+        break;
+    default:
+        break;
+    }
+}
+
+// Signals are handled here and do not end the wait: a stop shows after the next datagram only.
+static void wait_for_datagram() {
+    // ppoll() leaves a signal pending when a datagram is there already, so that a steady stream of
+    // queries would keep SIGTERM out for ever.
+    admit_pending_signals(true);
+    const sigset_t mask = waiting_signal_mask();
+    pollfd waiting = {.fd = oDNS.listenfd, .events = POLLIN, .revents = 0};
+    while (ppoll(&waiting, 1, nullptr, &mask) < 0 && errno == EINTR)
+        continue;
+}
+
+static bool queue_is_full() {
+    static time_t warned_at;
+    if (thpool_jobqueue_length(oDNS.pool) < MAX_WAITING_JOBS)
+        return false;
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    if (warned_at == 0 || now.tv_sec - warned_at >= DROP_WARNING_INTERVAL) {
+        syslog(LOG_WARNING, "Job queue is full, dropping queries");
+        warned_at = now.tv_sec;
+    }
+    return true;
+}
+
+static void queue_request(const DnsRequest &received) {
+    syslog(LOG_DEBUG, "Request size: %ld", static_cast<long>(received.length));
+    if (queue_is_full())
+        return;
+    auto *job = static_cast<DnsRequest *>(std::malloc(sizeof(DnsRequest)));
+    if (!job)
+        return;
+    *job = received;
+    if (thpool_add_work(oDNS.pool, _process_request, job) != 0)
+        std::free(job);
+}
+
+static void main_loop() {
+    syslog(LOG_INFO, "Startup Complete.");
+    syslog(LOG_DEBUG, "Starting main loop");
+    DnsRequest received = {};
+    // 0 for the first receive only, which therefore takes no address: the client of the first
+    // datagram is never answered. Kept; whoever starts the daemon sends one query to prime it.
+    socklen_t address_length = 0;
+    while (!shutting_down) {
+        std::memset(received.message, 0, sizeof received.message);
+        wait_for_datagram();
+        received.length = static_cast<int32_t>(
+            recvfrom(oDNS.listenfd, received.message, MAX_MESSAGE, 0,
+                     reinterpret_cast<sockaddr *>(&received.client), &address_length));
+        if (received.length < 0 && !shutting_down)
+            log_receive_error(errno);
+        else
+            queue_request(received);
+    }
+    syslog(LOG_DEBUG, "Exiting Main Loop");
+}
+
+// Start-up
+
+static int set_interface_address(const char *interface, char **destination) {
+    InterfaceAddress address = {};
+    get_address_from_interface(interface, &address);
+    syslog(LOG_INFO, "Back from checking interfaces");
+    if (!destination) {
+        syslog(LOG_DEBUG, "Null host pointer");
+        return -1;
+    }
+    if (!*address.ipv4) {
+        syslog(LOG_WARNING, "Unable to determine IP, using localhost");
+        *destination = strdup("127.0.0.1");
+    } else {
+        syslog(LOG_DEBUG, " Host pointer OK");
+        *destination = strdup(address.ipv4);
+    }
+    return 0;
+}
+
+static void create_base_directory() {
+    struct stat status;
+    if (stat(oDNS.path, &status) == 0)
+        return;
+    syslog(LOG_INFO, "Creating directory %s", oDNS.path);
+    if (mkdir(oDNS.path, S_IRWXU) != 0)
+        syslog(LOG_WARNING, "Cannot create directory %s", oDNS.path);
+}
+
+static void init_lock() {
+    if (pthread_mutex_init(&lock, nullptr) != 0) {
+        syslog(LOG_ERR, "Mutex init failed");
+        std::exit(6);
+    }
+}
+
+static void server_init() {
+    shutting_down = 0;
+    load_config();
+    admit_pending_signals(false);
+    start_init_leds();
+    set_interface_address(oDNS.interface, &oDNS.listen_address);
+    create_base_directory();
+    admit_pending_signals(false);
+    multi_led_yellow();
+    multi_led_red();
+    oDNS.pool = thpool_init(oDNS.thread_pool);
+    init_lock();
+    log_config(0);
+    admit_pending_signals(true);
+}
+
+static void _open_ns_socket() {
+    require((oDNS.listenfd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) >= 0,
+            "(oDNS.listenfd = socket(AF_INET, SOCK_DGRAM, 0)) >= 0", "server: _open_ns_socket");
+    const int fd = oDNS.listenfd;
+    syslog(LOG_DEBUG, "Listen Socket descriptor: %d", fd);
+    sockaddr_in sin = {};
+    sin.sin_family = AF_INET;
+    sin.sin_port = htons(static_cast<uint16_t>(oDNS.port));
+    sin.sin_addr.s_addr = inet_addr(oDNS.listen_address);
+    require(bind(fd, reinterpret_cast<sockaddr *>(&sin), sizeof sin) == 0,
+            "bind(oDNS.listenfd, (struct sockaddr *) &sin, sizeof (sin)) == 0",
+            "server: _open_ns_socket");
+    syslog(LOG_DEBUG, "Bind completed");
+    const int reuse = 1; // set behind the bind, where it changes nothing for this socket; kept
+    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof reuse);
+    const int size = oDNS.socket_buffer_size;
+    if (size > 0 && setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &size, sizeof size) != 0)
+        syslog(LOG_ERR, "Error setting receive buffer size to: %d", size);
+    // No receive time-out: the socket blocks until a datagram comes.
+}
+
+// Makes the router itself ask this daemon first and the primary upstream after it.
+static void _fix_resolv() {
+    const OwnedFile file(std::fopen("/etc/resolv.conf", "we"));
+    if (!file)
+        return;
+    const auto write_line = [&file](const char *keyword, const char *value) {
+        char line[36]; // cuts a longer line, line end included
+        std::snprintf(line, sizeof line, "%s %s\n", keyword, value);
+        std::fputs(line, file.get());
+    };
+    write_line("search", "wlan");
+    write_line("nameserver", "127.0.0.1");
+    write_line("nameserver", shown(copy_upstream(0).get()));
+}
+
+static void open_sockets() {
+    if (!oDNS.listen_address)
+        return;
+    syslog(LOG_INFO, "Opening sockets");
+    _open_ns_socket();
+    _open_upstream_dns_connection();
+    _fix_resolv();
+    multi_led_blue();
+    admit_pending_signals(true);
+}
+
+// Shutdown
+
+static void _close_dns_listener() {
+    const int fd = oDNS.listenfd.exchange(-1);
+    if (fd >= 0)
+        close(fd);
+}
+
+static void _stop_threadpool() {
+    thpool_destroy(oDNS.pool, std::free); // frees the requests that no worker took
+    oDNS.pool = nullptr;
+}
+
+static void _free_config() {
+    for (char *&text : oDNS.upstream_dns)
+        std::free(std::exchange(text, nullptr));
+    for (char **text : {&oDNS.path, &oDNS.interface, &oDNS.listen_address, &oDNS.hostname,
+                        &oDNS.spare, &oDNS.board})
+        std::free(std::exchange(*text, nullptr));
+}
+
+static void server_shutdown() {
+    shutting_down = 1;
+    syslog(LOG_INFO, "Shutting down ...");
+    _close_dns_listener();
+    _stop_threadpool();
+    _close_upstream_dns_connection();
+    pthread_mutex_destroy(&lock);
+    write_stats();
+    _free_config();
+    shutdown_multi_led();
+    syslog(LOG_INFO, "Shutdown Complete");
+}
+
+void server_run() {
+    shutting_down = 0;
+    server_init();
+    open_sockets();
+    main_loop();
+    server_shutdown();
+}

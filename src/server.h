@@ -1,0 +1,78 @@
+// The DNS forwarder: start-up and shutdown in a fixed order, the listening socket and its receive
+// loop, the classification of each query, the upstream connection with its failover, and the four
+// counters with their reports.
+//
+// main() calls server_run(), the signal handlers call the reports, the bus thread reads counters
+// and calls nothing else here. A worker runs _process_request() for each datagram and holds `lock`
+// meanwhile, so everything that says "worker" below runs one request at a time.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <netinet/in.h>
+
+// Longest datagram taken, without EDNS (RFC 1035, 4.2.1); longer ones are cut.
+inline constexpr int MAX_MESSAGE = 512;
+
+// One received datagram. The receive loop allocates it with malloc(); the worker that runs it, or
+// the pool's destruction, frees it.
+struct DnsRequest {
+    uint8_t message[MAX_MESSAGE + 4]; // zero-filled behind the datagram
+    int32_t length;                   // as the receive returned it
+    sockaddr_in client;               // all zero for the first datagram after the start
+};
+
+// 1 once the daemon shall stop; the receive loop sees it after the next datagram.
+extern std::atomic<int> shutting_down;
+
+// Runs the daemon until it is told to stop. Main thread. Ends the process when start-up fails:
+// status 1 without an address or an upstream socket, 6 without a mutex, abort without a listener.
+void server_run();
+
+// Classifies one request, forwards or diverts it and frees it. `job` is a DnsRequest *. Returns
+// null. Worker.
+void *_process_request(void *job);
+
+// Sends the local answer to a query: the query itself with response code 3 (name error) and one A
+// record for 255.255.255.255 behind it. `blocked` is 1 when a list decided it, which counts.
+// `message` has `length` bytes. Worker.
+void divert(const uint8_t *message, int32_t length, sockaddr_in client, int blocked);
+
+// Passes a query to the current upstream resolver, waits dns_timeout milliseconds and relays the
+// answer unchanged. Worker.
+void forward_request(const uint8_t *message, int32_t length, sockaddr_in client);
+
+// Moves to the next upstream slot in the ring, whether it answers or not. Worker.
+void switch_dns();
+
+// Returns to the primary upstream. Without a caller in the daemon.
+void dns_config_changed();
+
+// Adds to the counters; writes and logs them whenever `requests` is a multiple of
+// log_stats_interval, also when it did not change. Worker.
+void update_stats(int32_t requests, int32_t blocked, int32_t resets, int32_t errors);
+
+// Appends the counters to the summary table, if there is a database. Any thread.
+void write_stats();
+
+// Restores the counters from the newest summary row (two names of one operation). Main thread,
+// once, after the database was opened.
+void read_stats();
+void reload_stats();
+
+// Logs the counters and writes them. Main thread.
+void log_stats();
+
+// Reports the settings to the log, and with a non-zero argument the counters (which writes them)
+// and the list sizes. Main thread.
+void log_config(int with_stats);
+
+// The same report to standard output, in one line. Without a caller in the daemon.
+void print_config(int with_stats);
+
+// Pauses the workers and empties the main and local black and white lists, which the next lookup
+// loads again. Without a caller in the daemon.
+void reload_lists();
+
+// The block rate that the bus reports: always 0.0, it is not computed.
+double get_block_rate();

@@ -1,0 +1,287 @@
+#include "thpool.h"
+
+#include "guards.h"
+#include "sigmask.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <sched.h>
+#include <sys/prctl.h>
+
+std::atomic<int> threads_keepalive;
+std::atomic<int> threads_on_hold;
+
+template <typename Record>
+static Record *allocate(size_t count = 1) {
+    return static_cast<Record *>(std::calloc(count, sizeof(Record)));
+}
+
+// Binary semaphore
+
+static void bsem_init(bsem *s, int value) {
+    if (value < 0 || value > 1) {
+        std::fputs("bsem_init(): Binary semaphore can take only values 1 or 0", stderr);
+        std::exit(EXIT_FAILURE);
+    }
+    pthread_mutex_init(&s->mutex, nullptr);
+    pthread_cond_init(&s->cond, nullptr);
+    s->value = value;
+}
+
+static void bsem_destroy(bsem *s) {
+    pthread_cond_destroy(&s->cond);
+    pthread_mutex_destroy(&s->mutex);
+}
+
+static void bsem_post(bsem *s) {
+    const MutexGuard guard(s->mutex);
+    s->value = 1;
+    pthread_cond_signal(&s->cond);
+}
+
+static void bsem_post_all(bsem *s) {
+    const MutexGuard guard(s->mutex);
+    s->value = 1;
+    pthread_cond_broadcast(&s->cond);
+}
+
+static void bsem_wait(bsem *s) {
+    const MutexGuard guard(s->mutex);
+    while (s->value != 1)
+        pthread_cond_wait(&s->cond, &s->mutex);
+    s->value = 0;
+}
+
+// Job queue
+
+static int jobqueue_init(jobqueue *queue) {
+    queue->len = 0;
+    queue->head = queue->tail = nullptr;
+    queue->jobs_available = allocate<bsem>();
+    if (!queue->jobs_available)
+        return -1;
+    pthread_mutex_init(&queue->queue_lock, nullptr);
+    bsem_init(queue->jobs_available, 0);
+    return 0;
+}
+
+static void jobqueue_push(jobqueue *queue, job *added) {
+    const MutexGuard guard(queue->queue_lock);
+    added->next_job = nullptr;
+    if (queue->len == 0)
+        queue->head = added;
+    else
+        queue->tail->next_job = added;
+    queue->tail = added;
+    queue->len++;
+    bsem_post(queue->jobs_available);
+}
+
+// The oldest job, null when there is none. Posts again when more are waiting, so that wake-ups
+// chain from worker to worker.
+static job *jobqueue_pull(jobqueue *queue) {
+    const MutexGuard guard(queue->queue_lock);
+    job *taken = queue->head;
+    if (!taken)
+        return nullptr;
+    queue->head = taken->next_job;
+    if (!queue->head)
+        queue->tail = nullptr;
+    if (--queue->len > 0)
+        bsem_post(queue->jobs_available);
+    return taken;
+}
+
+static void jobqueue_clear(jobqueue *queue, void (*drop)(void *)) {
+    while (job *left = jobqueue_pull(queue)) {
+        if (drop)
+            drop(left->arg);
+        std::free(left);
+    }
+}
+
+static void jobqueue_destroy(jobqueue *queue, void (*drop)(void *)) {
+    jobqueue_clear(queue, drop);
+    bsem_destroy(queue->jobs_available);
+    std::free(queue->jobs_available);
+    pthread_mutex_destroy(&queue->queue_lock);
+}
+
+// Workers
+
+// The pause signal's handler: the worker sleeps here, wherever it was.
+static void thread_hold(int) {
+    const int saved = errno;
+    threads_on_hold = 1;
+    while (threads_on_hold)
+        sleep(1);
+    errno = saved;
+}
+
+static void install_thread_hold() {
+    struct sigaction action = {};
+    sigemptyset(&action.sa_mask);
+    action.sa_handler = thread_hold;
+    if (sigaction(SIGUSR1, &action, nullptr) != 0)
+        std::fputs("thread_do(): cannot handle SIGUSR1", stderr);
+}
+
+static void count_working(thpool *pool, int change) {
+    const MutexGuard guard(pool->count_lock);
+    pool->working_count += change;
+    if (pool->working_count == 0)
+        pthread_cond_signal(&pool->all_idle);
+}
+
+static void run_next_job(thpool *pool) {
+    count_working(pool, +1);
+    if (job *taken = jobqueue_pull(&pool->jobqueue)) {
+        taken->function(taken->arg);
+        std::free(taken);
+    }
+    count_working(pool, -1);
+}
+
+static void *thread_do(void *record) {
+    const auto *self = static_cast<struct thread *>(record);
+    thpool *pool = self->pool;
+    char name[128] = "";
+    std::snprintf(name, sizeof name, "thread-pool-%d", self->id);
+    prctl(PR_SET_NAME, name);
+    install_thread_hold();
+    {
+        const MutexGuard guard(pool->count_lock);
+        pool->alive_count++;
+    }
+    open_pause_signal(); // only now: a worker held before it is counted would hold up the start
+    while (threads_keepalive) {
+        bsem_wait(pool->jobqueue.jobs_available);
+        if (threads_keepalive)
+            run_next_job(pool);
+    }
+    block_daemon_signals(); // a pause signal must not catch a worker that is gone from the pool
+    const MutexGuard guard(pool->count_lock);
+    pool->alive_count--;
+    return nullptr;
+}
+
+// Starts worker `id`. Returns 0, or -1 when there was no memory or no thread for it.
+static int thread_init(thpool *pool, struct thread **slot, int id) {
+    *slot = allocate<struct thread>();
+    if (!*slot) {
+        std::fputs("thread_init(): Could not allocate memory for thread\n", stderr);
+        return -1;
+    }
+    (*slot)->pool = pool;
+    (*slot)->id = id;
+    if (pthread_create(&(*slot)->handle, nullptr, thread_do, *slot) != 0) {
+        std::fputs("thread_init(): Could not start thread\n", stderr);
+        std::free(*slot);
+        return -1;
+    }
+    pthread_detach((*slot)->handle);
+    return 0;
+}
+
+thpool *thpool_init(int num_threads) {
+    threads_on_hold = 0;
+    threads_keepalive = 1;
+    if (num_threads < 0)
+        num_threads = 0;
+    auto *pool = allocate<thpool>();
+    if (!pool) {
+        std::fputs("thpool_init(): Could not allocate memory for thread pool\n", stderr);
+        return nullptr;
+    }
+    if (jobqueue_init(&pool->jobqueue) != 0) {
+        std::fputs("thpool_init(): Could not allocate memory for job queue\n", stderr);
+        std::free(pool);
+        return nullptr;
+    }
+    pool->threads = allocate<struct thread *>(num_threads > 0 ? num_threads : 1);
+    if (!pool->threads) {
+        std::fputs("thpool_init(): Could not allocate memory for threads\n", stderr);
+        jobqueue_destroy(&pool->jobqueue, nullptr);
+        std::free(pool);
+        return nullptr;
+    }
+    pthread_mutex_init(&pool->count_lock, nullptr);
+    pthread_cond_init(&pool->all_idle, nullptr);
+    int started = 0;
+    for (int id = 0; id < num_threads; id++)
+        if (thread_init(pool, &pool->threads[started], id) == 0)
+            started++;
+    while (pool->alive_count != started)
+        sched_yield();
+    return pool;
+}
+
+int thpool_add_work(thpool *pool, void *(*function)(void *), void *arg) {
+    if (!pool)
+        return -1;
+    auto *added = allocate<job>();
+    if (!added) {
+        std::fputs("thpool_add_work(): Could not allocate memory for new job\n", stderr);
+        return -1;
+    }
+    added->function = function;
+    added->arg = arg;
+    jobqueue_push(&pool->jobqueue, added);
+    return 0;
+}
+
+void thpool_wait(thpool *pool) {
+    const MutexGuard guard(pool->count_lock);
+    while (pool->jobqueue.len != 0 || pool->working_count != 0)
+        pthread_cond_wait(&pool->all_idle, &pool->count_lock);
+}
+
+void thpool_pause(thpool *pool) {
+    for (int n = 0; n < pool->alive_count; n++)
+        pthread_kill(pool->threads[n]->handle, SIGUSR1);
+}
+
+void thpool_resume(thpool *) {
+    threads_on_hold = 0;
+}
+
+// Wakes the workers so that they see the stop, held ones included.
+static void wake_workers(thpool *pool) {
+    threads_on_hold = 0;
+    bsem_post_all(pool->jobqueue.jobs_available);
+}
+
+void thpool_destroy(thpool *pool, void (*drop)(void *)) {
+    if (!pool)
+        return;
+    const int started = pool->alive_count;
+    threads_keepalive = 0;
+    const time_t start = time(nullptr);
+    while (difftime(time(nullptr), start) < 1.0 && pool->alive_count != 0)
+        wake_workers(pool);
+    while (pool->alive_count != 0) {
+        wake_workers(pool);
+        sleep(1);
+    }
+    // The last worker counts itself out before it lets go of the lock: wait for that.
+    pthread_mutex_lock(&pool->count_lock);
+    pthread_mutex_unlock(&pool->count_lock);
+    jobqueue_destroy(&pool->jobqueue, drop);
+    pthread_cond_destroy(&pool->all_idle);
+    pthread_mutex_destroy(&pool->count_lock);
+    for (int n = 0; n < started; n++)
+        std::free(pool->threads[n]);
+    std::free(pool->threads);
+    std::free(pool);
+}
+
+int thpool_num_threads_working(thpool *pool) {
+    return pool ? pool->working_count.load() : 0;
+}
+
+int thpool_jobqueue_length(thpool *pool) {
+    return pool ? pool->jobqueue.len.load() : 0;
+}

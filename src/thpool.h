@@ -1,0 +1,82 @@
+// A fixed-size pool of detached worker threads that run queued jobs in the order of their arrival.
+//
+// The server makes one pool at start and queues a job for every datagram. Workers can be paused and
+// resumed through SIGUSR1: a paused worker sleeps wherever the signal caught it, in the middle of a
+// job included. All messages go to standard error, not to the log.
+//
+// Ownership: the pool owns its threads, its queue and the job records. It never frees a job's
+// argument: the job function does, and the arguments of jobs that never ran are lost unless their
+// owner keeps track of them.
+#pragma once
+
+#include <atomic>
+#include <pthread.h>
+
+// Process-wide, shared by all pools: 1 while workers must keep running, and 1 while paused workers
+// must sleep.
+extern std::atomic<int> threads_keepalive;
+extern std::atomic<int> threads_on_hold;
+
+// A semaphore whose value is 0 or 1: several posts collapse into one.
+struct bsem {
+    pthread_mutex_t mutex;
+    pthread_cond_t cond;
+    int value;
+};
+
+struct job {
+    job *next_job; // the job queued after this one
+    void *(*function)(void *arg);
+    void *arg;
+};
+
+struct jobqueue {
+    pthread_mutex_t queue_lock;
+    job *head;
+    job *tail;
+    bsem *jobs_available;
+    std::atomic<int> len; // written under queue_lock, read anywhere
+};
+
+struct thpool;
+
+struct thread {
+    int id; // from 0
+    pthread_t handle;
+    thpool *pool;
+};
+
+struct thpool {
+    struct thread **threads;
+    std::atomic<int> alive_count; // both counts are written under count_lock, read anywhere
+    std::atomic<int> working_count;
+    pthread_mutex_t count_lock;
+    pthread_cond_t all_idle;
+    struct jobqueue jobqueue;
+};
+
+// Starts `num_threads` workers (a negative count is 0) and returns when all of them run; null when
+// memory ran out. Workers inherit the caller's signal mask and open SIGUSR1.
+thpool *thpool_init(int num_threads);
+
+// Queues function(arg). Returns 0, or -1 when there is no pool or no memory for the job. Any
+// thread.
+int thpool_add_work(thpool *pool, void *(*function)(void *), void *arg);
+
+// Blocks until the queue is empty and no worker is busy. Not from a worker.
+void thpool_wait(thpool *pool);
+
+// Sends the pause signal to every worker and returns at once; a worker may still be on its way.
+void thpool_pause(thpool *pool);
+
+// Lets held workers, of every pool, go on within a second. The argument is not used.
+void thpool_resume(thpool *pool);
+
+// Stops the workers, each after the job it runs, and frees the pool. Jobs still queued are freed
+// unrun; `drop`, if given, receives the argument of each. Held workers are released, or a stray
+// pause signal could keep the process from ending. Not from a worker.
+void thpool_destroy(thpool *pool, void (*drop)(void *arg) = nullptr);
+
+// Busy workers and waiting jobs at this moment; both 0 without a pool. Any thread.
+int thpool_num_threads_working(thpool *pool);
+int thpool_jobqueue_length(thpool *pool);

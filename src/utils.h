@@ -1,0 +1,23 @@
+// Time and number texts for the statistics log, and a one-line debug trace.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+// Room for every text that time2String() can write.
+inline constexpr size_t TIME_TEXT_SIZE = 64;
+
+// Writes a duration of `seconds` as "%6d days, %2d hrs, %2d mins, %2d secs" into `buffer`, which
+// has TIME_TEXT_SIZE bytes. Returns the number of characters written. Any thread.
+int time2String(char *buffer, int64_t seconds);
+
+// time2String() of the wall clock: the seconds since the epoch written as a duration.
+int getTimeAsString(char *buffer);
+
+// The decimal text of `number` with thousands separators of the locale, "," where it has none.
+// Returns a static buffer that the next call overwrites: main thread only.
+char *commaprint(uint64_t number);
+
+// Logs label and value at debug level with a format that lacks its conversion letter, so that what
+// is shown of the value is up to the C library. Any thread.
+void debugLog(const char *label, int64_t value);

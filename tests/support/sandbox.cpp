@@ -1,0 +1,401 @@
+#include "sandbox.h"
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/prctl.h>
+#include <sys/signalfd.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace fs = std::filesystem;
+
+namespace sandbox {
+namespace {
+
+constexpr int cannot_make = 125;
+constexpr char stash[] = "/run/sandbox/etc"; // where the machine's own /etc can be read
+
+// Ends this process: half a sandbox must never run anything.
+[[noreturn]] void fail(const std::string &step) {
+    fprintf(stderr, "sandbox: cannot %s: %s\n", step.c_str(), strerror(errno));
+    _exit(cannot_make);
+}
+
+void must(bool done, const std::string &step) {
+    if (!done)
+        fail(step);
+}
+
+void write_file(const std::string &path, const std::string &text) {
+    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+    must(fd >= 0 && write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size()),
+         "write " + path);
+    close(fd);
+}
+
+// Like fork(), but the child is the first process of new namespaces. The system call is made
+// directly because unshare() refuses a user namespace to a process that has threads, and some
+// sanitizers start one before main().
+pid_t fork_into(unsigned long namespaces) {
+    return static_cast<pid_t>(syscall(SYS_clone, namespaces | SIGCHLD, 0, 0, 0, 0));
+}
+
+// Root of this user namespace is the user who started it.
+void become_root(uid_t uid, gid_t gid) {
+    write_file("/proc/self/setgroups", "deny");
+    write_file("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1");
+    write_file("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1");
+}
+
+int open_path(const std::string &path) {
+    int fd = open(path.c_str(), O_PATH | O_CLOEXEC);
+    must(fd >= 0, "open " + path);
+    return fd;
+}
+
+// A copy of the mount tree at a descriptor, attached to nothing yet.
+int clone_tree(int fd) {
+    int tree = open_tree(fd, "",
+                         AT_EMPTY_PATH | AT_RECURSIVE | OPEN_TREE_CLONE |
+                             static_cast<unsigned>(OPEN_TREE_CLOEXEC));
+    must(tree >= 0, "copy a mount tree");
+    return tree;
+}
+
+void bind(int fd, const std::string &target) {
+    int tree = clone_tree(fd);
+    must(move_mount(tree, "", AT_FDCWD, target.c_str(), MOVE_MOUNT_F_EMPTY_PATH) == 0,
+         "mount on " + target);
+    close(tree);
+}
+
+// From here on everything is a read-only copy of what could be seen before, and no mount reaches
+// another namespace. In a chroot the root is no mount point and what it lies on may be shared with
+// the rest of the machine, so this first goes out to the namespace's own root.
+void enter_copy_of_root() {
+    int here = open_path("/");
+    int own = open("/proc/self/ns/mnt", O_RDONLY | O_CLOEXEC);
+    must(own >= 0 && setns(own, CLONE_NEWNS) == 0, "reach the root of the mount namespace");
+    must(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0, "make mounts private");
+    int tree = clone_tree(here);
+    mount_attr attributes{};
+    attributes.attr_set = MOUNT_ATTR_RDONLY;
+    must(mount_setattr(tree, "", AT_EMPTY_PATH | AT_RECURSIVE, &attributes, sizeof attributes) == 0,
+         "make the machine's files read-only");
+    must(move_mount(tree, "", here, "", MOVE_MOUNT_F_EMPTY_PATH | MOVE_MOUNT_T_EMPTY_PATH) == 0,
+         "mount the copied root");
+    must(fchdir(tree) == 0 && chroot(".") == 0, "change to the copied root");
+    close(here);
+    close(own);
+    close(tree);
+}
+
+void cover(const std::string &path, const char *mode = "mode=0755") {
+    must(mount("sandbox", path.c_str(), "tmpfs", MS_NOSUID, mode) == 0, "mount a private " + path);
+}
+
+void make_etc() {
+    int original = open_path("/etc");
+    must(mkdir("/run/sandbox", 0755) == 0 && mkdir(stash, 0755) == 0, "make " + std::string(stash));
+    bind(original, stash);
+    close(original);
+    cover("/etc");
+    for (const auto &entry : fs::directory_iterator(stash)) {
+        std::string name = entry.path().filename();
+        if (name == "config" || name == "resolv.conf" || name == "vantrelle")
+            continue;
+        fs::path target = entry.is_symlink() ? fs::read_symlink(entry.path()) : entry.path();
+        must(symlink(target.c_str(), ("/etc/" + name).c_str()) == 0, "link /etc/" + name);
+    }
+    must(mkdir("/etc/config", 0755) == 0, "make /etc/config");
+    write_file("/etc/resolv.conf", "# nobody has written this file yet\n");
+}
+
+void make_dev() {
+    constexpr std::array nodes{"null", "zero", "full", "random", "urandom", "tty"};
+    std::vector<std::pair<int, std::string>> originals;
+    for (std::string name : nodes)
+        originals.emplace_back(open_path("/dev/" + name), "/dev/" + name);
+    cover("/dev");
+    for (const auto &[fd, path] : originals) {
+        write_file(path, "");
+        bind(fd, path);
+        mount_attr writable{};
+        writable.attr_clr = MOUNT_ATTR_RDONLY;
+        must(mount_setattr(AT_FDCWD, path.c_str(), 0, &writable, sizeof writable) == 0,
+             "make " + path + " writable");
+        close(fd);
+    }
+    must(mkdir("/dev/pts", 0755) == 0 && mkdir("/dev/shm", 0700) == 0, "make /dev/pts");
+    must(mount("sandbox", "/dev/pts", "devpts", 0, "newinstance,ptmxmode=0666") == 0,
+         "mount /dev/pts");
+    constexpr std::array<std::pair<const char *, const char *>, 5> links{
+        {{"pts/ptmx", "/dev/ptmx"},
+         {"/proc/self/fd", "/dev/fd"},
+         {"/proc/self/fd/0", "/dev/stdin"},
+         {"/proc/self/fd/1", "/dev/stdout"},
+         {"/proc/self/fd/2", "/dev/stderr"}}};
+    for (auto [target, link] : links)
+        must(symlink(target, link) == 0, link);
+    // The chip's registers start at 0x10000000; the daemon maps the first KiB of them.
+    write_file("/dev/mem", "");
+    must(truncate("/dev/mem", 0x10001000) == 0, "make /dev/mem");
+    write_file("/dev/ledchain0", "");
+}
+
+// The tree with the sources and the one with the build stay what they are.
+void uncover(int tree, const std::string &path) {
+    std::error_code ignored; // a failure shows when binding
+    fs::create_directories(path, ignored);
+    bind(tree, path);
+    mount_attr writable{};
+    writable.attr_clr = MOUNT_ATTR_RDONLY;
+    must(mount_setattr(AT_FDCWD, path.c_str(), 0, &writable, sizeof writable) == 0,
+         "make " + path + " writable");
+    close(tree);
+}
+
+void make_files() {
+    int source = open_path(PROJECT_SOURCE_DIR);
+    int build = open_path(PROJECT_BINARY_DIR);
+    cover("/tmp", "mode=1777");
+    cover("/run");
+    if (fs::canonical("/var/run") != "/run")
+        cover("/var/run");
+    make_etc();
+    make_dev();
+    cover("/sys");
+    fs::create_directories("/sys/class/gpio");
+    write_file("/sys/class/gpio/export", "");
+    write_file("/sys/class/gpio/unexport", "");
+    must(mount("sandbox", "/proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr) == 0,
+         "mount a /proc for the own processes");
+    uncover(source, PROJECT_SOURCE_DIR);
+    uncover(build, PROJECT_BINARY_DIR);
+}
+
+void make_network() {
+    // An ordinary user's PATH often lacks the directory of ip.
+    FILE *ip = popen("PATH=$PATH:/usr/sbin:/sbin ip -batch -", "we");
+    must(ip, "run ip (package iproute2)");
+    fprintf(ip,
+            "link set lo up\n"
+            "link add %s address 00:11:22:AA:BB:CC type veth peer name clients0\n"
+            "addr add %s/24 dev %s\nlink set %s up\nlink set clients0 up\n",
+            interface_name, router, interface_name, interface_name);
+    for (int client = 20; client < 30; client++)
+        fprintf(ip, "addr add %s%d/32 dev lo\n", client_prefix, client);
+    for (int upstream = 1; upstream <= 4; upstream++)
+        fprintf(ip, "addr add %s%d/32 dev lo\n", upstream_prefix, upstream);
+    if (pclose(ip) != 0) {
+        fprintf(stderr, "sandbox: cannot make the network: ip (package iproute2) failed\n");
+        _exit(cannot_make);
+    }
+}
+
+// Opens /dev/log and the file that keeps what it receives.
+std::pair<int, int> open_log() {
+    int log = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    sockaddr_un address{AF_UNIX, "/dev/log"};
+    must(log >= 0 && ::bind(log, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0 &&
+             chmod("/dev/log", 0666) == 0,
+         "make /dev/log");
+    int file = open(log_file, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    must(file >= 0, "make " + std::string(log_file));
+    return {log, file};
+}
+
+// One datagram becomes one line: line ends at its end go, others are shown as #012.
+void keep_log(int log, int file) {
+    std::array<char, 8192> datagram;
+    ssize_t size;
+    while ((size = recv(log, datagram.data(), datagram.size(), 0)) >= 0) {
+        std::string text(datagram.data(), static_cast<size_t>(size));
+        while (!text.empty() && (text.back() == '\n' || text.back() == '\0'))
+            text.pop_back();
+        for (size_t at; (at = text.find('\n')) != std::string::npos;)
+            text.replace(at, 1, "#012");
+        text += '\n';
+        must(write(file, text.data(), text.size()) > 0, "keep the log");
+    }
+}
+
+pid_t spawn(char *const *command, const sigset_t &mask) {
+    pid_t child = fork();
+    must(child >= 0, "fork");
+    if (child == 0) {
+        sigprocmask(SIG_SETMASK, &mask, nullptr);
+        execvp(command[0], command);
+        fprintf(stderr, "sandbox: cannot run %s: %s\n", command[0], strerror(errno));
+        _exit(127);
+    }
+    return child;
+}
+
+int exit_code(int status) {
+    return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+}
+
+// The first process inside: collects the log and the orphans until the command ends. The kernel
+// then ends everything that is left.
+[[noreturn]] void supervise(char *const *command) {
+    sigset_t children;
+    sigset_t before;
+    sigemptyset(&children);
+    sigaddset(&children, SIGCHLD);
+    sigprocmask(SIG_BLOCK, &children, &before);
+    int signals = signalfd(-1, &children, SFD_CLOEXEC | SFD_NONBLOCK);
+    must(signals >= 0, "watch the processes inside");
+    auto [log, file] = open_log();
+    pid_t main_child = spawn(command, before);
+    for (;;) {
+        std::array<pollfd, 2> sources{{{log, POLLIN, 0}, {signals, POLLIN, 0}}};
+        poll(sources.data(), sources.size(), -1);
+        keep_log(log, file);
+        signalfd_siginfo ignored;
+        while (read(signals, &ignored, sizeof ignored) > 0) {
+        }
+        int status;
+        pid_t ended;
+        while ((ended = waitpid(-1, &status, WNOHANG)) > 0) {
+            if (ended == main_child)
+                _exit(exit_code(status));
+        }
+    }
+}
+
+// Waits for a child; keys that interrupt are the child's business.
+int wait_for(pid_t child) {
+    signal(SIGINT, SIG_IGN);
+    signal(SIGQUIT, SIG_IGN);
+    int status;
+    while (waitpid(child, &status, 0) < 0) {
+        if (errno != EINTR)
+            return cannot_make;
+    }
+    return exit_code(status);
+}
+
+// The newest process that is the first one of a place made by this same program.
+pid_t find_place() {
+    pid_t found = -1;
+    unsigned long long newest = 0;
+    std::error_code ignored;
+    for (const auto &entry : fs::directory_iterator("/proc", ignored)) {
+        pid_t pid = atoi(entry.path().filename().c_str());
+        std::ifstream status(entry.path() / "status");
+        std::string line;
+        bool named = false;
+        bool first = false;
+        while (pid > 0 && std::getline(status, line)) {
+            named = named || line == "Name:\tsandbox";
+            first = first || (line.starts_with("NSpid:") && line.ends_with("\t1") &&
+                              line.find('\t') != line.rfind('\t'));
+        }
+        std::ifstream stat(entry.path() / "stat");
+        std::getline(stat, line);
+        unsigned long long started = 0;
+        if (!named || !first || line.rfind(')') == std::string::npos ||
+            sscanf(line.c_str() + line.rfind(')'),
+                   ") %*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %*u %*u %*d %*d %*d %*d %*d %*d "
+                   "%llu",
+                   &started) != 1)
+            continue;
+        if (started >= newest) {
+            newest = started;
+            found = pid;
+        }
+    }
+    return found;
+}
+
+void return_to(const std::string &directory) {
+    if (chdir(directory.c_str()) != 0)
+        must(chdir(PROJECT_SOURCE_DIR) == 0, "change to " PROJECT_SOURCE_DIR);
+}
+
+std::string current_directory() {
+    std::error_code error;
+    fs::path path = fs::current_path(error);
+    return error ? "/" : path.string();
+}
+
+} // namespace
+
+bool inside() {
+    return access(stash, F_OK) == 0;
+}
+
+int run(char *const *command) {
+    constexpr unsigned long namespaces = CLONE_NEWNS | CLONE_NEWNET | CLONE_NEWPID;
+    uid_t uid = geteuid();
+    gid_t gid = getegid();
+    std::string directory = current_directory();
+    fflush(nullptr);
+    bool own_user = false;
+    pid_t child = uid == 0 ? fork_into(namespaces) : -1;
+    if (child < 0) {
+        own_user = true;
+        child = fork_into(namespaces | CLONE_NEWUSER);
+    }
+    if (child < 0) {
+        fprintf(stderr,
+                "sandbox: cannot make namespaces: %s (as an ordinary user this needs a "
+                "kernel that lets users make them; root always can)\n",
+                strerror(errno));
+        return cannot_make;
+    }
+    if (child > 0)
+        return wait_for(child);
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    umask(022);
+    if (own_user)
+        become_root(uid, gid);
+    enter_copy_of_root();
+    make_files();
+    make_network();
+    return_to(directory);
+    supervise(command);
+}
+
+int join(char *const *command) {
+    pid_t place = find_place();
+    if (place < 0) {
+        fprintf(stderr, "sandbox: none is running\n");
+        return cannot_make;
+    }
+    std::string directory = current_directory();
+    std::string proc = "/proc/" + std::to_string(place);
+    int root = open_path(proc + "/root");
+    int process = static_cast<int>(syscall(SYS_pidfd_open, place, 0));
+    must(process >= 0, "open process " + std::to_string(place));
+    int namespaces = CLONE_NEWNS | CLONE_NEWNET | CLONE_NEWPID;
+    if (fs::read_symlink("/proc/self/ns/user") != fs::read_symlink(proc + "/ns/user"))
+        namespaces |= CLONE_NEWUSER;
+    must(setns(process, namespaces) == 0, "join the sandbox");
+    must(fchdir(root) == 0 && chroot(".") == 0, "change to the sandbox's root");
+    return_to(directory);
+    sigset_t mask;
+    sigprocmask(SIG_SETMASK, nullptr, &mask);
+    return wait_for(spawn(command, mask));
+}
+
+} // namespace sandbox
