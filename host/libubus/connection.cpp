@@ -169,8 +169,7 @@ void close_connection(ubus_context *ctx) {
 
 } // namespace
 
-bool send_message(ubus_context *ctx, int type, uint16_t seq, uint32_t peer,
-                  blob_attr *attributes) {
+bool send_message(ubus_context *ctx, int type, uint16_t seq, uint32_t peer, blob_attr *attributes) {
     ubus_msghdr hdr{};
     hdr.type = (uint8_t)type;
     hdr.seq = cpu_to_be16(seq);

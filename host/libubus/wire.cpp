@@ -8,9 +8,7 @@ size_t outer_length(uint32_t id_len) {
 }
 
 Attributes parse(blob_attr *outer, size_t length) {
-    static constexpr auto form = [](unsigned type) {
-        return blob_attr_info{type, 0, 0, nullptr};
-    };
+    static constexpr auto form = [](unsigned type) { return blob_attr_info{type, 0, 0, nullptr}; };
     static constexpr std::array<blob_attr_info, UBUS_ATTR_MAX> forms{
         form(BLOB_ATTR_UNSPEC), form(BLOB_ATTR_INT32),  form(BLOB_ATTR_STRING),
         form(BLOB_ATTR_INT32),  form(BLOB_ATTR_STRING), form(BLOB_ATTR_INT32),

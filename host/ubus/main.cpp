@@ -16,9 +16,9 @@ struct NamedCommand {
 };
 
 constexpr std::array commands{
-    NamedCommand{"list", list_objects},         NamedCommand{"call", call_method},
+    NamedCommand{"list", list_objects},           NamedCommand{"call", call_method},
     NamedCommand{"subscribe", subscribe_objects}, NamedCommand{"listen", listen_events},
-    NamedCommand{"send", send_one_event},       NamedCommand{"wait_for", wait_for_objects},
+    NamedCommand{"send", send_one_event},         NamedCommand{"wait_for", wait_for_objects},
 };
 
 void print_usage() {

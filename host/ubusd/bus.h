@@ -27,7 +27,7 @@ struct Object {
     std::shared_ptr<Type> type;
     uint16_t counter = 0; // numbers the messages that the bus itself sends to the object
     std::vector<Object *> subscribers;
-    std::vector<Object *> targets; // what it has subscribed to
+    std::vector<Object *> targets;     // what it has subscribed to
     std::vector<std::string> patterns; // events it listens for
 };
 

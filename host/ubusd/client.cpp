@@ -143,7 +143,8 @@ void send_message(Client &client, ubus_msghdr hdr, const blob_attr *attributes) 
     const char *from = reinterpret_cast<const char *>(attributes);
     size_t head = written < sizeof(hdr) ? sizeof(hdr) - written : 0;
     std::copy_n(reinterpret_cast<char *>(&hdr) + sizeof(hdr) - head, head, rest.begin());
-    std::copy_n(from + length - (rest.size() - head), rest.size() - head, rest.begin() + (long)head);
+    std::copy_n(from + length - (rest.size() - head), rest.size() - head,
+                rest.begin() + (long)head);
     client.queued += rest.size();
     client.output.push_back(std::move(rest));
     update_watch(client);

@@ -34,13 +34,13 @@ struct Client {
     uint32_t id = 0;
     std::string user; // account names of the process at the other end
     std::string group;
-    std::vector<char> input;                // the beginning of a message
-    std::deque<std::vector<char>> output;   // what the socket has not taken yet
-    size_t queued = 0;                      // bytes in `output`
-    std::vector<Object *> objects;          // in order of registration
-    std::optional<Lookup> lookup;           // while set, further requests wait
-    bool half_closed = false;               // nothing more will come
-    bool gone = false;                      // being disconnected; takes no more messages
+    std::vector<char> input;              // the beginning of a message
+    std::deque<std::vector<char>> output; // what the socket has not taken yet
+    size_t queued = 0;                    // bytes in `output`
+    std::vector<Object *> objects;        // in order of registration
+    std::optional<Lookup> lookup;         // while set, further requests wait
+    bool half_closed = false;             // nothing more will come
+    bool gone = false;                    // being disconnected; takes no more messages
 };
 
 // Takes over a new connection: identifies the peer and greets it.

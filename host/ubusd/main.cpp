@@ -79,7 +79,7 @@ int main(int argc, char **argv) {
     listener.cb = handle_listener;
     listener.fd = listen_at(path);
     if (listener.fd < 0) {
-        syslog(LOG_ERR, "cannot listen on %s: %m", path);
+        syslog(LOG_ERR, "cannot listen on %s: %s", path, strerror(errno));
         perror(path);
         return -1;
     }

@@ -58,8 +58,7 @@ void tell_target_gone(Object &subscriber, const Object &target) {
     blob_buf_init(&bus.scratch, 0);
     blob_put_int32(&bus.scratch, UBUS_ATTR_OBJID, subscriber.id);
     blob_put_int32(&bus.scratch, UBUS_ATTR_TARGET, target.id);
-    send_message(subscriber.owner, UBUS_MSG_UNSUBSCRIBE, ++subscriber.counter, 0,
-                 bus.scratch.head);
+    send_message(subscriber.owner, UBUS_MSG_UNSUBSCRIBE, ++subscriber.counter, 0, bus.scratch.head);
 }
 
 } // namespace

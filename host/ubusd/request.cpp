@@ -44,8 +44,7 @@ int handle_answer(const Message &message) {
     Object *object = find_object(wire::number(message[UBUS_ATTR_OBJID]));
     auto caller = bus.clients.find(message.hdr.peer);
     if (content && object && &object->owner == &message.client && caller != bus.clients.end())
-        send_message(*caller->second, message.hdr.type, message.hdr.seq, object->id,
-                     message.outer);
+        send_message(*caller->second, message.hdr.type, message.hdr.seq, object->id, message.outer);
     return no_status;
 }
 
@@ -149,7 +148,7 @@ Object *own_object(const Message &message, int &status) {
         return nullptr;
     }
     Object *object = find_object(wire::number(message[UBUS_ATTR_OBJID]));
-    status = !object                            ? UBUS_STATUS_NOT_FOUND
+    status = !object                             ? UBUS_STATUS_NOT_FOUND
              : &object->owner != &message.client ? UBUS_STATUS_PERMISSION_DENIED
                                                  : UBUS_STATUS_OK;
     return status ? nullptr : object;
