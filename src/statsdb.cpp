@@ -6,6 +6,7 @@
 #include "server.h"
 #include "uciutils.h"
 
+#include <climits>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -14,6 +15,7 @@
 #include <memory>
 #include <sqlite3.h>
 #include <syslog.h>
+#include <unistd.h>
 
 namespace {
 
@@ -170,7 +172,8 @@ bool set_journal_mode(sqlite3 *db, const char *mode) {
 
 // Whether the file system takes the shared writable mapping that the index of a write-ahead log
 // lives in; JFFS2 refuses it. Asked of the file itself before the journal mode is touched: a mode
-// switch that fails half-way leaves a file that can no longer be read.
+// switch that fails half-way leaves a file that can no longer be read. Must come before the first
+// statement, because the mapping that it ends could be that of a log in use.
 bool can_share_memory(sqlite3 *db) {
     constexpr int INDEX_REGION_BYTES = 32 * 1024;
     sqlite3_file *file = nullptr;
@@ -186,14 +189,19 @@ bool can_share_memory(sqlite3 *db) {
 
 // Uses a rollback journal, also for a file that was put into write-ahead mode elsewhere: with
 // exclusive locking from the first access on, SQLite keeps the log's index on the heap, so that it
-// can copy the log back and convert the file. The read at the end gives the exclusive lock back.
+// can copy the log back and convert the file. The read at the end gives the lock back.
 void use_rollback_journal(sqlite3 *db) {
     attempt(db, "pragma locking_mode=exclusive");
     const bool done = set_journal_mode(db, "truncate");
-    sqlite3_exec(db, "pragma locking_mode=normal; select count(*) from sqlite_master", nullptr,
-                 nullptr, nullptr);
+    if (done) {
+        // What the attempt to map it left. Nobody can be using it while this lock is held.
+        char index[PATH_MAX];
+        snprintf(index, sizeof index, "%s-shm", sqlite3_db_filename(db, "main"));
+        unlink(index);
+    }
     syslog(LOG_INFO, "Stats database without write-ahead log, %s",
            done ? "using a rollback journal" : sqlite3_errmsg(db));
+    attempt(db, "pragma locking_mode=normal; select count(*) from sqlite_master");
 }
 
 } // namespace
@@ -206,8 +214,6 @@ int open_database(const char *file, sqlite3 **db) {
     if (result != SQLITE_OK)
         return result;
     sqlite3_busy_timeout(*db, BUSY_TIMEOUT_MS);
-    // In kibibytes: the router has 64 MB, and the tables are read by their keys.
-    attempt(*db, "pragma cache_size=-512");
     // A commit appends to the log without waiting for the flash. A power failure can take the last
     // rows away but cannot damage the file; a killed process loses nothing.
     if (can_share_memory(*db) && set_journal_mode(*db, "wal"))
@@ -215,6 +221,8 @@ int open_database(const char *file, sqlite3 **db) {
                      "pragma journal_size_limit=1048576");
     else
         use_rollback_journal(*db);
+    // In kibibytes: the router has 64 MB, and the tables are read by their keys.
+    attempt(*db, "pragma cache_size=-512");
     return SQLITE_OK;
 }
 

@@ -17,6 +17,7 @@
 #include <poll.h>
 #include <spawn.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -52,20 +53,21 @@ int bound_socket(const std::string &text, uint16_t port) {
 
 // The log file only grows: what was read once is kept.
 struct LogReader {
+    static constexpr char mark[] = "mark";
+    size_t marks = 0;
     std::streamoff position = 0;
     std::vector<LogLine> lines;
 
     // "<134>Nov 21 09:33:57 ident[4]: text"
     void add(const std::string &line) {
-        size_t close = line.find('>');
-        size_t colon = line.find(": ", close);
-        constexpr size_t time_length = 16;
-        if (line.empty() || line[0] != '<' || colon == std::string::npos ||
-            close + 1 + time_length > colon)
-            return;
-        std::string ident = line.substr(close + 1 + time_length, colon - close - 1 - time_length);
-        lines.push_back(
-            {atoi(line.c_str() + 1) & 7, ident.substr(0, ident.find('[')), line.substr(colon + 2)});
+        unsigned priority = 0;
+        char ident[40] = "";
+        pid_t process = 0;
+        int text = 0;
+        if (sscanf(line.c_str(), "<%u>%*15c %39[^[][%d]: %n", &priority, ident, &process, &text) ==
+            3)
+            lines.push_back({static_cast<int>(priority & 7), ident, process,
+                             line.substr(static_cast<size_t>(text))});
     }
 
     void read() {
@@ -74,8 +76,27 @@ struct LogReader {
         std::string line;
         while (std::getline(file, line) && !file.eof()) {
             position += static_cast<std::streamoff>(line.size() + 1);
+            marks += line == mark;
             add(line);
         }
+    }
+
+    // Reads all that was logged before this call: the socket keeps the order, so it has all come
+    // when a mark of our own has.
+    void catch_up() {
+        size_t expected = marks + 1;
+        int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        sockaddr_un log{AF_UNIX, "/dev/log"};
+        bool sent = fd >= 0 && sendto(fd, mark, strlen(mark), 0, reinterpret_cast<sockaddr *>(&log),
+                                      sizeof log) > 0;
+        must(sent && eventually([&] { return read(), marks == expected; }), "read the log");
+        close(fd);
+    }
+
+    size_t count(std::string_view text) const {
+        return static_cast<size_t>(std::count_if(lines.begin(), lines.end(), [text](auto &line) {
+            return line.text.find(text) != std::string::npos;
+        }));
     }
 };
 
@@ -98,7 +119,7 @@ void SystemTest::SetUp() {
     for (const char *path : {"/etc/config", "/etc/vantrelle", "/tmp/.uci"})
         fs::remove_all(path);
     fs::create_directory("/etc/config");
-    reader().read();
+    reader().catch_up();
     reader().lines.clear();
 }
 
@@ -132,20 +153,22 @@ void write_file(const std::string &path, std::string_view text) {
 }
 
 std::vector<LogLine> log_lines() {
-    reader().read();
+    reader().catch_up();
     return reader().lines;
 }
 
 size_t log_count(std::string_view text) {
-    reader().read();
-    const auto &lines = reader().lines;
-    return static_cast<size_t>(std::count_if(lines.begin(), lines.end(), [text](const auto &line) {
-        return line.text.find(text) != std::string::npos;
-    }));
+    reader().catch_up();
+    return reader().count(text);
 }
 
 bool wait_for_log(std::string_view text, size_t times, int timeout) {
-    return eventually([&] { return log_count(text) >= times; }, timeout);
+    return eventually(
+        [&] {
+            reader().read();
+            return reader().count(text) >= times;
+        },
+        timeout);
 }
 
 int log_priority(std::string_view text) {
@@ -336,11 +359,15 @@ size_t Process::descriptors() const {
 }
 
 Daemon::Daemon(const std::vector<std::string> &arguments) : Process(DAEMON_PROGRAM, arguments) {
-    size_t before = log_count("Startup Complete.");
-    bool up =
-        eventually([&] { return log_count("Startup Complete.") > before || !running(); }, 20000);
-    if (!up || !running())
-        ADD_FAILURE() << "The daemon did not start: " << output();
+    auto up = [this] {
+        reader().read();
+        const auto &lines = reader().lines;
+        return std::any_of(lines.begin(), lines.end(), [this](const auto &line) {
+            return line.process == pid() && line.text == "Startup Complete.";
+        });
+    };
+    if (!eventually([&] { return up() || !running(); }, 20000) || !running())
+        ADD_FAILURE() << "the daemon did not start";
 }
 
 void Daemon::prime() {

@@ -45,6 +45,7 @@ void write_file(const std::string &path, std::string_view text);
 struct LogLine {
     int priority; // 0 to 7
     std::string ident;
+    pid_t process;
     std::string text;
 };
 

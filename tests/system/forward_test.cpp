@@ -169,24 +169,24 @@ TEST_F(ForwardTest, LosesNothingOf10000QueriesOfSeveralClients) {
     Daemon daemon;
     Daemon::prime();
     std::vector<std::unique_ptr<Client>> clients;
-    for (int number = 20; number < 24; number++)
+    for (int number = 20; number < 25; number++)
         clients.push_back(std::make_unique<Client>(number));
+    const size_t round = clients.size() * window;
+    static_assert(total % (5 * window) == 0);
     size_t wrong = 0;
-    for (size_t sent = 0; sent < total;) {
-        for (auto &client : clients) {
-            for (size_t ahead = 0; ahead < window; ahead++)
-                client->send(asked(sent + ahead));
-            std::vector<bool> answered(window);
-            for (size_t ahead = 0; ahead < window; ahead++) {
-                auto answer = client->receive();
-                ASSERT_TRUE(answer) << "lost one of the " << window << " from " << sent;
-                size_t which = static_cast<uint16_t>(id_of(*answer) - sent);
-                if (which >= window || answered[which] || *answer != expected[sent + which])
-                    wrong++;
-                else
-                    answered[which] = true;
-            }
-            sent += window;
+    for (size_t sent = 0; sent < total; sent += round) {
+        for (size_t ahead = 0; ahead < round; ahead++)
+            clients[ahead / window]->send(asked(sent + ahead));
+        std::vector<bool> answered(round);
+        for (size_t ahead = 0; ahead < round; ahead++) {
+            auto answer = clients[ahead / window]->receive();
+            ASSERT_TRUE(answer) << "lost one of the " << round << " from " << sent;
+            const size_t which = static_cast<uint16_t>(id_of(*answer) - sent);
+            const bool right = which / window == ahead / window && !answered[which] &&
+                               *answer == expected[sent + which];
+            wrong += right ? 0 : 1;
+            if (right)
+                answered[which] = true;
         }
     }
     EXPECT_EQ(wrong, 0U);
@@ -202,8 +202,8 @@ TEST_F(ForwardTest, TimeOutsLeaveNoDescriptorBehind) {
     size_t before = daemon.descriptors();
     for (size_t sent = 1; sent <= 2000; sent++) {
         client.send(query("gone.example"));
-        if (sent % 50 == 0)
-            ASSERT_TRUE(wait_for_log("Response timed out", sent + 1));
+        // One in time now and then: the socket's buffer holds some hundred datagrams only.
+        ASSERT_TRUE(sent % 50 != 0 || wait_for_log("Response timed out", sent + 1));
     }
     EXPECT_TRUE(eventually([&] { return daemon.descriptors() == before; }))
         << before << " before, now " << daemon.descriptors();

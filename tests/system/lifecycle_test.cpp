@@ -18,11 +18,10 @@ TEST_F(LifecycleTest, OptionsThatEndTheProcess) {
     struct Case {
         const char *option;
         int status;
-        const char *output; // the whole or the first line of it
+        const char *output; // how it begins
         const char *logged; // with priority warning, or nothing
     };
     constexpr Case cases[] = {
-        {"-n", 0, "2.03a", nullptr},
         {"-v", 0, "Vantrelle v2.03a MIPS\n", nullptr},
         {"-f", 0, "", "Unknown option: f"}, // the usage names it, the parser does not know it
         {"-p", 0, "", "Unknown option: p"}, // its argument is missing
@@ -34,15 +33,15 @@ TEST_F(LifecycleTest, OptionsThatEndTheProcess) {
         Process daemon(daemon_program, {option});
         EXPECT_EQ(daemon.wait(), status) << option;
         EXPECT_TRUE(logged ? log_priority(logged) == 4 : true) << option;
-        if (*output && std::string(output).back() == '\n')
-            EXPECT_TRUE(daemon.output().starts_with(output)) << daemon.output();
-        else if (*output)
-            EXPECT_EQ(daemon.output(), output);
+        EXPECT_TRUE(daemon.output().starts_with(output)) << daemon.output();
     }
     EXPECT_EQ(log_count("Usage -p <listen port> -u <dns address> -m <max threads> -t <upstream dns "
                         "timeout> -s <socket buffer size> -l <log level[0..8]> [-f run in "
                         "foreground]"),
               3U);
+    Process version(daemon_program, {"-n"});
+    version.wait();
+    EXPECT_EQ(version.output(), "2.03a"); // and no line end
     EXPECT_EQ(log_count("Restarting PID: "), 1U);
     EXPECT_EQ(log_count("Startup"), 0U);
 }
@@ -108,6 +107,7 @@ TEST_F(LifecycleTest, SignalsThatEndTheProcess) {
     configure({{"log_level", "7"}});
     for (int number : {SIGHUP, SIGSEGV}) {
         Daemon daemon;
+        usleep(100'000); // let it wait for a datagram: a fault while it logs could not be logged
         daemon.signal(number);
         EXPECT_EQ(daemon.wait(), number);
         EXPECT_EQ(log_priority("Processing signal " + std::to_string(number)), 6);
@@ -118,14 +118,14 @@ TEST_F(LifecycleTest, SignalsThatEndTheProcess) {
 TEST_F(LifecycleTest, ReportsOnSignalsAndKeepsRunning) {
     Upstream primary(1);
     configure();
-    // Blocked from its first moment on and pending by then, the signal meets the daemon while it
-    // starts: it reports, and start-up goes on.
-    sigset_t pause;
-    sigemptyset(&pause);
-    sigaddset(&pause, SIGUSR1);
-    sigprocmask(SIG_BLOCK, &pause, nullptr);
-    Process daemon(daemon_program, {});
-    daemon.signal(SIGUSR1);
+    // Blocked and pending before the daemon's first instruction, the signal is met while it starts:
+    // it reports, and start-up goes on.
+    sigset_t report;
+    sigemptyset(&report);
+    sigaddset(&report, SIGUSR1);
+    sigprocmask(SIG_BLOCK, &report, nullptr);
+    Process daemon("/bin/sh", {"-c", "kill -USR1 $$; exec \"$0\"", daemon_program});
+    sigprocmask(SIG_UNBLOCK, &report, nullptr);
     ASSERT_TRUE(wait_for_log("Startup Complete."));
     EXPECT_EQ(log_count("Message Count: 0"), 1U);
     Daemon::prime();

@@ -1,0 +1,137 @@
+// Which journal the database uses, on file systems with and without shared writable mappings.
+#include "database_fixture.h"
+
+#include <thread>
+
+namespace {
+
+enum class Mapping { works, refused, unknown_to_vfs };
+
+// Stands in for a file system such as JFFS2: the default file system layer, without shared memory.
+class LimitedVfs {
+    static inline sqlite3_vfs *real_;
+    static inline sqlite3_vfs limited_;
+    static inline const sqlite3_io_methods *real_methods_;
+    static inline sqlite3_io_methods methods_;
+    static inline Mapping mapping_;
+
+    static int open(sqlite3_vfs *, const char *name, sqlite3_file *file, int flags, int *out) {
+        const int result = real_->xOpen(real_, name, file, flags, out);
+        if (result != SQLITE_OK || !(flags & SQLITE_OPEN_MAIN_DB))
+            return result;
+        real_methods_ = file->pMethods;
+        methods_ = *real_methods_;
+        if (mapping_ == Mapping::refused)
+            methods_.xShmMap = [](sqlite3_file *mapped, auto... rest) {
+                real_methods_->xShmMap(mapped, rest...); // the file itself can be made
+                return SQLITE_IOERR_SHMMAP;
+            };
+        else
+            methods_.iVersion = 1;
+        file->pMethods = &methods_;
+        return result;
+    }
+
+  public:
+    explicit LimitedVfs(Mapping mapping) {
+        mapping_ = mapping;
+        real_ = sqlite3_vfs_find("unix");
+        limited_ = *real_;
+        limited_.zName = "limited";
+        limited_.xOpen = open;
+        if (mapping != Mapping::works)
+            sqlite3_vfs_register(&limited_, 1);
+    }
+    ~LimitedVfs() {
+        if (mapping_ != Mapping::works)
+            sqlite3_vfs_unregister(&limited_);
+        sqlite3_vfs_register(real_, 1);
+    }
+};
+
+class JournalTest : public DatabaseTest, public testing::WithParamInterface<Mapping> {
+  protected:
+    LimitedVfs vfs{GetParam()};
+    bool limited = GetParam() != Mapping::works;
+
+    void expect_plain_file() const {
+        EXPECT_EQ(write_version(file), 1);
+        for (const char *suffix : {"-wal", "-shm", "-journal"})
+            EXPECT_FALSE(std::filesystem::exists(file + suffix)) << suffix;
+    }
+    std::string journal_mode() const {
+        sqlite3_stmt *statement = nullptr;
+        sqlite3_prepare_v2(oDNS.db, "pragma journal_mode", -1, &statement, nullptr);
+        sqlite3_step(statement);
+        const std::string mode = reinterpret_cast<const char *>(sqlite3_column_text(statement, 0));
+        sqlite3_finalize(statement);
+        return mode;
+    }
+};
+
+TEST_P(JournalTest, NewFileIsReadableAllTheTimeAndPlainAtTheEnd) {
+    for (int run = 1; run <= 2; run++) {
+        open_with_tables();
+        EXPECT_EQ(journal_mode(), limited ? "truncate" : "wal");
+        EXPECT_EQ(write_version(file), limited ? 1 : 2);
+        EXPECT_EQ(insert_stats_summary_record(1, 2, 3, 4), 1);
+        EXPECT_EQ(read("select count(*) from summary"), std::to_string(run) + "\n");
+        close_database();
+        expect_plain_file();
+        EXPECT_EQ(read("select count(*) from summary"), std::to_string(run) + "\n");
+    }
+}
+
+// A process that was killed left the file in write-ahead mode, its rows still in the log.
+TEST_P(JournalTest, RecoversAFileInWriteAheadMode) {
+    const std::string left = directory / "left.db";
+    sqlite3 *db = nullptr;
+    ASSERT_EQ(
+        sqlite3_open_v2(left.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, "unix"),
+        SQLITE_OK);
+    ASSERT_EQ(sqlite3_exec(db,
+                           "pragma journal_mode=wal; create table summary (id integer not null "
+                           "primary key autoincrement, req, blocked, reset, error);"
+                           "insert into summary values (1, 10, 20, 30, 40)",
+                           nullptr, nullptr, nullptr),
+              SQLITE_OK);
+    for (const char *suffix : {"", "-wal", "-shm"})
+        std::filesystem::copy_file(left + suffix, file + suffix);
+    sqlite3_close(db);
+    EXPECT_EQ(write_version(file), 2);
+
+    open();
+    uint64_t requests = 0, other = 0;
+    EXPECT_EQ(get_stats_summary(&requests, &other, &other, &other), 1);
+    EXPECT_EQ(requests, 10U);
+    EXPECT_EQ(insert_stats_summary_record(11, 0, 0, 0), 1);
+    EXPECT_EQ(read("select req from summary"), "10\n11\n");
+    EXPECT_EQ(journal_mode(), limited ? "truncate" : "wal");
+    close_database();
+    expect_plain_file();
+}
+
+// A writer in another process holds the file for a moment; the row waits for it.
+TEST_P(JournalTest, WaitsForAnotherProcess) {
+    open_with_tables();
+    sqlite3 *other = nullptr;
+    ASSERT_EQ(sqlite3_open_v2(file.c_str(), &other, SQLITE_OPEN_READWRITE, "unix"), SQLITE_OK);
+    ASSERT_EQ(sqlite3_exec(other, "begin immediate", nullptr, nullptr, nullptr), SQLITE_OK);
+    std::thread releaser([other] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        sqlite3_close(other);
+    });
+    EXPECT_EQ(insert_stats_summary_record(1, 1, 1, 1), 1);
+    releaser.join();
+}
+
+std::string mapping_name(const testing::TestParamInfo<Mapping> &tested) {
+    constexpr const char *NAMES[] = {"Works", "Refused", "UnknownToVfs"};
+    return NAMES[static_cast<int>(tested.param)];
+}
+
+INSTANTIATE_TEST_SUITE_P(Mappings, JournalTest,
+                         testing::Values(Mapping::works, Mapping::refused, Mapping::unknown_to_vfs),
+                         mapping_name);
+
+} // namespace
