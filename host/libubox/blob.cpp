@@ -2,6 +2,7 @@ extern "C" {
 #include <libubox/blob.h>
 }
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -65,7 +66,9 @@ bool matches(blob_attr *attr, const blob_attr_info &info) {
 bool blob_buf_grow(blob_buf *buf, int required) {
     if (required < 0 || required > max_memory - buf->buflen)
         return false;
-    const int more = (required + memory_step - 1) / memory_step * memory_step;
+    // By half at least, so that long messages are not copied at every step.
+    const int wanted = std::clamp(buf->buflen / 2, required, max_memory - buf->buflen);
+    const int more = (wanted + memory_step - 1) / memory_step * memory_step;
     const size_t head = buf->head ? offset_of(buf, buf->head) : 0;
     if (!(buf->grow ? buf->grow : grow_on_heap)(buf, more))
         return false;

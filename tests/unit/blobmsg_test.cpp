@@ -1,0 +1,298 @@
+// Messages and their JSON form, checked against transcripts of the real library, and what must hold
+// for bytes that no library ever wrote.
+#include <cmath>
+#include <cstdlib>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <map>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+extern "C" { // last: their macro `fallthrough` breaks other headers
+#include <libubox/avl.h>
+#include <libubox/blobmsg_json.h>
+}
+
+using nlohmann::json;
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+json capture(const std::string &name, const char *key) {
+    return json::parse(std::ifstream(TEST_DATA "/captures/" + name + ".json"))[key];
+}
+
+Bytes from_hex(const std::string &hex) {
+    Bytes bytes;
+    for (size_t i = 0; i + 1 < hex.size(); i += 2)
+        bytes.push_back(static_cast<uint8_t>(std::stoi(hex.substr(i, 2), nullptr, 16)));
+    return bytes;
+}
+
+// A message under construction that frees itself.
+struct Message : blob_buf {
+    explicit Message(int id = 0) : blob_buf{} { blob_buf_init(this, id); }
+    Message(const Message &) = delete;
+    ~Message() { blob_buf_free(this); }
+    Bytes bytes() const {
+        auto *first = reinterpret_cast<uint8_t *>(head);
+        return Bytes(first, first + blob_raw_len(head));
+    }
+};
+
+blob_attr *attr_in(Bytes &bytes) {
+    return reinterpret_cast<blob_attr *>(bytes.data());
+}
+
+std::string format(blob_attr *attr, int indent, bool list = true) {
+    const std::unique_ptr<char, decltype(&std::free)> text(
+        blobmsg_format_json_indent(attr, list, indent), &std::free);
+    return text.get();
+}
+
+enum blobmsg_type type_number(const std::string &name) {
+    static const std::map<std::string, enum blobmsg_type> numbers = {
+        {"UNSPEC", BLOBMSG_TYPE_UNSPEC}, {"ARRAY", BLOBMSG_TYPE_ARRAY},
+        {"TABLE", BLOBMSG_TYPE_TABLE},   {"STRING", BLOBMSG_TYPE_STRING},
+        {"INT64", BLOBMSG_TYPE_INT64},   {"INT32", BLOBMSG_TYPE_INT32},
+        {"INT16", BLOBMSG_TYPE_INT16},   {"INT8", BLOBMSG_TYPE_INT8},
+        {"DOUBLE", BLOBMSG_TYPE_DOUBLE}, {"CAST_INT64", BLOBMSG_CAST_INT64}};
+    return numbers.at(name);
+}
+
+// Adds a [type, name, value] triple the way a program does.
+void add(blob_buf *to, const json &field) {
+    const std::string name_text = field[1].is_null() ? "" : field[1];
+    const char *name = field[1].is_null() ? nullptr : name_text.c_str();
+    const json &value = field[2];
+    switch (const int type = type_number(field[0])) {
+    case BLOBMSG_TYPE_ARRAY:
+    case BLOBMSG_TYPE_TABLE: {
+        void *nest = blobmsg_open_nested(to, name, type == BLOBMSG_TYPE_ARRAY);
+        for (const json &member : value)
+            add(to, member);
+        blobmsg_close_table(to, nest);
+        break;
+    }
+    case BLOBMSG_TYPE_STRING:
+        blobmsg_add_string(to, name, value.get<std::string>().c_str());
+        break;
+    case BLOBMSG_TYPE_INT64:
+        blobmsg_add_u64(to, name, value.get<uint64_t>());
+        break;
+    case BLOBMSG_TYPE_INT32:
+        blobmsg_add_u32(to, name, value.get<uint32_t>());
+        break;
+    case BLOBMSG_TYPE_INT16:
+        blobmsg_add_u16(to, name, value.get<uint16_t>());
+        break;
+    case BLOBMSG_TYPE_INT8:
+        blobmsg_add_u8(to, name, value.get<uint8_t>());
+        break;
+    case BLOBMSG_TYPE_DOUBLE:
+        blobmsg_add_double(to, name,
+                           value == "nan"      ? std::nan("")
+                           : value.is_string() ? -HUGE_VAL
+                                               : value.get<double>());
+        break;
+    default:
+        blobmsg_add_field(to, BLOBMSG_TYPE_UNSPEC, name, nullptr, 0);
+    }
+}
+
+// Everything that reads a message from elsewhere; the sanitizers watch.
+void read_all(Bytes bytes) {
+    blob_attr *attr = attr_in(bytes), *found[4];
+    const blobmsg_policy policy[] = {{"k", BLOBMSG_TYPE_UNSPEC},
+                                     {"t", BLOBMSG_TYPE_TABLE},
+                                     {"a", BLOBMSG_TYPE_ARRAY},
+                                     {"n", BLOBMSG_CAST_INT64}};
+    blob_parse_untrusted(attr, bytes.size(), found, nullptr, 4);
+    blobmsg_parse(policy, 4, found, bytes.data(), static_cast<unsigned>(bytes.size()));
+    blobmsg_parse_array(policy, 4, found, bytes.data(), static_cast<unsigned>(bytes.size()));
+    if (blob_raw_len(attr) > bytes.size())
+        return;
+    blobmsg_check_array(attr, BLOBMSG_TYPE_UNSPEC);
+    format(attr, 0);
+    format(attr, -1, false);
+}
+
+} // namespace
+
+TEST(Blobmsg, EncodesAndPrintsAsRecorded) {
+    for (const json &vector : capture("34_blobmsg_vectors", "encode")) {
+        SCOPED_TRACE(vector["note"].get<std::string>());
+        Bytes expected = from_hex(vector["hex"]);
+        Message message(expected[0]);
+        for (const json &field : vector["fields"])
+            add(&message, field);
+        EXPECT_EQ(message.bytes(), expected);
+        EXPECT_EQ(format(attr_in(expected), -1), vector["json_compact"]);
+        EXPECT_EQ(format(attr_in(expected), 0), vector["json_indented"]);
+    }
+}
+
+TEST(Blobmsg, ParsesAsRecorded) {
+    for (const json &vector : capture("34_blobmsg_vectors", "parse")) {
+        SCOPED_TRACE(vector["note"].get<std::string>());
+        std::vector<blobmsg_policy> policy;
+        for (const json &entry : vector["policy"]) {
+            const auto *name = entry[0].get_ptr<const std::string *>();
+            policy.push_back({name ? name->c_str() : nullptr, type_number(entry[1])});
+        }
+        Bytes data = from_hex(vector["data_hex"]);
+        std::vector<blob_attr *> found(policy.size(), attr_in(data));
+        const auto parse =
+            vector["function"] == "blobmsg_parse" ? blobmsg_parse : blobmsg_parse_array;
+        EXPECT_EQ(parse(policy.data(), static_cast<int>(policy.size()), found.data(), data.data(),
+                        static_cast<unsigned>(data.size())),
+                  vector["result"]);
+        json offsets = json::array();
+        for (blob_attr *attr : found)
+            offsets.push_back(attr ? json(reinterpret_cast<uint8_t *>(attr) - data.data())
+                                   : json());
+        EXPECT_EQ(offsets, vector["found_at_offset"]);
+    }
+}
+
+TEST(Blobmsg, ReadsJsonAsRecorded) {
+    for (const json &vector : capture("34_blobmsg_vectors", "json_to_blobmsg")) {
+        Message message;
+        const std::string text = vector["text"];
+        EXPECT_TRUE(blobmsg_add_json_from_string(&message, text.c_str()));
+        EXPECT_EQ(message.bytes(), from_hex(vector["hex"])) << text;
+    }
+    // Calls of a method that sends its argument back: the text either comes back or is refused.
+    for (const char *file : {"11_argument_types", "24_cli_json_texts"}) {
+        for (const json &command : capture(file, "commands")) {
+            const json &argv = command["argv"];
+            if (argv.size() != 5 || argv[3] != "echo")
+                continue;
+            Message message;
+            const std::string text = argv[4];
+            const bool accepted = blobmsg_add_json_from_string(&message, text.c_str());
+            EXPECT_EQ(accepted, command["exit_status"] == 0) << text;
+            EXPECT_EQ(accepted ? format(message.head, 0) + "\n" : "", command["stdout"]) << text;
+        }
+    }
+    const Bytes fields = from_hex(capture("12_reply_types", "payload_hex")[0]);
+    Message message;
+    blob_put_raw(&message, fields.data(), static_cast<unsigned>(fields.size()));
+    EXPECT_EQ(format(message.head, 0) + "\n", capture("12_reply_types", "commands")[0]["stdout"]);
+}
+
+TEST(Blobmsg, BoundsNestingAndRefusesBrokenText) {
+    const auto nested = [](size_t levels) {
+        return "{\"a\":" + std::string(levels, '[') + std::string(levels, ']') + "}";
+    };
+    const std::string accepted[] = {nested(31), "{\"a\":[1,],}", "{\"a\":-Infinity} x",
+                                    "//c\n{'a':\"\\ud800\\ud83d\\ude00\"/**/}"};
+    const std::string refused[] = {nested(32),     nested(100000), "{,}",        "{\"a\":[,]}",
+                                   "{\"a\":1e5.}", "{\"a\":-}",    "{\"a\":1x}", "{\"a\":\"\\u12",
+                                   "/*{}",         "{\"a\":0x10}", "{\"a\":tru}"};
+    Message message;
+    for (const std::string &text : accepted)
+        EXPECT_TRUE(blobmsg_add_json_from_string(&message, text.c_str())) << text;
+    const Bytes before = message.bytes();
+    for (const std::string &text : refused)
+        EXPECT_FALSE(blobmsg_add_json_from_string(&message, text.c_str())) << text;
+    EXPECT_EQ(message.bytes(), before);
+    EXPECT_NE(format(message.head, -1).find("\"a\":\"\xef\xbf\xbd\xf0\x9f\x98\x80\""),
+              std::string::npos);
+
+    Message deep;
+    std::vector<void *> nests;
+    for (int i = 0; i < 100000; i++)
+        nests.push_back(blobmsg_open_table(&deep, nullptr));
+    for (; !nests.empty(); nests.pop_back())
+        blobmsg_close_table(&deep, nests.back());
+    EXPECT_LT(format(deep.head, -1).size(), 1000u);
+}
+
+TEST(Blobmsg, SurvivesDamagedMessages) {
+    for (const json &vector : capture("34_blobmsg_vectors", "encode")) {
+        const Bytes whole = from_hex(vector["hex"]);
+        for (size_t at = 0; at < whole.size(); at++) {
+            for (const uint8_t value : {0, 1, 3, 4, 7, 8, 9, 0x7f, 0x80, 0xff}) {
+                Bytes damaged = whole;
+                damaged[at] = value;
+                read_all(damaged);
+            }
+            if (at >= 4)
+                read_all(Bytes(whole.begin(), whole.begin() + static_cast<ptrdiff_t>(at)));
+        }
+    }
+}
+
+TEST(Blobmsg, KeepsTheMessageWhenAnAddDoesNotFit) {
+    Message message;
+    const std::string part(0x7fff00, 'x'), name(70000, 'n');
+    EXPECT_EQ(blobmsg_add_string(&message, "a", part.c_str()), 0);
+    const Bytes before = message.bytes();
+    EXPECT_EQ(blobmsg_add_string(&message, name.c_str(), "v"), -1);
+    EXPECT_EQ(blobmsg_alloc_string_buffer(&message, "b", 0xffffff), nullptr);
+    EXPECT_EQ(blobmsg_printf(&message, "b", "%s%s", part.c_str(), part.c_str()), -1);
+    EXPECT_FALSE(blobmsg_add_json_from_string(
+        &message, ("{\"b\":1,\"c\":{\"d\":\"" + part + part + "\"}}").c_str()));
+    EXPECT_EQ(message.bytes(), before);
+    blobmsg_alloc_string_buffer(&message, "s", 3);
+    std::snprintf(static_cast<char *>(blobmsg_realloc_string_buffer(&message, 600)), 601, "%0500d",
+                  7);
+    blobmsg_add_string_buffer(&message);
+    blobmsg_printf(&message, "p", "%d", -5);
+    const blobmsg_policy policy[] = {{"s", BLOBMSG_TYPE_STRING}, {"p", BLOBMSG_TYPE_STRING}};
+    blob_attr *found[2];
+    blobmsg_parse_attr(policy, 2, found, message.head);
+    ASSERT_TRUE(found[0] && found[1]);
+    EXPECT_EQ(blobmsg_data_len(found[0]), 501u);
+    EXPECT_STREQ(blobmsg_get_string(found[1]), "-5");
+}
+
+TEST(Blob, ParsesPlainAttributes) {
+    Message message;
+    blob_put_u32(&message, 1, 7);
+    blob_put_u32(&message, 1, 0xfffffff8); // the last duplicate counts
+    blob_put_u8(&message, 2, 1);           // too short for its form
+    blob_put(&message, 3, "abc", 3);       // no terminating zero byte
+    blob_put_string(&message, 4, "abc");   // longer than allowed
+    void *nest = blob_nest_start(&message, 5);
+    blob_put_u64(&message, 0, 1);
+    blob_nest_end(&message, nest);
+    blob_put_u8(&message, 9, 1); // unknown
+    const blob_attr_info info[] = {{},
+                                   {BLOB_ATTR_INT32, 0, 0, nullptr},
+                                   {BLOB_ATTR_INT32, 0, 0, nullptr},
+                                   {BLOB_ATTR_STRING, 0, 0, nullptr},
+                                   {BLOB_ATTR_STRING, 0, 7, nullptr},
+                                   {BLOB_ATTR_NESTED, 16, 16, nullptr}};
+    blob_attr *found[6];
+    EXPECT_EQ(blob_parse_untrusted(message.head, blob_raw_len(message.head), found, info, 6), 2);
+    EXPECT_EQ(blob_get_int32(found[1]), -8);
+    EXPECT_EQ(blob_get_u64(static_cast<blob_attr *>(blob_data(found[5]))), 1u);
+    EXPECT_TRUE(!found[0] && !found[2] && !found[3] && !found[4]);
+    EXPECT_EQ(blob_parse_untrusted(message.head, blob_raw_len(message.head) - 1, found, info, 6),
+              0);
+    EXPECT_EQ(found[1], nullptr);
+}
+
+TEST(Avl, KeepsOrderAndRefusesDuplicates) {
+    const auto compare = [](const void *k1, const void *k2, void *) {
+        return std::strcmp(static_cast<const char *>(k1), static_cast<const char *>(k2));
+    };
+    avl_node nodes[4] = {};
+    const char *keys[] = {"b", "c", "a", "b"};
+    for (int i = 0; i < 4; i++)
+        nodes[i].key = keys[i];
+    avl_tree tree;
+    avl_init(&tree, compare, false, nullptr);
+    for (int i = 0; i < 4; i++)
+        EXPECT_EQ(avl_insert(&tree, &nodes[i]), i == 3 ? -1 : 0);
+    EXPECT_EQ(avl_find(&tree, "b"), &nodes[0]);
+    avl_delete(&tree, &nodes[0]);
+    EXPECT_EQ(avl_find(&tree, "b"), nullptr);
+    EXPECT_EQ(tree.list_head.next, &nodes[2].list);
+    EXPECT_EQ(tree.count, 2u);
+}
