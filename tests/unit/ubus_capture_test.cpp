@@ -122,7 +122,10 @@ class Child {
     Child() = default;
     explicit Child(const std::function<void()> &body) : pid_(fork()) {
         if (pid_ == 0) {
-            body();
+            try {
+                body();
+            } catch (...) { // must not become a second test program
+            }
             _exit(127);
         }
     }
@@ -167,12 +170,14 @@ class CaptureTest : public testing::TestWithParam<std::string> {
     std::filesystem::path directory;
     std::string path;
     json capture;
+    json commands;
 
     void SetUp() override {
         std::string name = testing::TempDir() + "ubus.XXXXXX";
         directory = mkdtemp(name.data());
         path = directory / "bus";
         capture = load(GetParam());
+        commands = capture.value("commands", json::array());
     }
     void TearDown() override { std::filesystem::remove_all(directory); }
 };
@@ -486,7 +491,7 @@ class ClientTest : public CaptureTest {
     }
 
     Program start(const std::string &who) const {
-        for (const json &command : capture["commands"])
+        for (const json &command : commands)
             if (command["connection"] == who)
                 return start_command(command, path);
         Program program;
@@ -554,7 +559,7 @@ TEST_P(ClientTest, BehavesAsRecorded) {
                       (ssize_t)bytes.size());
         }
     }
-    for (const json &command : capture["commands"]) {
+    for (const json &command : commands) {
         if (!command.value("connection", json()).is_null())
             continue;
         Program program = start_command(command, directory / "absent");
