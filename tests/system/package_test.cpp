@@ -35,6 +35,7 @@ TEST_F(PackageTest, ShippedSettingsAreTheBuiltInDefaults) {
     std::string shipped = read_file(SHIPPED_FILES "/etc/config/vantrelle");
     EXPECT_EQ(settings_from(shipped), settings_from(""));
 
+    SetUp();
     // A misspelt option got its default above; with everything logged it is a failed reading.
     const std::string quiet = "option log_level '0'";
     ASSERT_NE(shipped.find(quiet), std::string::npos);
@@ -45,7 +46,8 @@ TEST_F(PackageTest, ShippedSettingsAreTheBuiltInDefaults) {
     const OwnedText database(get_stats_db_location());
     EXPECT_STREQ(database.get(), "/etc/vantrelle") << "there is no default to fall back to";
     EXPECT_EQ(log_count("Done Load Config") + log_count("GPIO Mux returned 0"), 2U);
-    EXPECT_EQ(log_count("Failed"), 0U);
+    for (const LogLine &line : log_lines())
+        EXPECT_EQ(line.text.find("Failed"), std::string::npos) << line.text;
 }
 
 } // namespace
