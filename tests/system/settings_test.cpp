@@ -1,0 +1,145 @@
+// Settings written back to the configuration store: the files that result, byte for byte, the
+// result codes and the log lines. The writers know only the system's own /etc/config.
+#include "guards.h"
+#include "harness.h"
+#include "uciutils.h"
+
+#include <filesystem>
+
+#include <syslog.h>
+
+using namespace harness;
+
+namespace {
+
+constexpr char settings_file[] = "/etc/config/vantrelle";
+constexpr char system_file[] = "/etc/config/system";
+constexpr char before[] = "# kept until something changes\n"
+                          "config main\n\toption  port '53'\n\toption upstream_dns '10.53.0.1'\n"
+                          "config logging 'l'\n\toption debug 0\n";
+constexpr char system_before[] = "config system\n\toption log_remote '0'\n";
+
+struct SettingsTest : SystemTest {
+    void SetUp() override {
+        SystemTest::SetUp();
+        std::filesystem::remove_all("/tmp/.uci");
+        openlog("settings", LOG_PID, LOG_LOCAL0);
+        write_file(settings_file, before);
+        write_file(system_file, system_before);
+    }
+    // The errors logged since the test began, one per line.
+    static std::string errors() {
+        std::string texts;
+        for (const LogLine &line : log_lines())
+            texts += line.priority == LOG_ERR ? line.text + "\n" : "";
+        return texts;
+    }
+};
+
+// What `before` becomes: the first section is written anew with these options.
+std::string rewritten(const std::string &main_options) {
+    return "\nconfig main\n\toption port '53'\n" + main_options +
+           "\nconfig logging 'l'\n\toption debug '0'\n\n";
+}
+
+TEST_F(SettingsTest, WriteTheFilesAnew) {
+    const std::string upstream = "\toption upstream_dns '10.53.0.1'\n";
+    const struct {
+        std::function<int()> write;
+        std::string settings;
+    } cases[] = {
+        {[] { return set_loglevel(7); }, rewritten(upstream + "\toption log_level '7'\n")},
+        {[] { return set_disabled_data(1); }, rewritten(upstream + "\toption disabled '1'\n")},
+        {[] { return set_track_data(-1); },
+         rewritten(upstream + "\toption record_traffic '4294967295'\n")},
+        {[] { return set_dns(1, "10.53.0.9"); }, rewritten("\toption upstream_dns '10.53.0.9'\n")},
+        {[] { return set_dns(4, "it's"); },
+         rewritten(upstream + "\toption upstream_dns4 'it'\\''s'\n")},
+        {[] { return set_dns(0, "x"); }, rewritten(upstream + "\toption upstream_dns0 'x'\n")},
+        {[] { return set_dns(1, "10.53.0.1"); }, before}, // stored already: the file is left alone
+        {[] { return set_dns(2, ""); }, before},          // nothing to remove
+    };
+    for (const auto &[write, settings] : cases) {
+        write_file(settings_file, before);
+        EXPECT_EQ(write(), 0);
+        EXPECT_EQ(read_file(settings_file), settings);
+    }
+    EXPECT_EQ(read_file(system_file), system_before);
+    EXPECT_EQ(set_remote_log(1), 0);
+    EXPECT_EQ(read_file(system_file), "\nconfig system\n\toption log_remote '1'\n\n");
+    EXPECT_EQ(errors(), "");
+    for (const char *line :
+         {"Remote Logging inside set: 1", "Inside set_dns 4 : it's", "sec: vantrelle.@main[0]",
+          "dns_option: upstream_dns4", "About to set option",
+          "config.option/config.value: upstream_dns4, it's", "About to commit", "Commit was OK"})
+        EXPECT_EQ(log_priority(line), LOG_DEBUG) << line;
+}
+
+// All five that the bus uses, as one text of their results.
+std::string results() {
+    std::string text;
+    for (int result : {set_loglevel(7), set_disabled_data(1), set_track_data(1), set_remote_log(1),
+                       set_dns(2, "10.53.0.2")})
+        text += std::to_string(result);
+    return text;
+}
+
+TEST_F(SettingsTest, FailWithoutTheirSection) {
+    const auto fail = [] {
+        const size_t old = errors().size();
+        EXPECT_EQ(results(), "55551");
+        EXPECT_EQ(errors().substr(old),
+                  "failed to find the specified section: vantrelle.@main[0]\n"
+                  "failed to find the specified section: vantrelle.@main[0]\n"
+                  "failed to find the specified section: vantrelle.@main[0]\n"
+                  "failed to find the specified section: system.@system[0]\n"
+                  "failed to find the specified section: vantrelle.@main[0] 1\n");
+    };
+    write_file(settings_file, "config logging\n");
+    write_file(system_file, "");
+    fail();
+    EXPECT_EQ(read_file(settings_file), "config logging\n");
+    set_stats_db_location("/tmp");
+    EXPECT_EQ(log_priority("failed to find the specified section: "
+                           "vantrelle.@main[0].stats_db_path 1"),
+              LOG_ERR);
+    std::filesystem::remove(settings_file);
+    std::filesystem::remove(system_file);
+    fail();
+}
+
+TEST_F(SettingsTest, FailWhenTheStoreTakesNoCommit) {
+    write_file("/tmp/.uci", "in the way of the directory of changes");
+    EXPECT_EQ(results(), "55553");
+    set_stats_db_location("/tmp");
+    EXPECT_EQ(errors(), "Failed to commit log_level changes\n"
+                        "Failed to commit Disabled option changes\n"
+                        "Failed to commit record_traffic changes\n"
+                        "Failed to commit log_remote changes\n"
+                        "failed to commit stats_db_location changes\n"
+                        "failed to commit stats_db_location changes\n");
+    EXPECT_EQ(log_priority("Commit was OK"), LOG_DEBUG);
+    EXPECT_EQ(read_file(settings_file), before);
+    EXPECT_EQ(set_dns(1, nullptr), 2);
+    EXPECT_EQ(log_priority("failed to set new stats_db_location"), LOG_ERR);
+}
+
+// Handing over the whole key succeeds at every step and stores nothing.
+TEST_F(SettingsTest, DatabaseLocationIsNotStored) {
+    for (const char *stored : {"", "/srv", "/run"}) {
+        const std::string option =
+            *stored ? "\toption stats_db_path '" + std::string(stored) + "'\n" : "";
+        write_file(settings_file, "config main\n" + option);
+        set_stats_db_location("/tmp");
+        EXPECT_EQ(read_file(settings_file), "config main\n" + option);
+        const OwnedText location(get_stats_db_location());
+        EXPECT_STREQ(location ? location.get() : "", stored);
+    }
+    EXPECT_EQ(log_priority("Stats db location is:  /tmp"), LOG_DEBUG);
+    EXPECT_EQ(errors(), "");
+    // What the attempts left behind harms nothing, and the next change clears it away.
+    EXPECT_EQ(set_loglevel(5), 0);
+    EXPECT_EQ(std::filesystem::file_size("/tmp/.uci/vantrelle"), 0U);
+}
+
+} // namespace
