@@ -204,6 +204,9 @@ TEST(Blobmsg, KeepsTheMessageWhenAnAddDoesNotFit) {
     EXPECT_FALSE(blobmsg_add_json_from_string(
         &message, ("{\"b\":1,\"c\":{\"d\":\"" + part + part + "\"}}").c_str()));
     EXPECT_TRUE(message.bytes() == before);
+    Message largest;
+    EXPECT_EQ(blob_new(&largest, 0, 0xfffff8), nullptr); // its length would not fit in 24 bits
+    EXPECT_NE(blob_new(&largest, 0, 0xfffff4), nullptr);
 }
 
 TEST(Blob, ParsesPlainAttributes) {
