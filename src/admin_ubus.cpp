@@ -136,22 +136,22 @@ const char *get_list_name(int id) {
 
 // Editing lists
 
-static int ubus_add_black_list(char *item, int8_t mode) {
+static int ubus_add_black_list(const char *item, int8_t mode) {
     syslog(LOG_DEBUG, "Add %s to local black list, Opt: %d", item, mode);
     return add_local_black_list(item, mode);
 }
 
-static int ubus_add_white_list(char *item, int8_t mode) {
+static int ubus_add_white_list(const char *item, int8_t mode) {
     syslog(LOG_DEBUG, "Add %s to local white list, Opt: %d", item, mode);
     return add_local_white_list(item, mode);
 }
 
-static int ubus_add_admin_list(char *item, int8_t mode) {
+static int ubus_add_admin_list(const char *item, int8_t mode) {
     syslog(LOG_DEBUG, "Add %s to local admin list, Opt: %d", item, mode);
     return add_local_device_list(item, mode);
 }
 
-static int ubus_add_bad_list(char *item, int8_t mode) {
+static int ubus_add_bad_list(const char *item, int8_t mode) {
     syslog(LOG_DEBUG, "Add %s to local device block list, Opt: %d", item, mode);
     return add_blocked_device_list(item, mode);
 }
@@ -181,7 +181,7 @@ namespace {
 // The lists that the bus edits; a list's place here is its id.
 struct EditableList {
     const char *code;
-    int (*add)(char *item, int8_t mode);
+    int (*add)(const char *item, int8_t mode);
     int (*remove)(const char *item);
 };
 
@@ -313,13 +313,17 @@ static int vt_list_add(struct ubus_context *, struct ubus_object *, struct ubus_
     syslog(LOG_DEBUG, "Inside vt_list_add");
     const Arguments arguments(list_update_policy, msg);
     const auto mode = static_cast<int8_t>(number_of(arguments[UPDATE_OPTION], -1));
-    // Adding cuts the text at a line break, also for the answer.
+    // A text that was taken is cut at its first line break, also in the answer.
     const OwnedText pattern(strdup(text_of(arguments[UPDATE_PATTERN], "(unknown)")));
     if (!pattern)
         return UBUS_STATUS_NO_MEMORY;
-    const int result = edit_list(
-        req, text_of(arguments[UPDATE_LIST], "(unknown)"), pattern.get(), Gated<vt_add_reply>::call,
-        [&](const EditableList &list) { return list.add(pattern.get(), mode); });
+    const int result = edit_list(req, text_of(arguments[UPDATE_LIST], "(unknown)"), pattern.get(),
+                                 Gated<vt_add_reply>::call, [&](const EditableList &list) {
+                                     const int status = list.add(pattern.get(), mode);
+                                     if (status != LIST_EMPTY_ITEM)
+                                         pattern.get()[std::strcspn(pattern.get(), "\n")] = '\0';
+                                     return status;
+                                 });
     syslog(LOG_DEBUG, "Done vt_list_add");
     return result;
 }
@@ -338,26 +342,30 @@ static int vt_list_remove(struct ubus_context *, struct ubus_object *,
 
 // Reading lists
 
-// The page of the list with this code, null when there is none; `*size` is the size of the whole
-// list then. Only the local black and white lists can be read.
-static List *get_page(const char *code, int start, int count, unsigned *size) {
-    ListHold source;
+// The list with this code, empty when there is none to read: of the editable lists only the local
+// black and white lists can be read.
+static ListHold find_source(const char *code) {
     if (std::strcmp(code, "bl") == 0) {
         syslog(LOG_DEBUG, "Before checksize");
         if (get_local_black_list_size() != 0) {
             syslog(LOG_DEBUG, "Before get list");
-            source = get_local_black_list();
+            ListHold list = get_local_black_list();
             syslog(LOG_DEBUG, "After get list");
+            return list;
         }
     } else if (std::strcmp(code, "wl") == 0 && get_local_white_list_size() != 0) {
-        source = get_local_white_list();
+        return get_local_white_list();
     }
+    return ListHold(nullptr);
+}
+
+// The page to answer with, null when there is none; the caller frees it.
+static List *get_page(List *source, int start, int count) {
     if (!source)
         return nullptr;
     syslog(LOG_DEBUG, "Before get sub list");
-    List *page = get_sub_list(source.get(), start, count);
+    List *page = get_sub_list(source, start, count);
     syslog(LOG_DEBUG, "after get sub list");
-    *size = get_list_size(source.get());
     return page;
 }
 
@@ -374,11 +382,11 @@ static int vt_get_list(struct ubus_context *, struct ubus_object *, struct ubus_
     const int start = number_of(arguments[EDIT_START], 0);
     const int count = number_of(arguments[EDIT_COUNT], 0);
     syslog(LOG_INFO, "Params (new): %s, start: %d, count: %d", code, start, count);
-    unsigned size = 0;
-    List *page = get_page(code, start, count, &size);
+    const ListHold source = find_source(code);
+    List *page = get_page(source.get(), start, count);
     blob_buf_init(&b, 0);
-    add_number_text("max_records", page ? size : 0);
-    add_number_text("records", page ? get_list_size(page) : 0);
+    add_number_text("max_records", page ? get_list_size(source.get()) : 0);
+    add_number_text("records", get_list_size(page));
     void *items = blobmsg_open_table(&b, "list_items");
     const Node *node = page ? page->head : nullptr;
     for (int number = 1; node && number <= count; node = node->next, number++) {
@@ -390,7 +398,7 @@ static int vt_get_list(struct ubus_context *, struct ubus_object *, struct ubus_
     }
     blobmsg_close_table(&b, items);
     ubus_send_reply(ctx, req, b.head);
-    free_list(&page);
+    free_list(page);
     return 0;
 }
 

@@ -40,12 +40,25 @@ class UniqueFd {
     explicit operator bool() const { return fd_ >= 0; }
 };
 
+// A mutex that its holder may lock again. For file-level variables; it is never destroyed.
+struct RecursiveMutex {
+    pthread_mutex_t mutex;
+    RecursiveMutex() {
+        pthread_mutexattr_t attributes;
+        pthread_mutexattr_init(&attributes);
+        pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_RECURSIVE);
+        pthread_mutex_init(&mutex, &attributes);
+        pthread_mutexattr_destroy(&attributes);
+    }
+};
+
 // Holds a mutex for the life of a scope.
 class MutexGuard {
     pthread_mutex_t &mutex_;
 
   public:
     explicit MutexGuard(pthread_mutex_t &mutex) : mutex_(mutex) { pthread_mutex_lock(&mutex_); }
+    explicit MutexGuard(RecursiveMutex &mutex) : MutexGuard(mutex.mutex) {}
     ~MutexGuard() { pthread_mutex_unlock(&mutex_); }
     MutexGuard(const MutexGuard &) = delete;
     MutexGuard &operator=(const MutexGuard &) = delete;

@@ -1,14 +1,19 @@
 #include "server.h"
 
+#include "admin_ubus.h"
+#include "blacklist.h"
+#include "blockedlist.h"
 #include "check.h"
 #include "config.h"
 #include "guards.h"
 #include "ledutils.h"
 #include "netutils.h"
 #include "sigmask.h"
+#include "statsdb.h"
 #include "svrutils.h"
 #include "thpool.h"
 #include "utils.h"
+#include "whitelist.h"
 
 #include <arpa/inet.h>
 #include <cerrno>
@@ -77,12 +82,16 @@ void update_stats(int32_t requests, int32_t blocked, int32_t resets, int32_t err
 void write_stats() {
     if (!oDNS.db)
         return;
+    insert_stats_summary_record(read_counter(oDNS.requests), read_counter(oDNS.blocked),
+                                read_counter(oDNS.resets), read_counter(oDNS.errors));
     syslog(LOG_DEBUG, "Finished writing stats"); // also when the insert failed
 }
 
 void read_stats() {
     syslog(LOG_DEBUG, "Before create/read stats summary");
+    create_stats_summary_table();
     syslog(LOG_DEBUG, "Before reading stats");
+    get_stats_summary(&oDNS.requests, &oDNS.blocked, &oDNS.resets, &oDNS.errors);
     syslog(LOG_INFO, "Finished reading stats");
 }
 
@@ -149,11 +158,20 @@ static void report_settings(ReportLine line) {
     line("Base Directory: %s", shown(oDNS.path));
 }
 
+static void report_list_sizes(ReportLine line) {
+    line("Blacklist Size: %s", commaprint(get_black_list_size()));
+    line("Local Blacklist Size: %s", commaprint(get_local_black_list_size()));
+    line("Whitelist Size: %s", commaprint(get_white_list_size()));
+    line("Local Whitelist Size: %s", commaprint(get_local_white_list_size()));
+    line("Local Admin List Size: %s", commaprint(get_local_device_list_size()));
+}
+
 static void report(ReportLine line, int with_stats) {
     report_settings(line);
     if (!with_stats)
         return;
     log_stats();
+    report_list_sizes(line);
 }
 
 void log_config(int with_stats) {
@@ -167,6 +185,18 @@ void print_config(int with_stats) {
 
 double get_block_rate() {
     return 0.0;
+}
+
+void reload_lists() {
+    // While `lock` is held no worker is in the middle of a lookup, wherever the pause catches it.
+    const MutexGuard guard(lock);
+    thpool_pause(oDNS.pool);
+    syslog(LOG_DEBUG, "Cleaning up list");
+    black_list_cleanup();
+    syslog(LOG_DEBUG, "Blacklist done");
+    white_list_cleanup();
+    syslog(LOG_DEBUG, "Whitelist done");
+    thpool_resume(oDNS.pool);
 }
 
 // Upstream connection
@@ -343,7 +373,8 @@ void divert(const uint8_t *message, int32_t length, sockaddr_in client, int bloc
 
 static void forward_and_record(const DnsRequest &request, const char *name) {
     forward_request(request.message, request.length, request.client);
-    (void)name;
+    if (oDNS.record_traffic == 1)
+        record_request(name, request.client);
 }
 
 // The first rule that matches decides. Blocked devices win over everything, white over black.
@@ -351,6 +382,12 @@ static void classify(const DnsRequest &request, const char *name) {
     const sockaddr_in client = request.client;
     if (oDNS.disabled == 1 || is_local(name, client) || is_reverse(name, client))
         forward_request(request.message, request.length, client); // never recorded
+    else if (is_blocked_device(name, client))
+        divert(request.message, request.length, client, 1);
+    else if (is_whitelisted(name, client))
+        forward_and_record(request, name);
+    else if (is_blacklisted(name, client))
+        divert(request.message, request.length, client, 1);
     else
         forward_and_record(request, name);
 }
@@ -481,6 +518,24 @@ static void create_base_directory() {
         syslog(LOG_WARNING, "Cannot create directory %s", oDNS.path);
 }
 
+static void start_ubus_thread() {
+    syslog(LOG_DEBUG, "Starting ubus thread");
+    pthread_t handle;
+    if (pthread_create(&handle, nullptr, admin_ubus_main, nullptr) == 0)
+        pthread_detach(handle);
+}
+
+static void init_lists_and_stats() {
+    multi_led_yellow();
+    init_stats();
+    admit_pending_signals(false);
+    init_black_list();
+    admit_pending_signals(false);
+    init_white_list();
+    init_blocked_device_list();
+    multi_led_red();
+}
+
 static void init_lock() {
     if (pthread_mutex_init(&lock, nullptr) != 0) {
         syslog(LOG_ERR, "Mutex init failed");
@@ -495,11 +550,14 @@ static void server_init() {
     start_init_leds();
     set_interface_address(oDNS.interface, &oDNS.listen_address);
     create_base_directory();
+    close_admin_gate(); // until the lists are there
+    if (oDNS.admin_enabled)
+        start_ubus_thread();
+    init_lists_and_stats();
     admit_pending_signals(false);
-    multi_led_yellow();
-    multi_led_red();
     oDNS.pool = thpool_init(oDNS.thread_pool);
     init_lock();
+    open_admin_gate();
     log_config(0);
     admit_pending_signals(true);
 }
@@ -564,6 +622,11 @@ static void _stop_threadpool() {
     oDNS.pool = nullptr;
 }
 
+static void _close_database() {
+    if (oDNS.db)
+        close_database();
+}
+
 static void _free_config() {
     for (char *&text : oDNS.upstream_dns)
         std::free(std::exchange(text, nullptr));
@@ -575,11 +638,16 @@ static void _free_config() {
 static void server_shutdown() {
     shutting_down = 1;
     syslog(LOG_INFO, "Shutting down ...");
+    close_admin_gate(); // for good: what the bus thread reads is taken down now
     _close_dns_listener();
     _stop_threadpool();
     _close_upstream_dns_connection();
     pthread_mutex_destroy(&lock);
     write_stats();
+    black_list_cleanup();
+    white_list_cleanup();
+    blocked_device_list_cleanup();
+    _close_database();
     _free_config();
     shutdown_multi_led();
     syslog(LOG_INFO, "Shutdown Complete");

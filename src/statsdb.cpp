@@ -80,22 +80,16 @@ struct FinalizeStatement {
 using Prepared = std::unique_ptr<sqlite3_stmt, FinalizeStatement>;
 
 // Guards the handle in oDNS.db: the bus thread runs before it is opened and while it is closed.
-pthread_mutex_t handle_lock = PTHREAD_MUTEX_INITIALIZER;
+RecursiveMutex handle_lock;
 
 // The connection for the life of a scope. Meanwhile no other thread can close it, replace the
 // message of a failed statement or insert between an insert and the asking for its row id.
 class Connection {
-    MutexGuard guard_;
-    sqlite3 *const db_;
+    const DatabaseHold hold_;
+    sqlite3 *const db_ = hold_.get();
     int refusal_ = SQLITE_OK;
 
   public:
-    Connection() : guard_(handle_lock), db_(oDNS.db) {
-        sqlite3_mutex_enter(db_ ? sqlite3_db_mutex(db_) : nullptr);
-    }
-    ~Connection() { sqlite3_mutex_leave(db_ ? sqlite3_db_mutex(db_) : nullptr); }
-    Connection(const Connection &) = delete;
-    Connection &operator=(const Connection &) = delete;
 
     // Null on failure. Whatever follows the first statement of a text is not compiled.
     Prepared prepare(const Statement &sql) {
@@ -205,6 +199,22 @@ void use_rollback_journal(sqlite3 *db) {
 }
 
 } // namespace
+
+DatabaseHold::DatabaseHold() {
+    pthread_mutex_lock(&handle_lock.mutex);
+    if (oDNS.db)
+        sqlite3_mutex_enter(sqlite3_db_mutex(oDNS.db));
+}
+
+DatabaseHold::~DatabaseHold() {
+    if (oDNS.db)
+        sqlite3_mutex_leave(sqlite3_db_mutex(oDNS.db));
+    pthread_mutex_unlock(&handle_lock.mutex);
+}
+
+sqlite3 *DatabaseHold::get() const {
+    return oDNS.db;
+}
 
 int open_database(const char *file, sqlite3 **db) {
     *db = nullptr;

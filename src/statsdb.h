@@ -31,6 +31,18 @@ int open_database(const char *file, sqlite3 **db);
 // database file without companions afterwards.
 void close_database();
 
+// Keeps the connection to the calling thread, so that several calls, or a transaction around them,
+// are not mixed with those of other threads. The same thread may hold it several times.
+class DatabaseHold {
+  public:
+    DatabaseHold();
+    ~DatabaseHold();
+    DatabaseHold(const DatabaseHold &) = delete;
+    DatabaseHold &operator=(const DatabaseHold &) = delete;
+    // Null without a database. Other code may use the handle only as long as this lives.
+    sqlite3 *get() const;
+};
+
 // Create the tables that are missing.
 int create_stats_summary_table();
 int create_traffic_table();

@@ -74,32 +74,14 @@ int set(Context &ctx, uci_ptr &ptr, bool noted) {
     return UCI_OK;
 }
 
-// Removes the item with the index that the value gives; an index past the end changes nothing.
-static int remove_item(uci_ptr &ptr, bool noted) {
-    char *tail;
-    long index = std::strtol(ptr.value, &tail, 10);
-    if (tail == ptr.value)
-        return UCI_ERR_INVAL;
-    uci_element *e, *next;
-    uci_foreach_element_safe(&ptr.o->v.list, next, e) {
-        if (index-- != 0)
-            continue;
-        note_change(ptr, '-', ptr.value, noted);
-        free_element(*e);
-        break;
-    }
-    return UCI_OK;
-}
-
 int remove(Context &ctx, uci_ptr &ptr, bool noted) {
     if (const int rc = complete(ctx, ptr))
         return rc;
     if (!(ptr.flags & uci_ptr::UCI_LOOKUP_COMPLETE))
         return UCI_ERR_NOTFOUND;
-    if (!ptr.p || !ptr.s)
+    const bool by_index = ptr.o && ptr.o->type == UCI_TYPE_LIST && ptr.value && *ptr.value;
+    if (!ptr.p || !ptr.s || by_index)
         return UCI_ERR_INVAL;
-    if (ptr.o && ptr.o->type == UCI_TYPE_LIST && ptr.value && *ptr.value)
-        return remove_item(ptr, noted);
 
     note_change(ptr, '-', nullptr, noted);
     // Nothing in the pointer may outlive what it points into.
@@ -121,66 +103,17 @@ int remove(Context &ctx, uci_ptr &ptr, bool noted) {
     return UCI_OK;
 }
 
-// The checks that the list operations share; finds the option.
-static int list_target(Context &ctx, uci_ptr &ptr) {
+int add_list(Context &ctx, uci_ptr &ptr, bool noted) {
     if (const int rc = complete(ctx, ptr))
         return rc;
     if (!ptr.p || !ptr.s || !ptr.option || !ptr.value)
         return UCI_ERR_INVAL;
     if (!ptr.o)
         ptr.o = uci_lookup_option(&ctx, ptr.s, ptr.option);
-    return UCI_OK;
-}
-
-int add_list(Context &ctx, uci_ptr &ptr, bool noted) {
-    if (const int rc = list_target(ctx, ptr))
-        return rc;
     if (!ptr.o)
         ptr.o = &add_option(*ptr.s, ptr.option);
     note_change(ptr, '|', ptr.value, noted);
     append_item(*ptr.o, ptr.value);
-    return UCI_OK;
-}
-
-int remove_from_list(Context &ctx, uci_ptr &ptr) {
-    if (const int rc = list_target(ctx, ptr))
-        return rc;
-    if (!ptr.o || ptr.o->type != UCI_TYPE_LIST)
-        return UCI_OK;
-    uci_element *e, *next;
-    uci_foreach_element_safe(&ptr.o->v.list, next, e) {
-        if (std::strcmp(e->name, ptr.value) == 0)
-            free_element(*e);
-    }
-    return UCI_OK;
-}
-
-int rename(Context &ctx, uci_ptr &ptr) {
-    if (const int rc = complete(ctx, ptr))
-        return rc;
-    if (!(ptr.flags & uci_ptr::UCI_LOOKUP_COMPLETE) || !ptr.s)
-        return UCI_ERR_NOTFOUND;
-    if (ptr.o) {
-        assign(ptr.o->e.name, ptr.value);
-    } else {
-        assign(ptr.s->e.name, ptr.value);
-        ptr.s->anonymous = false;
-    }
-    return UCI_OK;
-}
-
-int move(Context &ctx, uci_ptr &ptr) {
-    if (const int rc = complete(ctx, ptr))
-        return rc;
-    if (!ptr.s)
-        return UCI_ERR_NOTFOUND;
-    uci_list &sections = ptr.p->sections;
-    unlink(ptr.s->e.list);
-    uci_list *place = sections.next;
-    for (long position = std::strtol(ptr.value, nullptr, 10); position > 0 && place != &sections;
-         --position)
-        place = place->next;
-    insert_before(*place, ptr.s->e.list);
     return UCI_OK;
 }
 

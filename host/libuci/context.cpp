@@ -11,7 +11,6 @@ uci_context *uci_alloc_context(void) {
     ctx->flags = static_cast<uci_flags>(UCI_FLAG_STRICT | UCI_FLAG_SAVED_DELTA);
     ctx->confdir = uci::copy(UCI_CONFDIR);
     ctx->savedir = uci::copy(UCI_SAVEDIR);
-    ctx->conf2dir = uci::copy(UCI_CONF2DIR);
     uci::add_element(ctx->delta_path, UCI_TYPE_PATH, UCI_SAVEDIR);
     return ctx;
 }
@@ -28,7 +27,6 @@ void uci_free_context(uci_context *ctx) {
     }
     std::free(ctx->confdir);
     std::free(ctx->savedir);
-    std::free(ctx->conf2dir);
     delete &own(ctx);
 }
 
@@ -49,15 +47,6 @@ int uci_set_savedir(uci_context *ctx, const char *dir) {
     });
 }
 
-int uci_set_conf2dir(uci_context *ctx, const char *dir) {
-    return uci::finish(ctx, true, [&](uci::Context &own) {
-        char *old = own.conf2dir;
-        own.conf2dir = dir ? uci::copy(dir) : nullptr;
-        std::free(old);
-        return UCI_OK;
-    });
-}
-
 static std::string error_text(uci_context *ctx, const char *prefix) {
     static constexpr const char *texts[] = {
         "Success",   "Out of memory", "Invalid argument", "Entry not found",
@@ -66,11 +55,8 @@ static std::string error_text(uci_context *ctx, const char *prefix) {
     const int err = ctx ? ctx->err : UCI_ERR_INVAL;
     std::string text = prefix ? std::string(prefix) + ": " : "";
     text += texts[err >= 0 && err < UCI_ERR_LAST ? err : UCI_ERR_UNKNOWN];
-    if (err == UCI_ERR_PARSE && own(ctx).reason) {
-        text.append(" (").append(own(ctx).reason).append(") at line ");
-        text.append(std::to_string(own(ctx).line)).append(", byte ");
-        text.append(std::to_string(own(ctx).byte));
-    }
+    if (err == UCI_ERR_PARSE && own(ctx).parse_line > 0)
+        text += " at line " + std::to_string(own(ctx).parse_line);
     return text;
 }
 

@@ -1,5 +1,6 @@
 #include "internal.h"
 
+#include <cstdlib>
 #include <cstring>
 
 namespace uci {
@@ -20,25 +21,61 @@ void note(Package &package, char prefix, const char *section, const char *option
     out += '\n';
 }
 
-// The operation of a line, by its prefix; 0 sets.
-static int apply(Context &ctx, uci_ptr &ptr, char prefix) {
+// The operations that only other programs write. The pointer has been looked up.
+
+static bool rename(uci_ptr &ptr) {
+    if (!is_plain_name(ptr.value) || !(ptr.flags & uci_ptr::UCI_LOOKUP_COMPLETE))
+        return false;
+    assign(ptr.o ? ptr.o->e.name : ptr.s->e.name, ptr.value);
+    if (!ptr.o)
+        ptr.s->anonymous = false;
+    return true;
+}
+
+static bool move(uci_ptr &ptr) {
+    if (!ptr.s || ptr.option)
+        return false;
+    uci_list &sections = ptr.p->sections;
+    unlink(ptr.s->e.list);
+    uci_list *place = sections.next;
+    for (long n = std::strtol(ptr.value, nullptr, 10); n > 0 && place != &sections; --n)
+        place = place->next;
+    insert_before(*place, ptr.s->e.list);
+    return true;
+}
+
+static bool remove_items(uci_ptr &ptr) {
+    if (!ptr.s || !ptr.option)
+        return false;
+    if (!ptr.o || ptr.o->type != UCI_TYPE_LIST)
+        return true;
+    uci_element *e, *next;
+    uci_foreach_element_safe(&ptr.o->v.list, next, e) {
+        if (std::strcmp(e->name, ptr.value) == 0)
+            free_element(*e);
+    }
+    return true;
+}
+
+static bool apply(Context &ctx, uci_ptr &ptr, char prefix) {
+    lookup(ctx, ptr, false);
     switch (prefix) {
     case '-':
-        return remove(ctx, ptr, false);
-    case '@':
-        return is_plain_name(ptr.value) ? rename(ctx, ptr) : UCI_ERR_INVAL;
-    case '^':
-        return ptr.option ? UCI_ERR_INVAL : move(ctx, ptr);
+        return remove(ctx, ptr, false) == UCI_OK;
     case '|':
-        return add_list(ctx, ptr, false);
+        return add_list(ctx, ptr, false) == UCI_OK;
+    case '@':
+        return rename(ptr);
+    case '^':
+        return move(ptr);
     case '~':
-        return remove_from_list(ctx, ptr);
+        return remove_items(ptr);
     default:
-        if (const int rc = set(ctx, ptr, false))
-            return rc;
+        if (set(ctx, ptr, false) != UCI_OK)
+            return false;
         if (prefix == '+' && !ptr.option && ptr.s)
             ptr.s->anonymous = true;
-        return UCI_OK;
+        return true;
     }
 }
 
@@ -54,7 +91,7 @@ static bool apply_line(Context &ctx, Package &package, Scanner &in) {
         (ptr.flags & uci_ptr::UCI_LOOKUP_EXTENDED) || (!ptr.value && prefix != '-'))
         return false;
     ptr.p = &package;
-    return apply(ctx, ptr, prefix) == UCI_OK;
+    return apply(ctx, ptr, prefix);
 }
 
 size_t apply_delta(Context &ctx, Package &package, std::string_view text) {

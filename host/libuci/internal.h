@@ -13,9 +13,7 @@
 namespace uci {
 
 struct Context : uci_context {
-    // The last parse error, for its text.
-    const char *reason;
-    size_t line, byte;
+    size_t parse_line; // of a parse error in a file, for its text
 };
 
 struct Package : uci_package {
@@ -36,10 +34,17 @@ template <typename Step>
 int finish(uci_context *ctx, bool valid, Step step) {
     if (!ctx)
         return UCI_ERR_INVAL;
+    own(ctx).parse_line = 0;
     return ctx->err = valid ? step(own(ctx)) : UCI_ERR_INVAL;
 }
 
 // ---- model.cpp: texts, lists and objects
+
+void free_package(Package &package);
+struct FreePackage {
+    void operator()(Package *package) const { free_package(*package); }
+};
+using OwnedPackage = std::unique_ptr<Package, FreePackage>;
 
 char *copy(std::string_view text);
 // Puts a copy of `text`, which may lie in the old one, into a text on the heap.
@@ -52,6 +57,9 @@ void clear(uci_list &head);
 void insert_before(uci_list &next, uci_list &node);
 void unlink(uci_list &node);
 
+// An empty package that no context holds yet.
+OwnedPackage new_package(Context &ctx, std::string_view name, std::string_view path,
+                         bool has_delta);
 // A null name makes an anonymous section and generates one.
 uci_section &add_section(Package &package, const char *type, const char *name);
 uci_option &add_option(uci_section &section, const char *name);
@@ -62,12 +70,6 @@ uci_element &add_element(uci_list &list, uci_type type, const char *name);
 void free_element(uci_element &e);
 void free_option(uci_option &option);
 void free_section(uci_section &section);
-void free_package(Package &package);
-
-struct FreePackage {
-    void operator()(Package *package) const { free_package(*package); }
-};
-using OwnedPackage = std::unique_ptr<Package, FreePackage>;
 
 // ---- parser.cpp: the configuration file
 
@@ -78,8 +80,7 @@ class Scanner {
     size_t pos_ = 0;  // the next byte
     size_t end_ = 0;  // the end of what is seen of the text
     size_t next_ = 0; // the start of the next line
-    size_t line_ = 0, line_start_ = 0;
-    const char *reason_ = nullptr;
+    size_t line_ = 0; // its number
 
     int peek() const;
     bool extend();
@@ -90,16 +91,16 @@ class Scanner {
   public:
     explicit Scanner(std::string_view text) : text_(text) {}
     bool next_line();
+    size_t line() const { return line_; }
     bool at_end() const { return pos_ == end_; }
     void skip_white();
     // Takes one of the bytes `any` if it is next, otherwise gives 0.
     char take(std::string_view any);
     // The text up to the next blank or the end of the line, which belongs to it.
     std::string_view keyword();
-    // One argument without its quotes, empty if there is none. False: an error.
+    // One argument without its quotes, empty if there is none. False: an unterminated quote or a
+    // NUL byte.
     bool argument(std::string &result);
-    bool fail(const char *reason); // false
-    void report(Context &ctx) const;
 };
 
 int parse_config(Context &ctx, Package &package, std::string_view text);
@@ -120,9 +121,6 @@ int lookup(Context &ctx, uci_ptr &ptr, bool extended);
 int set(Context &ctx, uci_ptr &ptr, bool noted);
 int remove(Context &ctx, uci_ptr &ptr, bool noted);
 int add_list(Context &ctx, uci_ptr &ptr, bool noted);
-int remove_from_list(Context &ctx, uci_ptr &ptr);
-int rename(Context &ctx, uci_ptr &ptr);
-int move(Context &ctx, uci_ptr &ptr);
 
 // ---- delta.cpp: files of pending changes
 

@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <vector>
 
 namespace uci {
 
@@ -43,21 +44,17 @@ static bool find_indexed(uci_package &package, const char *text, uci_section *&f
     if (std::strcmp(tail, "]") != 0)
         return false;
 
-    const auto matches = [&](uci_element *e) {
-        return type.empty() || uci_to_section(e)->type == type;
-    };
+    std::vector<uci_section *> matches;
     uci_element *e;
-    if (index < 0) {
-        uci_foreach_element(&package.sections, e) index += matches(e);
-        if (index < 0)
-            return true;
-    }
     uci_foreach_element(&package.sections, e) {
-        if (matches(e) && index-- == 0) {
-            found = uci_to_section(e);
-            break;
-        }
+        if (type.empty() || uci_to_section(e)->type == type)
+            matches.push_back(uci_to_section(e));
     }
+    const auto count = static_cast<long>(matches.size());
+    if (index < 0)
+        index += count;
+    if (index >= 0 && index < count)
+        found = matches[static_cast<size_t>(index)];
     return true;
 }
 

@@ -69,6 +69,19 @@ static std::string generated_name(const Package &package, const char *type) {
     return name;
 }
 
+OwnedPackage new_package(Context &ctx, std::string_view name, std::string_view path,
+                         bool has_delta) {
+    OwnedPackage package(new Package{});
+    clear(package->sections);
+    package->ctx = &ctx;
+    package->has_delta = has_delta;
+    package->path = copy(path);
+    package->e.type = UCI_TYPE_PACKAGE;
+    package->e.name = copy(name);
+    clear(package->e.list);
+    return package;
+}
+
 uci_section &add_section(Package &package, const char *type, const char *name) {
     ++package.sections_made;
     auto *section = new uci_section{};
@@ -113,30 +126,32 @@ void set_string(uci_option &option, const char *text) {
 }
 
 void append_item(uci_option &option, const char *text) {
+    char *first = nullptr;
     if (option.type == UCI_TYPE_STRING) {
-        char *first = option.v.string;
+        first = option.v.string;
         option.type = UCI_TYPE_LIST;
         clear(option.v.list);
         if (first)
             add_element(option.v.list, UCI_TYPE_ITEM, first);
-        add_element(option.v.list, UCI_TYPE_ITEM, text);
-        std::free(first);
-    } else {
-        add_element(option.v.list, UCI_TYPE_ITEM, text);
     }
+    add_element(option.v.list, UCI_TYPE_ITEM, text);
+    std::free(first);
+}
+
+template <typename Object>
+static void destroy(Object &object, uci_element &e) {
+    unlink(e.list);
+    std::free(e.name);
+    delete &object;
 }
 
 void free_element(uci_element &e) {
-    unlink(e.list);
-    std::free(e.name);
-    delete &e;
+    destroy(e, e);
 }
 
 void free_option(uci_option &option) {
     free_value(option);
-    unlink(option.e.list);
-    std::free(option.e.name);
-    delete &option;
+    destroy(option, option.e);
 }
 
 void free_section(uci_section &section) {
@@ -144,10 +159,8 @@ void free_section(uci_section &section) {
     uci_foreach_element_safe(&section.options, next, e) {
         free_option(*uci_to_option(e));
     }
-    unlink(section.e.list);
-    std::free(section.e.name);
     std::free(section.type);
-    delete &section;
+    destroy(section, section.e);
 }
 
 void free_package(Package &package) {
@@ -155,10 +168,8 @@ void free_package(Package &package) {
     uci_foreach_element_safe(&package.sections, next, e) {
         free_section(*uci_to_section(e));
     }
-    unlink(package.e.list);
-    std::free(package.e.name);
     std::free(package.path);
-    delete &package;
+    destroy(package, package.e);
 }
 
 } // namespace uci

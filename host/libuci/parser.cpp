@@ -1,5 +1,7 @@
 #include "internal.h"
 
+#include <algorithm>
+
 namespace uci {
 
 namespace {
@@ -21,7 +23,6 @@ bool Scanner::extend() {
     if (next_ == text_.size())
         return false;
     const size_t newline = text_.find('\n', next_);
-    line_start_ = next_;
     next_ = end_ = newline == std::string_view::npos ? text_.size() : newline + 1;
     ++line_;
     return true;
@@ -44,13 +45,11 @@ char Scanner::take(std::string_view any) {
 }
 
 std::string_view Scanner::keyword() {
-    while (take(" \t")) {
-    }
-    const size_t start = pos_;
-    while (!at_end() && text_[pos_] != ' ' && text_[pos_] != '\t')
-        ++pos_;
-    const auto result = text_.substr(start, pos_ - start);
-    take(" \t");
+    const auto seen = text_.substr(0, end_);
+    pos_ = std::min(seen.find_first_not_of(" \t", pos_), end_);
+    const size_t stop = std::min(seen.find_first_of(" \t", pos_), end_);
+    const auto result = seen.substr(pos_, stop - pos_);
+    pos_ = std::min(stop + 1, end_);
     return result;
 }
 
@@ -68,21 +67,16 @@ void Scanner::escaped(std::string &word) {
 
 bool Scanner::quoted(std::string &word, char quote) {
     ++pos_;
-    for (;;) {
-        const int c = peek();
-        if (c == at_line_end) {
-            if (!extend())
-                return fail(quote == '"' ? "EOF with unterminated \"" : "EOF with unterminated '");
-        } else if (c == quote) {
-            ++pos_;
-            return true;
-        } else if (c == '\\' && quote == '"') {
+    while (!at_end() || extend()) {
+        if (text_[pos_] == '\\' && quote == '"') {
             escaped(word);
-        } else {
-            word += static_cast<char>(c);
-            ++pos_;
+            continue;
         }
+        if (text_[pos_++] == quote)
+            return true;
+        word += text_[pos_ - 1];
     }
+    return false; // the text ended inside
 }
 
 bool Scanner::unquoted(std::string &word) {
@@ -123,20 +117,7 @@ bool Scanner::argument(std::string &result) {
     skip_white();
     if (take(";"))
         return true;
-    if (!unquoted(result))
-        return false;
-    return result.find('\0') == std::string::npos || fail("NUL byte");
-}
-
-bool Scanner::fail(const char *reason) {
-    reason_ = reason;
-    return false;
-}
-
-void Scanner::report(Context &ctx) const {
-    ctx.reason = reason_;
-    ctx.line = line_;
-    ctx.byte = pos_ - line_start_;
+    return unquoted(result) && result.find('\0') == std::string::npos;
 }
 
 namespace {
@@ -147,27 +128,19 @@ struct Reader {
     Package &package;
     uci_section *section = nullptr; // the one that options belong to
 
+    // A name that was used before continues that section, if the type is the same.
     bool config_statement(const std::string &type, const std::string &name) {
-        if (!is_printable(type))
-            return in.fail("invalid character in type field");
-        if (name.empty()) {
-            section = &add_section(package, type.c_str(), nullptr);
-            return true;
-        }
-        if (!is_plain_name(name))
-            return in.fail("invalid character in name field");
-        section = uci_lookup_section(&ctx, &package, name.c_str());
+        if (!is_printable(type) || (!name.empty() && !is_plain_name(name)))
+            return false;
+        section = name.empty() ? nullptr : uci_lookup_section(&ctx, &package, name.c_str());
         if (!section)
-            section = &add_section(package, type.c_str(), name.c_str());
-        return section->type == type ||
-               in.fail("section of different type overwrites prior section with same name");
+            section = &add_section(package, type.c_str(), name.empty() ? nullptr : name.c_str());
+        return section->type == type;
     }
 
     bool option_statement(const std::string &name, const std::string &value, bool list) {
-        if (!section)
-            return in.fail("option/list command found before the first section");
-        if (!is_plain_name(name))
-            return in.fail("invalid character in name field");
+        if (!section || !is_plain_name(name))
+            return false;
         if (!list && value.empty())
             return true; // an empty option does not exist, nor does it remove an earlier one
         uci_option *option = uci_lookup_option(&ctx, section, name.c_str());
@@ -180,30 +153,21 @@ struct Reader {
         return true;
     }
 
+    // The first letter of a keyword is enough.
     bool statement(std::string_view keyword) {
         char kind = 0;
         for (const std::string_view word : {"package", "config", "option", "list"}) {
             if (keyword == word || keyword == word.substr(0, 1))
                 kind = word[0];
         }
-        if (!kind)
-            return in.fail("invalid command");
-
         std::string first, second, extra;
-        if (!in.argument(first) || (kind != 'p' && !in.argument(second)))
+        if (!kind || !in.argument(first) || first.empty() ||
+            (kind != 'p' && !in.argument(second)) || !in.argument(extra) || !extra.empty())
             return false;
-        if (first.empty())
-            return in.fail("insufficient arguments");
-        if (!in.argument(extra))
-            return false;
-        if (!extra.empty())
-            return in.fail("too many arguments");
-
         if (kind == 'p') // one file is one package, whatever it calls itself
-            return is_plain_name(first, '-') || in.fail("invalid character in name field");
-        if (kind == 'c')
-            return config_statement(first, second);
-        return option_statement(first, second, kind == 'l');
+            return is_plain_name(first, '-');
+        return kind == 'c' ? config_statement(first, second)
+                           : option_statement(first, second, kind == 'l');
     }
 };
 
@@ -218,7 +182,7 @@ int parse_config(Context &ctx, Package &package, std::string_view text) {
             if (keyword.empty() || keyword.front() == '#')
                 break;
             if (!reader.statement(keyword)) {
-                reader.in.report(ctx);
+                ctx.parse_line = reader.in.line();
                 return UCI_ERR_PARSE;
             }
         }

@@ -46,7 +46,7 @@ bool write_all(const UniqueFd &file, std::string_view text) {
         const ssize_t count = ::write(file.get(), text.data(), text.size());
         if (count > 0)
             text.remove_prefix(static_cast<size_t>(count));
-        else if (count < 0 && errno != EINTR)
+        else if (count == 0 || errno != EINTR)
             return false;
     }
     return true;
@@ -59,23 +59,6 @@ mode_t mode_of(const char *path, mode_t otherwise) {
 
 bool is_path(std::string_view name) {
     return name.starts_with('/') || name.starts_with("./");
-}
-
-// Where a package comes from.
-struct Origin {
-    std::string name, path;
-    bool has_delta, uses_conf2;
-};
-
-Origin origin_of(const Context &ctx, const std::string &name) {
-    if (is_path(name))
-        return {name.substr(name.rfind('/') + 1), name, false, false};
-    if (ctx.conf2dir) {
-        std::string path = std::string(ctx.conf2dir) + '/' + name;
-        if (::access(path.c_str(), F_OK) == 0)
-            return {name, std::move(path), true, true};
-    }
-    return {name, std::string(ctx.confdir) + '/' + name, true, false};
 }
 
 // Applies the pending changes of everyone. With `flush`, those in the save directory are dropped
@@ -104,23 +87,9 @@ int apply_pending(Context &ctx, Package &package, bool flush, size_t &applied) {
 }
 
 // Reads the file alone, without pending changes.
-int read_package(Context &ctx, const UniqueFd &file, const Origin &origin, OwnedPackage &result) {
-    OwnedPackage package(new Package{});
-    clear(package->e.list);
-    clear(package->sections);
-    package->e.type = UCI_TYPE_PACKAGE;
-    package->e.name = copy(origin.name);
-    package->path = copy(origin.path);
-    package->ctx = &ctx;
-    package->has_delta = origin.has_delta;
-    package->uses_conf2 = origin.uses_conf2;
+int read_package(Context &ctx, const UniqueFd &file, Package &package) {
     std::string text;
-    if (!read_all(file, text))
-        return UCI_ERR_IO;
-    if (const int rc = parse_config(ctx, *package, text))
-        return rc;
-    result = std::move(package);
-    return UCI_OK;
+    return read_all(file, text) ? parse_config(ctx, package, text) : UCI_ERR_IO;
 }
 
 uci_package *adopt(Context &ctx, OwnedPackage package) {
@@ -177,11 +146,10 @@ int commit(Context &ctx, uci_package *&package, bool overwrite) {
         if (!overwrite) {
             if (const int rc = save(ctx, own(package)))
                 return rc;
-            const Origin origin{package->e.name, package->path, true, package->uses_conf2};
+            OwnedPackage fresh = new_package(ctx, package->e.name, package->path, true);
             free_package(own(package));
             package = nullptr;
-            OwnedPackage fresh;
-            if (const int rc = read_package(ctx, file, origin, fresh))
+            if (const int rc = read_package(ctx, file, *fresh))
                 return rc;
             package = adopt(ctx, std::move(fresh));
         }
@@ -212,19 +180,21 @@ int load(Context &ctx, const char *name, uci_package *&package) {
     package = nullptr;
     if (!is_printable(name))
         return UCI_ERR_INVAL;
-    if (name[0] == '.' && !is_path(name))
+    const bool by_path = is_path(name);
+    if (name[0] == '.' && !by_path)
         return UCI_ERR_NOTFOUND;
-    const Origin origin = origin_of(ctx, name);
-    if (uci_lookup_package(&ctx, origin.name.c_str()))
+    const std::string path = by_path ? name : std::string(ctx.confdir) + '/' + name;
+    const std::string own_name = by_path ? path.substr(path.rfind('/') + 1) : name;
+    if (uci_lookup_package(&ctx, own_name.c_str()))
         return UCI_ERR_DUPLICATE;
     struct stat info;
-    if (::stat(origin.path.c_str(), &info) != 0 || !S_ISREG(info.st_mode))
+    if (::stat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode))
         return UCI_ERR_NOTFOUND;
-    const UniqueFd file = open_locked(origin.path.c_str(), O_RDONLY, LOCK_SH);
+    const UniqueFd file = open_locked(path.c_str(), O_RDONLY, LOCK_SH);
     if (!file)
         return UCI_ERR_IO;
-    OwnedPackage fresh;
-    if (const int rc = read_package(ctx, file, origin, fresh))
+    OwnedPackage fresh = new_package(ctx, own_name, path, !by_path);
+    if (const int rc = read_package(ctx, file, *fresh))
         return rc;
     size_t applied;
     apply_pending(ctx, *fresh, false, applied); // a bad line never makes a load fail

@@ -1,6 +1,7 @@
 // The configuration library of OpenWrt, as far as this project and its tools call it: the same
 // names, nesting, result codes, file format and pending-change files, so that one source builds
-// against either. The layout of the structures is not the same; programs must be compiled anew.
+// against either. The layout of the structures is not the same: programs must be compiled anew.
+// There is no override directory.
 //
 // A package is one file of the configuration directory: an ordered list of sections, each an
 // ordered list of options. A context caches the packages it has loaded. Changes that are saved but
@@ -23,7 +24,6 @@ extern "C" {
 
 #define UCI_CONFDIR "/etc/config"
 #define UCI_SAVEDIR "/tmp/.uci"
-#define UCI_CONF2DIR "/var/run/uci"
 #define UCI_DIRMODE 0700
 #define UCI_FILEMODE 0600
 
@@ -75,8 +75,8 @@ struct uci_element {
 struct uci_context {
     struct uci_list root; // the loaded packages
     enum uci_flags flags;
-    char *confdir, *savedir, *conf2dir; // conf2dir may be null
-    struct uci_list delta_path;         // directories of pending changes; later ones win
+    char *confdir, *savedir;
+    struct uci_list delta_path; // directories of pending changes; later ones win
     int err;
 };
 
@@ -85,7 +85,6 @@ struct uci_package {
     struct uci_list sections;
     struct uci_context *ctx;
     bool has_delta; // false for a package that was loaded by its path
-    bool uses_conf2;
     char *path;
 };
 
@@ -127,10 +126,9 @@ struct uci_context *uci_alloc_context(void);
 void uci_free_context(struct uci_context *ctx);
 
 // The texts are copied; nothing is checked. The save directory becomes the last of the delta path,
-// where the former ones stay. A null override directory turns the override off.
+// where the former ones stay.
 int uci_set_confdir(struct uci_context *ctx, const char *dir);
 int uci_set_savedir(struct uci_context *ctx, const char *dir);
-int uci_set_conf2dir(struct uci_context *ctx, const char *dir);
 
 // `package` may be null. A name that starts with "/" or "./" is a path: no pending changes apply.
 int uci_load(struct uci_context *ctx, const char *name, struct uci_package **package);
@@ -143,7 +141,8 @@ int uci_unload(struct uci_context *ctx, struct uci_package *p);
 int uci_lookup_ptr(struct uci_context *ctx, struct uci_ptr *ptr, char *str, bool extended);
 
 // These change memory only. Neither names nor values are checked: a bad one is dropped, silently,
-// when the change is read back, at the latest by uci_commit().
+// when the change is read back, at the latest by uci_commit(). uci_set() with an empty value
+// deletes. An item of a list cannot be deleted by its index: UCI_ERR_INVAL.
 int uci_set(struct uci_context *ctx, struct uci_ptr *ptr);
 int uci_delete(struct uci_context *ctx, struct uci_ptr *ptr);
 int uci_add_section(struct uci_context *ctx, struct uci_package *p, const char *type,

@@ -161,102 +161,51 @@ TEST_F(DatabaseSystemTest, InjectionIsAnsweredAndCostsOneLine) {
               1U);
 }
 
-// What a call logs: priority and text of each line.
-std::string logged(const std::function<void()> &call) {
-    const size_t old = log_lines().size();
-    call();
-    std::string text;
-    const std::vector<LogLine> lines = log_lines();
-    for (size_t i = old; i < lines.size(); i++)
-        if (lines[i].text.find("%_") ==
-            std::string::npos) // in the log or not, as the C library likes
-            text += std::to_string(lines[i].priority) + " " + lines[i].text + "\n";
-    return text;
+void call_everything() {
+    uint64_t counter = 0;
+    create_stats_summary_table();
+    create_list_stats_table("black");
+    create_list_stats_table("a b");
+    create_frag_key("# no", 0, "black");
+    create_frag_key("ads\nx", 1, "black");
+    create_frag_key("~ads", 1, "white");
+    remove_frag_key("x", "black");
+    remove_frag_key("it's", "black");
+    insert_list_record("a.example", "black", "ads", "10.0.0.1");
+    insert_list_record("localhost", "black", "ads", "10.0.0.1");
+    insert_list_record("a.example", "black", "x", "10.0.0.1");
+    insert_list_record("a.example", "white", "x", "10.0.0.1");
+    record_request("a.example", {});
+    get_unique_client_count();
+    create_traffic_table();
+    get_unique_client_count();
+    insert_stats_summary_record(1, 2, 3, 4);
+    get_stats_summary(&counter, &counter, &counter, &counter);
+    free(get_frag_by_id(1, "black"));
+    free(get_frag_by_id(-1, "white"));
 }
 
 TEST_F(DatabaseSystemTest, LogLines) {
-    // A line that begins with '+' is written with SQL debugging only.
-    const struct {
-        std::function<void()> call;
-        std::vector<std::string> lines;
-    } cases[] = {
-        {[] { create_stats_summary_table(); }, {"7 Success create summary table if doesn't exist"}},
-        {[] { create_list_stats_table("black"); },
-         {"7 Verify stats table base file: black", "7 Success DB black create if doesn't exist",
-          "+7 SQL: create table if not exists black_hit (id integer not null primary key "
-          "autoincrement, fqdn_id, stats_id, foreign key (fqdn_id) references black_fqdn (id), "
-          "foreign key (stats_id) references black_stats (id) )"}},
-        {[] { create_list_stats_table("a b"); },
-         {"7 Verify stats table base file: a b",
-          "3 SQL error creating a b: SQL logic error, SQL: create table if not exists a b (id "
-          "integer not null primary key autoincrement, frag varchar(256) not null, opt INT "
-          "default 0, disabled BOOLEAN not null default false )"}},
-        {[] { create_frag_key("# no", 0, "black"); }, {"7 Skip commented line: # no"}},
-        {[] { create_frag_key("ads\nx", 1, "black"); },
-         {"7 SQL Key insert: replace into black ('frag', 'disabled', 'opt') values('ads', 0, 1)",
-          "7 Inserted ads into black"}},
-        {[] { create_frag_key("~ads", 1, "white"); },
-         {"7 SQL Key insert: update white set disabled=true where frag='ads'",
-          "3 SQL error inserting list key ~ads into white: no such table: white"}},
-        {[] { remove_frag_key("x", "black"); },
-         {"+7 SQL Key remove: update black set disabled=true where frag='x'",
-          "+7 Disabled x in black"}},
-        {[] { remove_frag_key("it's", "black"); },
-         {"+7 SQL Key remove: update black set disabled=true where frag='it's'",
-          "3 SQL error deactivating list key it's into black: SQL logic error"}},
-        {[] { insert_list_record("a.example", "black", "ads", "10.0.0.1"); },
-         {"+7 Starting insert stats record: ads", "+7 record is not null or empty", "+7 FQDN_ID: 2",
-          "+7 Done doing the inserts"}},
-        {[] { insert_list_record("localhost", "black", "ads", "10.0.0.1"); },
-         {"+7 Starting insert stats record: ads", "+7 record is not null or empty",
-          "7 Skip collecting stats on localhost"}},
-        {[] { insert_list_record("a.example", "black", "x", "10.0.0.1"); },
-         {"+7 Starting insert stats record: x", "+7 record is not null or empty",
-          "3 Stats record insert cannot locate black record for frag: x. This should never "
-          "happen"}},
-        {[] { insert_list_record("a.example", "white", "x", "10.0.0.1"); },
-         {"+7 Starting insert stats record: x", "+7 record is not null or empty",
-          "3 Couldn't prepare sql statement: no such table: white"}},
-        {[] { record_request("a.example", {}); },
-         {"3 Couldn't execute sql statement: no such table: dns_traffic, insert into dns_traffic "
-          "('fqdn', 'ip') values('a.example', '0.0.0.0')"}},
-        {[] { get_unique_client_count(); },
-         {"7 Sql select count(distinct ip) from dns_traffic",
-          "3 Couldn't prepare sql statement: no such table: dns_traffic"}},
-        {[] { create_traffic_table(); }, {"7 Success create traffic table if doesn't exist"}},
-        {[] { get_unique_client_count(); },
-         {"7 Sql select count(distinct ip) from dns_traffic", "7 Got a row of client count",
-          "7 Before finalising statement", "7 Done reading client count 0"}},
-        {[] { insert_stats_summary_record(1, 2, 3, 4); },
-         {"+7 insert into summary ('req', 'blocked', 'reset', 'error') values(1, 2, 3, 4)"}},
-        {[] {
-             uint64_t counter;
-             get_stats_summary(&counter, &counter, &counter, &counter);
-         },
-         {"+7 Sql select * from summary order by id desc limit 1", "+7 Got a row of stats",
-          "7 Before finalising statement", "7 Done reading stats"}},
-        {[] { free(get_frag_by_id(2, "black")); },
-         {"+7 get_frag_by_id was successful", "+7 Stepped ok", "+7 Found frag record: ads"}},
-        {[] { free(get_frag_by_id(-1, "white")); },
-         {"3 SQL error in get_frag_by_id no such table: white, id: -1: no such table: white, SQL: "
-          "select frag, opt from white where id = -1"}},
-    };
     openlog("database", LOG_PID, LOG_LOCAL0);
-    ASSERT_EQ(open_database(file.c_str(), &oDNS.db), SQLITE_OK);
     oDNS.record_traffic = 1;
-    for (const auto &[call, lines] : cases) {
-        std::string all, always;
-        for (const std::string &line : lines) {
-            const bool traced = line[0] == '+';
-            all += line.substr(traced) + "\n";
-            always += traced ? "" : line + "\n";
-        }
-        oDNS.debug = 0;
-        EXPECT_EQ(logged(call), always);
-        oDNS.debug = 1;
-        EXPECT_EQ(logged(call), all);
+    for (const int debug : {1, 0}) {
+        oDNS.debug = debug;
+        std::filesystem::remove(file);
+        ASSERT_EQ(open_database(file.c_str(), &oDNS.db), SQLITE_OK);
+        const size_t old = log_lines().size();
+        call_everything();
+        std::string logged, expected, line;
+        const std::vector<LogLine> lines = log_lines();
+        for (size_t i = old; i < lines.size(); i++)
+            if (lines[i].text.find("%_") == std::string::npos) // up to the C library
+                logged += std::to_string(lines[i].priority) + " " + lines[i].text + "\n";
+        // A line that begins with '+' is written with SQL debugging only.
+        for (std::ifstream text(TEST_DATA "/database.log"); std::getline(text, line);)
+            if (line[0] != '+' || debug)
+                expected += line.substr(line[0] == '+') + "\n";
+        EXPECT_EQ(logged, expected);
+        close_database();
     }
-    close_database();
 }
 
 } // namespace

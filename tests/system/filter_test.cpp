@@ -117,8 +117,9 @@ TEST_F(Filter, DecidesInOrderAndRecords) {
         const Bytes question = query(c.name, ++id, 1, true);
         EXPECT_EQ(Client(c.client).ask(question),
                   c.blocked ? diverted(question) : Upstream::echo(question));
-        if (c.line)
+        if (c.line) {
             EXPECT_EQ(log_priority(c.line), 6);
+        }
     }
     EXPECT_EQ(daemon.stop(), 0);
     using Rows = std::vector<std::string>;

@@ -1,0 +1,33 @@
+// The blocked devices: clients whose queries are all diverted, before any other list is asked. The
+// list is edited over the bus; a reload of lists leaves it alone.
+//
+// Workers ask, the bus thread edits, the server loads at start and cleans up. Any thread.
+#pragma once
+
+#include "list.h"
+
+#include <netinet/in.h>
+
+extern List *blocked_device_list; // blocked_device.lst
+
+// Loads the list if its variable is null.
+void init_blocked_device_list();
+
+// Loads the list afresh, in place of a loaded one. 1, or 0 when the table could not be read.
+int _load_blocked_device_list();
+
+void blocked_device_list_cleanup();
+
+// Whether the client is a blocked device: 1 or 0. A hit is logged and recorded with the name that
+// it asked for.
+int is_blocked_device(const char *name, sockaddr_in client);
+
+// Results are those of add_to_filter_list() and remove_from_filter_list().
+int add_blocked_device_list(const char *item, int opt);
+int del_blocked_device_list(const char *item);
+
+// The number of patterns modulo 65536; 0 when the list is not loaded.
+uint16_t get_blocked_device_list_size();
+
+// The list, kept alive for paging through it; empty when it is not loaded.
+ListHold get_blocked_device_list();

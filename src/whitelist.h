@@ -1,0 +1,46 @@
+// The white lists: names whose queries are forwarded whatever the black lists say, and the excluded
+// devices, whose queries all are. The main list comes from its file alone; the local one and the
+// devices are edited over the bus.
+//
+// Workers ask, the bus thread edits, the server loads at start and cleans up. Any thread.
+#pragma once
+
+#include "list.h"
+
+#include <netinet/in.h>
+
+extern List *white_list;       // white.lst
+extern List *local_white_list; // local_white.lst
+extern List *device_list;      // local_device.lst
+
+// Loads the main list if its variable is null, then the local one if its is.
+void init_white_list();
+
+// Load a list afresh, in place of a loaded one. Loading the local list always loads the excluded
+// devices too. 1, or 0 when the table could not be read.
+int _load_white_list();
+int _load_local_white_list();
+int _load_local_device_list();
+
+// Frees the three lists.
+void white_list_cleanup();
+
+// Whether the client is an excluded device or `name` is white-listed: 1 or 0. A hit is logged and
+// recorded.
+int is_whitelisted(const char *name, sockaddr_in client);
+
+// Results are those of add_to_filter_list() and remove_from_filter_list(). add_white_list() has no
+// caller in the daemon.
+int add_white_list(const char *item, int opt);
+int add_local_white_list(const char *item, int opt);
+int add_local_device_list(const char *item, int opt);
+int del_local_white_list(const char *item);
+int del_local_device_list(const char *item);
+
+// The numbers of patterns modulo 65536; 0 when the list is not loaded.
+uint16_t get_white_list_size();
+uint16_t get_local_white_list_size();
+uint16_t get_local_device_list_size();
+
+// The local list, kept alive for paging through it; empty when it is not loaded.
+ListHold get_local_white_list();

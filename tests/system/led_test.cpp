@@ -1,0 +1,178 @@
+// The LEDs: the pin multiplexer's registers, sysfs GPIO, and what the chain shows during a run.
+#include "gpio.h"
+#include "gpiomux.h"
+#include "harness.h"
+#include "ledutils.h"
+
+#include <filesystem>
+#include <fstream>
+
+#include <unistd.h>
+
+using namespace harness;
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr char chain_file[] = "/dev/ledchain0";
+constexpr off_t registers_at = 0x10000000 + 96;
+constexpr uint64_t all_ones = ~uint64_t{0};
+
+// The two mode registers, the first one in the low half.
+void set_registers(uint64_t pair) {
+    std::fstream("/dev/mem").seekp(registers_at).write(reinterpret_cast<char *>(&pair), 8);
+}
+
+uint64_t registers() {
+    uint64_t pair = 0;
+    std::ifstream("/dev/mem").seekg(registers_at).read(reinterpret_cast<char *>(&pair), 8);
+    return pair;
+}
+
+// The frames as hexadecimal digits of their first LED, in one text; a run of equal ones counts
+// once.
+std::string frames() {
+    const std::string bytes = read_file(chain_file);
+    std::string seen, last;
+    for (size_t at = 0; at < bytes.size(); at += 12) {
+        const std::string led = bytes.substr(at, 3);
+        EXPECT_EQ(bytes.substr(at, 9), bytes.substr(at + 3, 9));
+        char text[8] = "";
+        for (size_t i = 0; i < led.size(); i++)
+            snprintf(text + 2 * i, 4, "%02x ", static_cast<uint8_t>(led[i]));
+        seen += led == last ? "" : text;
+        last = led;
+    }
+    return seen;
+}
+
+struct LedTest : SystemTest {
+    void SetUp() override {
+        SystemTest::SetUp();
+        write_file(chain_file, "");
+        set_registers(all_ones);
+    }
+};
+
+TEST_F(LedTest, MuxWritesOneFieldAndLeavesTheRest) {
+    struct Case {
+        const char *group, *function;
+        uint64_t mask, value; // of the pair
+    };
+    constexpr Case cases[] = {
+        {"pwm0", "pwm", 3ULL << 28, 0},
+        {"uart2", "pwm23", 3ULL << 26, 2ULL << 26},
+        {"spi_s", "pwm01_uart2", 3ULL << 2, 3ULL << 2},
+        {"wled", "gpio", 3ULL << 32, 1ULL << 32},
+    };
+    for (const auto &[group, function, mask, value] : cases)
+        for (const uint64_t before : {uint64_t{0}, all_ones}) {
+            set_registers(before);
+            ASSERT_EQ(gpiomux_mmap_open(), 0);
+            EXPECT_EQ(gpiomux_set(group, function), 0) << group;
+            gpiomux_mmap_close();
+            EXPECT_EQ(registers(), (before & ~mask) | value) << group;
+        }
+    ASSERT_EQ(gpiomux_mmap_open(), 0);
+    set_registers(1ULL << 24 | 1ULL << 32);
+    for (const auto &[group, function] : {std::pair{"i2c", "pwm"}, {"pwm", "pwm"}, {"spi_s", ""}})
+        EXPECT_EQ(gpiomux_set(group, function), 1) << group;
+    testing::internal::CaptureStderr();
+    gpiomux_get();
+    const std::string groups = testing::internal::GetCapturedStderr();
+    EXPECT_NE(groups.find("Group uart1 - uart [gpio] pwm01 \n"), std::string::npos) << groups;
+    EXPECT_TRUE(groups.ends_with("Group ephy - [ephy] gpio \nGroup wled - wled [gpio] \n"));
+    gpiomux_mmap_close();
+    EXPECT_EQ(gpiomux_set("pwm0", "pwm"), 1) << "without a mapping";
+    EXPECT_EQ(registers(), 1ULL << 24 | 1ULL << 32);
+    EXPECT_EQ(read_file("/proc/self/maps").find("/dev/mem"), std::string::npos);
+}
+
+TEST_F(LedTest, PinsAreWrittenByTheirBareNumber) {
+    const fs::path gpio = "/sys/class/gpio";
+    fs::create_directories(gpio / "5");
+    for (const char *file : {"5/value", "5/direction", "export", "unexport"})
+        write_file(gpio / file, "");
+    EXPECT_EQ(gpio_set(5, 0) * 10 + gpio_open(5), 10) << "not exported yet";
+    EXPECT_EQ(read_file(gpio / "export"), "5");
+    EXPECT_EQ(gpio_get(5), 1) << "an empty file";
+    EXPECT_EQ(gpio_set_direction(5, "out"), 0);
+    EXPECT_EQ(read_file(gpio / "5/direction"), "out");
+    for (const auto &[value, written] : {std::pair{-2, "-2"}, {5, "1"}, {0, "0"}}) {
+        EXPECT_EQ(gpio_set(5, value), 0);
+        EXPECT_EQ(read_file(gpio / "5/value"), written);
+    }
+    EXPECT_EQ(gpio_get(5), 0);
+    EXPECT_EQ(gpio_open(6) * 10 + gpio_set(6, 1), 1) << "has no directory";
+    for (const int pin : {-1, 30, 1 << 30})
+        EXPECT_EQ(gpio_open(pin) + gpio_close(pin) + gpio_set(pin, 0) + gpio_get(pin), 4);
+    gpio_close_all();
+    EXPECT_EQ(read_file(gpio / "unexport"), "6") << "the last one given back";
+    EXPECT_EQ(gpio_set(5, 1), 1) << "not exported any more";
+    fs::remove(gpio / "unexport");
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(gpio_close(5), 1);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "Could not open /sys/class/gpio/unexport\n");
+}
+
+TEST_F(LedTest, TroubleAtStartIsLoggedAndCostsTheChainAtMost) {
+    struct Case {
+        const char *lost, *in_its_place, *option;
+        int priority;
+        const char *text, *shown;
+        uint64_t registers;
+    };
+    constexpr uint64_t set = all_ones & ~(3ULL << 28);
+    constexpr Case cases[] = {
+        {"", "", "pwm_group 'pwm0'", 4, "set gpiomux pwm0 -> pwm", "00ff00 000000 ", set},
+        {"", "", "pwm_group 'i2c'", 3, "unknown group/function combination", "00ff00 000000 ",
+         all_ones},
+        {"", "", "device_no '3'", 7, "GPIO Mux returned 0", "00ff00 000000 ", set},
+        {chain_file, "/nowhere", "x ''", 3,
+         "Error opening Led Chain device /dev/ledchain0. Leds will be disabled", "", set},
+        {"/dev/mem", "/nowhere", "x ''", 4, "Unable to open mmap file: /dev/mem", "", all_ones},
+        {"/dev/mem", "/dev/null", "x ''", 3, // opens, but cannot be mapped
+         "Error Opening mmap. Check devmem is installed and enabled", "", all_ones},
+    };
+    const int free_descriptor = dup(0);
+    close(free_descriptor);
+    for (const auto &[lost, in_its_place, option, priority, text, shown, pair] : cases) {
+        SetUp();
+        write_file("/etc/config/vantrelle",
+                   "config main\nconfig ledchain\n\toption " + std::string(option) + "\n");
+        if (*lost) {
+            fs::rename(lost, "/dev/kept");
+            fs::create_symlink(in_its_place, lost);
+        }
+        start_init_leds();
+        shutdown_multi_led();
+        if (*lost)
+            fs::rename("/dev/kept", lost);
+        EXPECT_TRUE(wait_for_log(text) && log_priority(text) == priority) << text;
+        EXPECT_EQ(registers(), pair) << text;
+        EXPECT_EQ(frames(), shown) << text;
+    }
+    EXPECT_EQ(dup(0), free_descriptor);
+}
+
+TEST_F(LedTest, ChainFollowsTheRun) {
+    configure({{"first_boot", "1"}, {"dns_timeout", "200"}, {"stats_db_path", "/etc/vantrelle"}});
+    fs::create_directory("/etc/vantrelle");
+    write_file("/etc/vantrelle/black.lst", "ads.example\n");
+    const Upstream upstream(1, [](const Bytes &message) {
+        const bool silent = message.find("silent") != Bytes::npos;
+        return silent ? Upstream::silence(message) : Upstream::echo(message);
+    });
+    Daemon daemon;
+    Daemon::prime();
+    EXPECT_EQ(frames(), "660066 fff000 ff0000 0000ff ");
+    const Client client;
+    EXPECT_TRUE(client.ask(query("ads.example")));
+    client.send(query("silent.example"));
+    EXPECT_TRUE(wait_for_log("Response timed out"));
+    EXPECT_TRUE(client.ask(query("www.example")));
+    EXPECT_EQ(daemon.stop(), 0);
+    EXPECT_EQ(frames(), "660066 fff000 ff0000 0000ff ff0000 0000ff cc6600 0000ff 000000 ");
+}
+
+} // namespace
