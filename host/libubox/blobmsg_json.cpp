@@ -10,7 +10,6 @@ extern "C" {
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -438,20 +437,6 @@ bool blobmsg_add_json_from_string(blob_buf *b, const char *str) {
     b->head = reinterpret_cast<blob_attr *>(static_cast<char *>(b->buf) + head);
     blob_set_raw_len(b->head, len);
     return false;
-}
-
-bool blobmsg_add_json_from_file(blob_buf *b, const char *file) {
-    struct CloseFile {
-        void operator()(FILE *stream) const { std::fclose(stream); }
-    };
-    const std::unique_ptr<FILE, CloseFile> stream(std::fopen(file, "re"));
-    if (!stream)
-        return false;
-    std::string text;
-    char part[4096];
-    while (const size_t got = std::fread(part, 1, sizeof(part), stream.get()))
-        text.append(part, got);
-    return !std::ferror(stream.get()) && blobmsg_add_json_from_string(b, text.c_str());
 }
 
 char *blobmsg_format_json_with_cb(blob_attr *attr, bool list, blobmsg_json_format_t cb, void *priv,

@@ -118,6 +118,13 @@ void accept_client(int fd) {
     update_watch(accepted);
 }
 
+void close_clients() {
+    for (auto [id, client] : bus.clients)
+        client->gone = true;
+    while (!bus.clients.empty())
+        close_client(bus.clients.begin()->second);
+}
+
 void send_message(Client &client, ubus_msghdr hdr, const blob_attr *attributes) {
     size_t length = blob_raw_len(attributes);
     if (client.gone || length > UBUS_MAX_MSGLEN)

@@ -45,6 +45,8 @@ struct Client {
 
 // Takes over a new connection: identifies the peer and greets it.
 void accept_client(int fd);
+// Closes all connections at once: nobody is told that others have gone.
+void close_clients();
 
 // Sends a message, or queues what the socket does not take. Beyond UBUS_MAX_MSGLEN queued bytes
 // the message is dropped silently, as is one longer than a message may be.

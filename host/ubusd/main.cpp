@@ -86,6 +86,9 @@ int main(int argc, char **argv) {
     uloop_fd_add(&listener, ULOOP_READ);
     uloop_run();
     unlink(path);
+    close_clients();
+    close(listener.fd);
+    blob_buf_free(&bus.scratch);
     uloop_done();
     return 0;
 }
