@@ -308,6 +308,7 @@ Process::Process(const std::string &program, std::vector<std::string> arguments)
     output_file = "/tmp/output." + std::to_string(++number);
     arguments.insert(arguments.begin(), program);
     std::vector<char *> argv;
+    argv.reserve(arguments.size() + 1);
     for (auto &argument : arguments)
         argv.push_back(argument.data());
     argv.push_back(nullptr);
