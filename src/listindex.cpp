@@ -253,8 +253,7 @@ Node *index_find(const ListIndex &index, std::string_view key) {
     const Search search(index, key);
     for (size_t word = 0; word <= key.size() / WORD_BITS; word++) {
         for (uint32_t lengths = index.searched[word]; lengths; lengths &= lengths - 1) {
-            const size_t length =
-                word * WORD_BITS + static_cast<unsigned>(__builtin_ctz(lengths));
+            const size_t length = word * WORD_BITS + static_cast<unsigned>(__builtin_ctz(lengths));
             if (length > key.size())
                 return nullptr;
             if (Node *node = search.oldest_of(length))

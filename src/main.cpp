@@ -5,6 +5,7 @@
 #include "sigmask.h"
 #include "strutils.h"
 
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -45,6 +46,7 @@ static void restart() {
 
 // Runs only where sigmask.h lets it, but for SIGSEGV.
 static void sig_handler(int number) {
+    const int saved = errno;
     if (number == SIGSEGV) {
         // A fault inside the logger or the allocator must not hang the process here for ever.
         signal(SIGSEGV, SIG_DFL);
@@ -72,6 +74,7 @@ static void sig_handler(int number) {
     default:
         std::exit(number);
     }
+    errno = saved;
 }
 
 static void set_signal_handlers() {

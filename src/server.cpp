@@ -611,10 +611,10 @@ static void open_sockets() {
 
 // Shutdown
 
-static void _close_dns_listener() {
-    const int fd = oDNS.listenfd.exchange(-1);
-    if (fd >= 0)
-        close(fd);
+// From here on no answer goes out. The descriptor itself is the caller's to keep until the workers
+// are gone: one of them may be about to send on it, and its number must not become another file's.
+static UniqueFd _close_dns_listener() {
+    return UniqueFd(oDNS.listenfd.exchange(-1));
 }
 
 static void _stop_threadpool() {
@@ -639,8 +639,10 @@ static void server_shutdown() {
     shutting_down = 1;
     syslog(LOG_INFO, "Shutting down ...");
     close_admin_gate(); // for good: what the bus thread reads is taken down now
-    _close_dns_listener();
-    _stop_threadpool();
+    {
+        const UniqueFd listener = _close_dns_listener();
+        _stop_threadpool();
+    }
     _close_upstream_dns_connection();
     pthread_mutex_destroy(&lock);
     write_stats();

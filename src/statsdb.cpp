@@ -90,7 +90,6 @@ class Connection {
     int refusal_ = SQLITE_OK;
 
   public:
-
     // Null on failure. Whatever follows the first statement of a text is not compiled.
     Prepared prepare(const Statement &sql) {
         refusal_ = db_ ? sql.refusal() : SQLITE_CANTOPEN;

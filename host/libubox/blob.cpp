@@ -26,7 +26,8 @@ size_t offset_of(const blob_buf *buf, const blob_attr *attr) {
 }
 
 bool grow_on_heap(blob_buf *buf, int more) {
-    void *memory = std::realloc(buf->buf, static_cast<size_t>(buf->buflen + more));
+    void *memory =
+        std::realloc(buf->buf, static_cast<size_t>(buf->buflen) + static_cast<size_t>(more));
     if (!memory)
         return false;
     std::memset(static_cast<char *>(memory) + buf->buflen, 0, static_cast<size_t>(more));
@@ -137,8 +138,7 @@ void blob_nest_end(blob_buf *buf, void *cookie) {
 
 int blob_parse(blob_attr *attr, blob_attr **data, const blob_attr_info *info, int max) {
     int found = 0;
-    if (max > 0)
-        std::memset(data, 0, sizeof(*data) * static_cast<size_t>(max));
+    std::fill_n(data, max, nullptr);
     blob_attr *child;
     size_t rem;
     blob_for_each_attr(child, attr, rem) {
@@ -153,12 +153,8 @@ int blob_parse(blob_attr *attr, blob_attr **data, const blob_attr_info *info, in
 
 int blob_parse_untrusted(blob_attr *attr, size_t attr_len, blob_attr **data,
                          const blob_attr_info *info, int max) {
-    if (attr_len < sizeof(blob_attr) || attr_len < blob_raw_len(attr)) {
-        if (max > 0)
-            std::memset(data, 0, sizeof(*data) * static_cast<size_t>(max));
-        return 0;
-    }
-    return blob_parse(attr, data, info, max);
+    const bool whole = attr_len >= sizeof(blob_attr) && attr_len >= blob_raw_len(attr);
+    return blob_parse(whole ? attr : nullptr, data, info, max);
 }
 
 bool blob_check_type(const void *ptr, unsigned int len, int type) {
@@ -182,12 +178,6 @@ bool blob_check_type(const void *ptr, unsigned int len, int type) {
     default:
         return false;
     }
-}
-
-bool blob_attr_equal(const blob_attr *a1, const blob_attr *a2) {
-    if (!a1 || !a2)
-        return a1 == a2;
-    return a1->id_len == a2->id_len && std::memcmp(a1->data, a2->data, blob_len(a1)) == 0;
 }
 
 blob_attr *blob_memdup(const blob_attr *attr) {

@@ -4,7 +4,6 @@ extern "C" {
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 
 namespace {
@@ -74,36 +73,6 @@ bool blobmsg_check_attr(const blob_attr *attr, bool name) {
     return blobmsg_check_attr_len(attr, name, blob_raw_len(attr));
 }
 
-int blobmsg_check_array_len(const blob_attr *attr, int type, size_t len) {
-    if (!blobmsg_check_attr_len(attr, false, len))
-        return -1;
-    const bool table = blobmsg_type(attr) == BLOBMSG_TYPE_TABLE;
-    if (!table && blobmsg_type(attr) != BLOBMSG_TYPE_ARRAY)
-        return -1;
-    int elements = 0;
-    const blob_attr *element;
-    size_t rem;
-    blobmsg_for_each_attr(element, attr, rem) {
-        if (!blobmsg_check_attr_len(element, table, rem) ||
-            (type != BLOBMSG_TYPE_UNSPEC && type != blobmsg_type(element)))
-            return -1;
-        elements++;
-    }
-    return elements;
-}
-
-int blobmsg_check_array(const blob_attr *attr, int type) {
-    return blobmsg_check_array_len(attr, type, blob_raw_len(attr));
-}
-
-bool blobmsg_check_attr_list_len(const blob_attr *attr, int type, size_t len) {
-    return blobmsg_check_array_len(attr, type, len) >= 0;
-}
-
-bool blobmsg_check_attr_list(const blob_attr *attr, int type) {
-    return blobmsg_check_array(attr, type) >= 0;
-}
-
 int blobmsg_parse(const blobmsg_policy *policy, int policy_len, blob_attr **tb, void *data,
                   unsigned int len) {
     std::fill_n(tb, policy_len, nullptr);
@@ -143,14 +112,6 @@ int blobmsg_parse_array(const blobmsg_policy *policy, int policy_len, blob_attr 
     return 0;
 }
 
-int blobmsg_parse_attr(const blobmsg_policy *policy, int policy_len, blob_attr **tb,
-                       blob_attr *data) {
-    const bool array = data && blob_is_extended(data) && blobmsg_type(data) == BLOBMSG_TYPE_ARRAY;
-    return (array ? blobmsg_parse_array
-                  : blobmsg_parse)(policy, policy_len, tb, blobmsg_data(data),
-                                   static_cast<unsigned int>(blobmsg_data_len(data)));
-}
-
 int blobmsg_add_field(blob_buf *buf, int type, const char *name, const void *data,
                       unsigned int len) {
     blob_attr *attr = new_field(buf, type, name, len);
@@ -168,67 +129,4 @@ void *blobmsg_open_nested(blob_buf *buf, const char *name, bool array) {
         return nullptr;
     buf->head = attr;
     return cookie;
-}
-
-int blobmsg_vprintf(blob_buf *buf, const char *name, const char *format, va_list arg) {
-    va_list again;
-    va_copy(again, arg);
-    const int len = std::vsnprintf(nullptr, 0, format, again);
-    va_end(again);
-    blob_attr *attr =
-        len < 0 ? nullptr : new_field(buf, BLOBMSG_TYPE_STRING, name, static_cast<size_t>(len) + 1);
-    if (!attr)
-        return -1;
-    std::vsnprintf(static_cast<char *>(blobmsg_data(attr)), static_cast<size_t>(len) + 1, format,
-                   arg);
-    return 0;
-}
-
-int blobmsg_printf(blob_buf *buf, const char *name, const char *format, ...) {
-    va_list arg;
-    va_start(arg, format);
-    const int result = blobmsg_vprintf(buf, name, format, arg);
-    va_end(arg);
-    return result;
-}
-
-// A string buffer is a field behind the end of the head attribute that the head does not count yet.
-void *blobmsg_alloc_string_buffer(blob_buf *buf, const char *name, unsigned int maxlen) {
-    const auto head_len = static_cast<unsigned int>(blob_raw_len(buf->head));
-    blob_attr *attr = maxlen < BLOB_ATTR_LEN_MASK
-                          ? new_field(buf, BLOBMSG_TYPE_STRING, name, maxlen + 1)
-                          : nullptr;
-    if (!attr)
-        return nullptr;
-    blob_set_raw_len(buf->head, head_len);
-    return blobmsg_data(attr);
-}
-
-void *blobmsg_realloc_string_buffer(blob_buf *buf, unsigned int maxlen) {
-    blob_attr *attr = blob_next(buf->head);
-    const auto offset = reinterpret_cast<char *>(attr) - static_cast<char *>(buf->buf);
-    const size_t header_len =
-        static_cast<size_t>(blobmsg_hdrlen(blobmsg_namelen(name_header(attr))));
-    const size_t len = sizeof(*attr) + header_len + maxlen + 1;
-    const size_t end = static_cast<size_t>(offset) + BLOBMSG_PADDING(len);
-    if (maxlen >= BLOB_ATTR_LEN_MASK || end > BLOB_ATTR_LEN_MASK)
-        return nullptr;
-    const auto missing = static_cast<int>(end) - buf->buflen;
-    if (missing > 0 && !blob_buf_grow(buf, missing))
-        return nullptr;
-    attr = blob_next(buf->head);
-    blob_set_raw_len(attr, static_cast<unsigned int>(len));
-    return blobmsg_data(attr);
-}
-
-void blobmsg_add_string_buffer(blob_buf *buf) {
-    blob_attr *attr = blob_next(buf->head);
-    auto *text = static_cast<char *>(blobmsg_data(attr));
-    const size_t len = strnlen(text, blobmsg_data_len(attr) - 1);
-    text[len] = '\0';
-    blob_set_raw_len(
-        attr, static_cast<unsigned int>(blob_raw_len(attr) - blobmsg_data_len(attr) + len + 1));
-    blob_fill_pad(attr);
-    blob_set_raw_len(buf->head,
-                     static_cast<unsigned int>(blob_pad_len(buf->head) + blob_pad_len(attr)));
 }

@@ -10,9 +10,9 @@ extern "C" {
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <string>
 #include <string_view>
+#include <strings.h>
 #include <unordered_map>
 #include <vector>
 
@@ -103,8 +103,9 @@ bool read_unicode_escape(Position &at, std::string &out) {
         return false;
     auto code = static_cast<uint32_t>(unit);
     if (code >= 0xd800 && code < 0xe000) {
-        Position behind = at + 2;
-        const int low = code < 0xdc00 && std::strncmp(at, "\\u", 2) == 0 ? read_hex4(behind) : -1;
+        Position behind = at;
+        const bool pair = code < 0xdc00 && std::strncmp(at, "\\u", 2) == 0;
+        const int low = pair ? read_hex4(behind += 2) : -1;
         if (low >= 0xdc00 && low < 0xe000) {
             code = 0x10000 + ((code - 0xd800) << 10) + (static_cast<uint32_t>(low) - 0xdc00);
             at = behind;
@@ -438,20 +439,6 @@ bool blobmsg_add_json_from_string(blob_buf *b, const char *str) {
     b->head = reinterpret_cast<blob_attr *>(static_cast<char *>(b->buf) + head);
     blob_set_raw_len(b->head, len);
     return false;
-}
-
-bool blobmsg_add_json_from_file(blob_buf *b, const char *file) {
-    struct CloseFile {
-        void operator()(FILE *stream) const { std::fclose(stream); }
-    };
-    const std::unique_ptr<FILE, CloseFile> stream(std::fopen(file, "re"));
-    if (!stream)
-        return false;
-    std::string text;
-    char part[4096];
-    while (const size_t got = std::fread(part, 1, sizeof(part), stream.get()))
-        text.append(part, got);
-    return !std::ferror(stream.get()) && blobmsg_add_json_from_string(b, text.c_str());
 }
 
 char *blobmsg_format_json_with_cb(blob_attr *attr, bool list, blobmsg_json_format_t cb, void *priv,

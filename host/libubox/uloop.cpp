@@ -308,7 +308,7 @@ int uloop_timeout_set(uloop_timeout *timeout, int msecs) {
         uloop_timeout_cancel(timeout);
     timeout->time = now();
     timeout->time.tv_sec += msecs / 1000;
-    timeout->time.tv_usec += msecs % 1000 * 1000;
+    timeout->time.tv_usec += suseconds_t{msecs % 1000} * 1000;
     if (timeout->time.tv_usec >= 1000000) {
         timeout->time.tv_sec++;
         timeout->time.tv_usec -= 1000000;

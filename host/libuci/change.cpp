@@ -29,8 +29,9 @@ static void update_option(uci_ptr &ptr) {
     uci_option &o = *ptr.o;
     const bool in_place =
         o.type == UCI_TYPE_STRING && std::strlen(o.v.string) == std::strlen(ptr.value);
+    const bool renamed = !in_place && ptr.option != o.e.name;
     set_string(o, ptr.value);
-    if (!in_place && ptr.option != o.e.name)
+    if (renamed)
         assign(o.e.name, ptr.option);
 }
 

@@ -175,11 +175,11 @@ bool uci_validate_text(const char *str);
 
 // Loops over the elements of a list; the safe one allows the removal of `_ptr`.
 #define uci_foreach_element(_list, _ptr)                                                           \
-    for (_ptr = list_to_element((_list)->next); &_ptr->list != (_list);                            \
-         _ptr = list_to_element(_ptr->list.next))
+    for ((_ptr) = list_to_element((_list)->next); &(_ptr)->list != (_list);                        \
+         (_ptr) = list_to_element((_ptr)->list.next))
 #define uci_foreach_element_safe(_list, _tmp, _ptr)                                                \
-    for (_ptr = list_to_element((_list)->next), _tmp = list_to_element(_ptr->list.next);           \
-         &_ptr->list != (_list); _ptr = _tmp, _tmp = list_to_element(_ptr->list.next))
+    for ((_ptr) = list_to_element((_list)->next), (_tmp) = list_to_element((_ptr)->list.next);     \
+         &(_ptr)->list != (_list); (_ptr) = (_tmp), (_tmp) = list_to_element((_ptr)->list.next))
 
 // The object of this name among those in memory, or null.
 static inline struct uci_element *uci_find_element(struct uci_list *list, const char *name) {

@@ -1,10 +1,11 @@
 // Messages and their JSON form, checked against transcripts of the real library, and what must hold
 // for bytes that no library ever wrote.
+#include <algorithm>
+#include <bit>
 #include <cmath>
 #include <cstdlib>
 #include <fstream>
 #include <gtest/gtest.h>
-#include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -54,13 +55,10 @@ std::string format(blob_attr *attr, int indent, bool list = true) {
 }
 
 enum blobmsg_type type_number(const std::string &name) {
-    static const std::map<std::string, enum blobmsg_type> numbers = {
-        {"UNSPEC", BLOBMSG_TYPE_UNSPEC}, {"ARRAY", BLOBMSG_TYPE_ARRAY},
-        {"TABLE", BLOBMSG_TYPE_TABLE},   {"STRING", BLOBMSG_TYPE_STRING},
-        {"INT64", BLOBMSG_TYPE_INT64},   {"INT32", BLOBMSG_TYPE_INT32},
-        {"INT16", BLOBMSG_TYPE_INT16},   {"INT8", BLOBMSG_TYPE_INT8},
-        {"DOUBLE", BLOBMSG_TYPE_DOUBLE}, {"CAST_INT64", BLOBMSG_CAST_INT64}};
-    return numbers.at(name);
+    static const char *const names[] = {"UNSPEC", "ARRAY", "TABLE", "STRING", "INT64",
+                                        "INT32",  "INT16", "INT8",  "DOUBLE", "CAST_INT64"};
+    const auto *const at = std::find(std::begin(names), std::end(names), name);
+    return static_cast<enum blobmsg_type>(at - names);
 }
 
 // Adds a [type, name, value] triple the way a program does.
@@ -92,32 +90,15 @@ void add(blob_buf *to, const json &field) {
     case BLOBMSG_TYPE_INT8:
         blobmsg_add_u8(to, name, value.get<uint8_t>());
         break;
-    case BLOBMSG_TYPE_DOUBLE:
+    case BLOBMSG_TYPE_DOUBLE: // the bits of NaN are given, since MIPS has others for its own
         blobmsg_add_double(to, name,
-                           value == "nan"      ? std::nan("")
+                           value == "nan"      ? std::bit_cast<double>(uint64_t{0x7FF8} << 48)
                            : value.is_string() ? -HUGE_VAL
                                                : value.get<double>());
         break;
     default:
         blobmsg_add_field(to, BLOBMSG_TYPE_UNSPEC, name, nullptr, 0);
     }
-}
-
-// Everything that reads a message from elsewhere; the sanitizers watch.
-void read_all(Bytes bytes) {
-    blob_attr *attr = attr_in(bytes), *found[4];
-    const blobmsg_policy policy[] = {{"k", BLOBMSG_TYPE_UNSPEC},
-                                     {"t", BLOBMSG_TYPE_TABLE},
-                                     {"a", BLOBMSG_TYPE_ARRAY},
-                                     {"n", BLOBMSG_CAST_INT64}};
-    blob_parse_untrusted(attr, bytes.size(), found, nullptr, 4);
-    blobmsg_parse(policy, 4, found, bytes.data(), static_cast<unsigned>(bytes.size()));
-    blobmsg_parse_array(policy, 4, found, bytes.data(), static_cast<unsigned>(bytes.size()));
-    if (blob_raw_len(attr) > bytes.size())
-        return;
-    blobmsg_check_array(attr, BLOBMSG_TYPE_UNSPEC);
-    format(attr, 0);
-    format(attr, -1, false);
 }
 
 } // namespace
@@ -188,7 +169,7 @@ TEST(Blobmsg, BoundsNestingAndRefusesBrokenText) {
     const auto nested = [](size_t levels) {
         return "{\"a\":" + std::string(levels, '[') + std::string(levels, ']') + "}";
     };
-    const std::string accepted[] = {nested(31), "{\"a\":[1,],}", "{\"a\":-Infinity} x",
+    const std::string accepted[] = {"{\"a\":[1,],}", nested(31), "{\"a\":-Infinity} x",
                                     "//c\n{'a':\"\\ud800\\ud83d\\ude00\"/**/}"};
     const std::string refused[] = {nested(32),     nested(100000), "{,}",        "{\"a\":[,]}",
                                    "{\"a\":1e5.}", "{\"a\":-}",    "{\"a\":1x}", "{\"a\":\"\\u12",
@@ -200,31 +181,18 @@ TEST(Blobmsg, BoundsNestingAndRefusesBrokenText) {
     for (const std::string &text : refused)
         EXPECT_FALSE(blobmsg_add_json_from_string(&message, text.c_str())) << text;
     EXPECT_EQ(message.bytes(), before);
+    EXPECT_EQ(format(static_cast<blob_attr *>(blob_data(message.head)), 0, false),
+              "\"a\": [\n\t1\n]");
     EXPECT_NE(format(message.head, -1).find("\"a\":\"\xef\xbf\xbd\xf0\x9f\x98\x80\""),
               std::string::npos);
 
     Message deep;
-    std::vector<void *> nests;
-    for (int i = 0; i < 100000; i++)
-        nests.push_back(blobmsg_open_table(&deep, nullptr));
+    std::vector<void *> nests(100000);
+    for (void *&nest : nests)
+        nest = blobmsg_open_table(&deep, nullptr);
     for (; !nests.empty(); nests.pop_back())
         blobmsg_close_table(&deep, nests.back());
-    EXPECT_LT(format(deep.head, -1).size(), 1000u);
-}
-
-TEST(Blobmsg, SurvivesDamagedMessages) {
-    for (const json &vector : capture("34_blobmsg_vectors", "encode")) {
-        const Bytes whole = from_hex(vector["hex"]);
-        for (size_t at = 0; at < whole.size(); at++) {
-            for (const uint8_t value : {0, 1, 3, 4, 7, 8, 9, 0x7f, 0x80, 0xff}) {
-                Bytes damaged = whole;
-                damaged[at] = value;
-                read_all(damaged);
-            }
-            if (at >= 4)
-                read_all(Bytes(whole.begin(), whole.begin() + static_cast<ptrdiff_t>(at)));
-        }
-    }
+    EXPECT_LT(format(deep.head, -1).size(), 1000u); // printed down to some level only
 }
 
 TEST(Blobmsg, KeepsTheMessageWhenAnAddDoesNotFit) {
@@ -233,22 +201,13 @@ TEST(Blobmsg, KeepsTheMessageWhenAnAddDoesNotFit) {
     EXPECT_EQ(blobmsg_add_string(&message, "a", part.c_str()), 0);
     const Bytes before = message.bytes();
     EXPECT_EQ(blobmsg_add_string(&message, name.c_str(), "v"), -1);
-    EXPECT_EQ(blobmsg_alloc_string_buffer(&message, "b", 0xffffff), nullptr);
-    EXPECT_EQ(blobmsg_printf(&message, "b", "%s%s", part.c_str(), part.c_str()), -1);
+    EXPECT_EQ(blobmsg_add_string(&message, "b", (part + part).c_str()), -1);
     EXPECT_FALSE(blobmsg_add_json_from_string(
         &message, ("{\"b\":1,\"c\":{\"d\":\"" + part + part + "\"}}").c_str()));
-    EXPECT_EQ(message.bytes(), before);
-    blobmsg_alloc_string_buffer(&message, "s", 3);
-    std::snprintf(static_cast<char *>(blobmsg_realloc_string_buffer(&message, 600)), 601, "%0500d",
-                  7);
-    blobmsg_add_string_buffer(&message);
-    blobmsg_printf(&message, "p", "%d", -5);
-    const blobmsg_policy policy[] = {{"s", BLOBMSG_TYPE_STRING}, {"p", BLOBMSG_TYPE_STRING}};
-    blob_attr *found[2];
-    blobmsg_parse_attr(policy, 2, found, message.head);
-    ASSERT_TRUE(found[0] && found[1]);
-    EXPECT_EQ(blobmsg_data_len(found[0]), 501u);
-    EXPECT_STREQ(blobmsg_get_string(found[1]), "-5");
+    EXPECT_TRUE(message.bytes() == before);
+    Message largest;
+    EXPECT_EQ(blob_new(&largest, 0, 0xfffff8), nullptr); // its length would not fit in 24 bits
+    EXPECT_NE(blob_new(&largest, 0, 0xfffff4), nullptr);
 }
 
 TEST(Blob, ParsesPlainAttributes) {

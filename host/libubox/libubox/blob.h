@@ -155,7 +155,6 @@ int blob_parse_untrusted(struct blob_attr *attr, size_t attr_len, struct blob_at
                          const struct blob_attr_info *info, int max);
 bool blob_check_type(const void *ptr, unsigned int len, int type);
 
-bool blob_attr_equal(const struct blob_attr *a1, const struct blob_attr *a2);
 // A heap copy, or null.
 struct blob_attr *blob_memdup(const struct blob_attr *attr);
 // Zeroes the bytes between the end of the attribute and the next multiple of 4.

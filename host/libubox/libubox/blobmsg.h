@@ -41,11 +41,6 @@ static inline int blobmsg_hdrlen(unsigned int namelen) {
     return (int)BLOBMSG_PADDING(sizeof(struct blobmsg_hdr) + namelen + 1);
 }
 
-static inline void blobmsg_clear_name(struct blob_attr *attr) {
-    struct blobmsg_hdr *hdr = (struct blobmsg_hdr *)blob_data(attr);
-    hdr->name[0] = 0;
-}
-
 static inline uint16_t blobmsg_namelen(const struct blobmsg_hdr *hdr) {
     return be16_to_cpu(hdr->namelen);
 }
@@ -85,15 +80,9 @@ static inline size_t blobmsg_len(const struct blob_attr *attr) {
 
 // Whether a field is well formed: its header lies inside and the data have the form of its type
 // (contents of arrays and tables are not examined). `name`: its name must not be empty. The _len
-// forms also check that the field lies within `len` bytes.
+// form also checks that the field lies within `len` bytes.
 bool blobmsg_check_attr(const struct blob_attr *attr, bool name);
 bool blobmsg_check_attr_len(const struct blob_attr *attr, bool name, size_t len);
-// The number of elements of an array or table whose direct members are all well formed and of
-// `type` (UNSPEC: any), or -1; the _list forms only say whether it is one.
-int blobmsg_check_array(const struct blob_attr *attr, int type);
-int blobmsg_check_array_len(const struct blob_attr *attr, int type, size_t len);
-bool blobmsg_check_attr_list(const struct blob_attr *attr, int type);
-bool blobmsg_check_attr_list_len(const struct blob_attr *attr, int type, size_t len);
 
 // Zeroes `tb` and stores in tb[i] the first field with the name and type of policy[i]. 0; -1 at the
 // first malformed field (what was found before stays); -EINVAL without data.
@@ -102,24 +91,11 @@ int blobmsg_parse(const struct blobmsg_policy *policy, int policy_len, struct bl
 // The same by position: tb[i] is the next element of policy[i]'s type. 0, or -1.
 int blobmsg_parse_array(const struct blobmsg_policy *policy, int policy_len, struct blob_attr **tb,
                         void *data, unsigned int len);
-// One of the above for the contents of a table or array field.
-int blobmsg_parse_attr(const struct blobmsg_policy *policy, int policy_len, struct blob_attr **tb,
-                       struct blob_attr *data);
 
 // Adders return 0, or -1 with the message unchanged. A null name is the empty name.
 int blobmsg_add_field(struct blob_buf *buf, int type, const char *name, const void *data,
                       unsigned int len);
 void *blobmsg_open_nested(struct blob_buf *buf, const char *name, bool array);
-int blobmsg_printf(struct blob_buf *buf, const char *name, const char *format, ...)
-    __attribute__((format(printf, 3, 4)));
-int blobmsg_vprintf(struct blob_buf *buf, const char *name, const char *format, va_list arg)
-    __attribute__((format(printf, 3, 0)));
-
-// A string written in place: room for `maxlen` characters and a zero byte, resized at will, then
-// added with the length it has. No other add may come in between.
-void *blobmsg_alloc_string_buffer(struct blob_buf *buf, const char *name, unsigned int maxlen);
-void *blobmsg_realloc_string_buffer(struct blob_buf *buf, unsigned int maxlen);
-void blobmsg_add_string_buffer(struct blob_buf *buf);
 
 static inline int blobmsg_add_double(struct blob_buf *buf, const char *name, double val) {
     uint64_t bits;

@@ -6,10 +6,9 @@
 // The text to print for the value of a field, or null for the usual one.
 typedef const char *(*blobmsg_json_format_t)(void *priv, struct blob_attr *attr);
 
-// Appends the members of the JSON object in the text (or file). False, with the message unchanged,
+// Appends the members of the JSON object in the text. False, with the message unchanged,
 // if it is not a well-formed object or does not fit.
 bool blobmsg_add_json_from_string(struct blob_buf *b, const char *str);
-bool blobmsg_add_json_from_file(struct blob_buf *b, const char *file);
 
 // JSON text on the heap. `list`: the contents of `attr` as an object (an array if it is an array
 // field); otherwise the field itself with its name. `indent`: level of the text, or < 0 for text on

@@ -1,7 +1,8 @@
 // Circular doubly linked lists, threaded through the structures that are listed. A head is itself a
 // `struct list_head`; an empty list is a head that points at itself. Nothing here allocates.
 //
-// None of these headers has an `extern "C"` of its own: C++ sources wrap their includes.
+// These headers declare what this project's programs call of the router's library; they add nothing
+// to it. None has an `extern "C"` of its own: C++ sources wrap their includes.
 #pragma once
 
 #include <stdbool.h>

@@ -46,23 +46,14 @@
 #define const_cpu_to_be16(x) const_bswap16(x)
 #define const_cpu_to_be32(x) const_bswap32(x)
 #define const_cpu_to_be64(x) const_bswap64(x)
-#define const_cpu_to_le16(x) ((uint16_t)(x))
-#define const_cpu_to_le32(x) ((uint32_t)(x))
-#define const_cpu_to_le64(x) ((uint64_t)(x))
 #else
 #define const_cpu_to_be16(x) ((uint16_t)(x))
 #define const_cpu_to_be32(x) ((uint32_t)(x))
 #define const_cpu_to_be64(x) ((uint64_t)(x))
-#define const_cpu_to_le16(x) const_bswap16(x)
-#define const_cpu_to_le32(x) const_bswap32(x)
-#define const_cpu_to_le64(x) const_bswap64(x)
 #endif
 #define const_be16_to_cpu(x) const_cpu_to_be16(x)
 #define const_be32_to_cpu(x) const_cpu_to_be32(x)
 #define const_be64_to_cpu(x) const_cpu_to_be64(x)
-#define const_le16_to_cpu(x) const_cpu_to_le16(x)
-#define const_le32_to_cpu(x) const_cpu_to_le32(x)
-#define const_le64_to_cpu(x) const_cpu_to_le64(x)
 
 // The forms for use inside functions evaluate their argument once.
 #define evaluate_once_(type, x, convert)                                                           \
@@ -73,12 +64,6 @@
 #define cpu_to_be16(x) evaluate_once_(uint16_t, x, const_cpu_to_be16)
 #define cpu_to_be32(x) evaluate_once_(uint32_t, x, const_cpu_to_be32)
 #define cpu_to_be64(x) evaluate_once_(uint64_t, x, const_cpu_to_be64)
-#define cpu_to_le16(x) evaluate_once_(uint16_t, x, const_cpu_to_le16)
-#define cpu_to_le32(x) evaluate_once_(uint32_t, x, const_cpu_to_le32)
-#define cpu_to_le64(x) evaluate_once_(uint64_t, x, const_cpu_to_le64)
 #define be16_to_cpu(x) cpu_to_be16(x)
 #define be32_to_cpu(x) cpu_to_be32(x)
 #define be64_to_cpu(x) cpu_to_be64(x)
-#define le16_to_cpu(x) cpu_to_le16(x)
-#define le32_to_cpu(x) cpu_to_le32(x)
-#define le64_to_cpu(x) cpu_to_le64(x)

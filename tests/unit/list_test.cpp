@@ -1,0 +1,234 @@
+#include "config.h"
+#include "list_helpers.h"
+
+#include <climits>
+#include <gtest/gtest.h>
+#include <syslog.h>
+#include <vector>
+
+namespace {
+
+ListResult add(const char *item, int opt, List *list) {
+    return add_item_copy(item, static_cast<int8_t>(opt), list);
+}
+
+void add_expiring(const char *frag, int64_t exp_time, List *list) {
+    Node *node = create_node(frag, MATCH_CONTAINS);
+    node->exp_time = exp_time;
+    ASSERT_EQ(add_node(node, list), 1);
+}
+
+TEST(ListTest, ModesDecideWhatMatches) {
+    const struct {
+        const char *pattern;
+        int opt;
+        const char *key;
+        bool match;
+    } cases[] = {
+        {"xam", 0, "example.com", true},
+        {"example.com", 0, "example.com", true},
+        {"Xam", 0, "example.com", false},
+        {"example.com", 0, "example.co", false},
+        {"ample.com", 1, "example.com", true},
+        {"example", 1, "example.com", false},
+        {"ex", 2, "example.com", true},
+        {"xa", 2, "example.com", false},
+        {"exa", 2, "my.exa", false},
+        {"ab", 1, "abcab", true},
+        {"example.com", 4, "example.com", true},
+        {"example.com", 4, "Example.com", false},
+        {"example", 4, "example.com", false},
+        {"same", 3, "same", false},
+        {"same", 5, "same", false},
+        {"same", -1, "same", false},
+        {"a", 0, "", false},
+    };
+    for (const auto &c : cases) {
+        const TestList list;
+        ASSERT_EQ(add(c.pattern, c.opt, list), LIST_OK);
+        EXPECT_EQ(find_in_list(c.key, list, 1, nullptr), c.match)
+            << c.pattern << " mode " << c.opt << " in " << c.key;
+    }
+}
+
+TEST(ListTest, ItemsAreRefusedOrLinkedInOrder) {
+    const TestList list;
+    const struct {
+        const char *item;
+        int opt;
+        ListResult result;
+        const char *chain;
+    } steps[] = {
+        {"bbb.example", 4, LIST_OK, "bbb.example:4 "},
+        {"bbb.example", 0, LIST_EXISTS, "bbb.example:4 "},
+        {"aaa.example", 1, LIST_OK, "bbb.example:4 aaa.example:1 "},
+        {"www.aaa.example", 2, LIST_EXISTS, "bbb.example:4 aaa.example:1 "},
+        {"ads\nrest\n", 0, LIST_OK, "ads:0 bbb.example:4 aaa.example:1 "},
+        {"long.ads.example.org", 4, LIST_EXISTS, "ads:0 bbb.example:4 aaa.example:1 "},
+        {"xyz", 3, LIST_OK, "ads:0 xyz:3 bbb.example:4 aaa.example:1 "},
+        {"xyz", 3, LIST_OK, "ads:0 xyz:3 xyz:3 bbb.example:4 aaa.example:1 "},
+        {"# x", 0, LIST_EMPTY_ITEM, "ads:0 xyz:3 xyz:3 bbb.example:4 aaa.example:1 "},
+        {"", 0, LIST_EMPTY_ITEM, "ads:0 xyz:3 xyz:3 bbb.example:4 aaa.example:1 "},
+        {nullptr, 0, LIST_EMPTY_ITEM, "ads:0 xyz:3 xyz:3 bbb.example:4 aaa.example:1 "},
+        {"\nx", 4, LIST_OK, ":4 ads:0 xyz:3 xyz:3 bbb.example:4 aaa.example:1 "},
+    };
+    for (const auto &step : steps) {
+        EXPECT_EQ(add(step.item, step.opt, list), step.result) << step.item;
+        EXPECT_EQ(chain(list), step.chain);
+    }
+    EXPECT_EQ(found("", list), "");
+    EXPECT_EQ(found("bbb.example.ads", list), "ads"); // the shortest of two
+    char item[] = "one\r\ntwo\n";
+    EXPECT_EQ(add_item(item, 0, list), LIST_OK);
+    EXPECT_EQ(std::string(item, sizeof item), std::string("one\r\0two\0\0", sizeof item));
+    EXPECT_EQ(found("one\r", list), "one\r");
+}
+
+TEST(ListTest, RemovesTheFirstOfATextWhateverItsMode) {
+    const TestList list;
+    for (const char *item : {"aa", "bb", "cc", "ddd"})
+        ASSERT_EQ(add(item, 3, list), LIST_OK);
+    ASSERT_EQ(add("bb", 4, list), LIST_OK);
+    const struct {
+        const char *item;
+        ListResult result;
+        const char *chain;
+    } steps[] = {
+        {"BB", LIST_NOT_FOUND, "aa:3 bb:3 cc:3 bb:4 ddd:3 "},
+        {"bb", LIST_OK, "aa:3 cc:3 bb:4 ddd:3 "},
+        {"aa", LIST_OK, "cc:3 bb:4 ddd:3 "},
+        {"ddd", LIST_OK, "cc:3 bb:4 "},
+        {"bb", LIST_OK, "cc:3 "},
+        {"bb", LIST_NOT_FOUND, "cc:3 "},
+        {"cc", LIST_OK, ""},
+        {nullptr, LIST_NOT_FOUND, ""},
+    };
+    for (const auto &step : steps) {
+        EXPECT_EQ(remove_item(step.item, list), step.result);
+        EXPECT_EQ(chain(list), step.chain);
+    }
+    EXPECT_EQ(get_list_size(list), 0);
+}
+
+TEST(ListTest, PagesCountFromOne) {
+    const TestList list;
+    for (char c = 'a'; c < 'a' + 20; c++)
+        ASSERT_EQ(add(std::string(3, c).c_str(), 4, list), LIST_OK);
+    const struct {
+        int start, count, first, size;
+    } cases[] = {
+        {1, 10, 0, 10},
+        {3, 10, 2, 10},
+        {18, 10, 17, 3},
+        {0, 10, 0, 9},
+        {21, 5, 0, 0},
+        {1, INT_MAX, 0, 20},
+        {-5, 10, 0, 4},
+        {INT_MIN, INT_MIN, 0, 0},
+        {INT_MAX, INT_MAX, 0, 0},
+        {INT_MIN, INT_MAX, 0, 0},
+        {5, 0, 0, 0},
+        {5, -1, 0, 0},
+    };
+    for (const auto &c : cases) {
+        List *page = get_sub_list(list, c.start, c.count);
+        std::string expected;
+        for (int i = c.first; i < c.first + c.size; i++)
+            expected += std::string(3, static_cast<char>('a' + i)) + ":4 ";
+        EXPECT_EQ(chain(page), expected) << c.start << ", " << c.count;
+        free_list(page);
+    }
+    const TestList overlapping;
+    ASSERT_EQ(add("ads.example", 4, overlapping), LIST_OK);
+    ASSERT_EQ(add("ads", 0, overlapping), LIST_OK);
+    List *page = get_sub_list(overlapping, 1, 10);
+    EXPECT_EQ(chain(page), "ads:0 "); // which matches the other
+    free_list(page);
+}
+
+TEST(ListTest, AnIndexBeyond65535Wraps) {
+    const TestList list;
+    for (int i = 0; i < 65536 + 5; i++) {
+        char text[8];
+        snprintf(text, sizeof text, "%07d", i);
+        ASSERT_EQ(add(text, 4, list), LIST_OK);
+        EXPECT_EQ(get_list_size(list), (i + 1) % 65536);
+    }
+    List *page = get_sub_list(list, 65535, 3); // the last two before the wrap, and no stop after
+    EXPECT_EQ(chain(page), "0065534:4 0065535:4 ");
+    free_list(page);
+    EXPECT_EQ(get_sub_list(nullptr, 1, 1), nullptr);
+}
+
+TEST(ListTest, ExpiredNodesGoWhenALookupMeetsThem) {
+    const TestList list;
+    add_expiring("aa", 1, list);
+    add_expiring("bb", time(nullptr) + 1000, list);
+    ASSERT_EQ(add("cccccc", 4, list), LIST_OK);
+    EXPECT_EQ(found("aa bb", list), "bb");
+    EXPECT_EQ(chain(list), "bb:0 cccccc:4 ");
+    // The node behind an expired one is tested even if it has expired too.
+    const TestList pair;
+    add_expiring("ee", 1, pair);
+    add_expiring("ff", 1, pair);
+    EXPECT_EQ(found("ff", pair), "ff");
+    EXPECT_EQ(found("ff", pair), "-");
+    EXPECT_EQ(get_list_size(pair), 0);
+    // A long list takes up its index when the last expiring node has gone.
+    for (int i = 0; i < 100; i++)
+        ASSERT_EQ(add(("n" + std::to_string(i)).c_str(), 4, list), LIST_OK);
+    EXPECT_EQ(list->index, nullptr);
+    ASSERT_EQ(remove_item("bb", list), LIST_OK);
+    EXPECT_EQ(found("n77", list), "n77");
+    EXPECT_NE(list->index, nullptr);
+}
+
+TEST(ListTest, NullArgumentsAreRefused) {
+    const TestList list;
+    List *none = nullptr;
+    Node *node = nullptr;
+    EXPECT_EQ(find_in_list("a", none, 0, nullptr), 0);
+    EXPECT_EQ(find_in_list(nullptr, list, 0, nullptr), 0);
+    EXPECT_EQ(add("a", 0, none), LIST_INSERT_FAILED);
+    EXPECT_EQ(remove_item("a", none), LIST_IS_NULL);
+    EXPECT_EQ(remove_item_by_id(1, none), LIST_IS_NULL);
+    EXPECT_EQ(get_list_size(none), 0);
+    EXPECT_TRUE(_is_empty(none) && _is_empty(list));
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(add_node(nullptr, list), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "Found something NULL");
+    EXPECT_EQ(get_list_size(list), 0);
+    remove_node(node, list);
+    free_list(none);
+    EXPECT_EQ(create_node(nullptr, 0), nullptr);
+}
+
+TEST(ListTest, TracesFollowTheirFlags) {
+    const TestList list;
+    ASSERT_EQ(add("zz", 4, list), LIST_OK);
+    ASSERT_EQ(add("yy", 2, list), LIST_OK);
+    ASSERT_EQ(add("xx", 1, list), LIST_OK);
+    ASSERT_EQ(add("ww", 0, list), LIST_OK);
+    const auto traces = [&list] {
+        testing::internal::CaptureStderr();
+        openlog("t", LOG_PERROR, LOG_LOCAL0);
+        find_in_list("a.ww", list, 1, nullptr);
+        openlog("t", 0, LOG_LOCAL0);
+        closelog();
+        return testing::internal::GetCapturedStderr();
+    };
+    const int mask = setlogmask(LOG_UPTO(LOG_DEBUG));
+    oDNS.debug_sql = 1;
+    EXPECT_EQ(traces(), "t: Check Match: zz (4)\nt: Check Match: yy (2)\n"
+                        "t: Check a.ww Begins With yy\nt: Check Match: xx (1)\n"
+                        "t: Check Match: ww (0)\nt: Found any match: ww\n");
+    oDNS.debug_sql = 0;
+    oDNS.debug = 1;
+    setlogmask(LOG_MASK(LOG_DEBUG));
+    EXPECT_EQ(traces(), "t: Check a.ww ends with xx\nt: Check ww contains a.ww\n");
+    oDNS.debug = 0;
+    EXPECT_EQ(traces(), "");
+    setlogmask(mask);
+}
+
+} // namespace

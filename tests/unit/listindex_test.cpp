@@ -1,0 +1,118 @@
+#include "list_helpers.h"
+#include "listindex.h"
+
+#include <cstdint>
+#include <gtest/gtest.h>
+#include <random>
+#include <vector>
+
+namespace {
+
+// Two lists that get the same edits: one keeps an index as soon as it may, the other never does.
+class Twins {
+    TestList indexed_;
+    TestList walked_;
+
+  public:
+    Twins() {
+        indexed_->index_at = 1;
+        walked_->index_at = UINT32_MAX;
+    }
+    void add(const std::string &text, int8_t opt, bool refuse_duplicates) {
+        for (List *list : {indexed_.list, walked_.list}) {
+            if (refuse_duplicates)
+                add_item_copy(text.c_str(), opt, list);
+            else
+                add_node(create_node(text.c_str(), opt), list);
+        }
+    }
+    void remove(const std::string &text) {
+        EXPECT_EQ(remove_item(text.c_str(), indexed_), remove_item(text.c_str(), walked_));
+    }
+    std::string find(const std::string &key) {
+        const std::string answer = found(key, indexed_);
+        EXPECT_EQ(answer, found(key, walked_)) << "key " << key;
+        return answer;
+    }
+    void expect_same_chains() const {
+        EXPECT_EQ(chain(indexed_), chain(walked_));
+        EXPECT_EQ(get_list_size(indexed_), get_list_size(walked_));
+    }
+    const List *indexed() const { return indexed_; }
+};
+
+struct Mix {
+    const char *name;
+    const char *alphabet;
+    size_t pattern_length;
+    size_t key_length;
+    size_t edits;
+};
+
+class ListIndexTest : public testing::TestWithParam<Mix> {};
+
+TEST_P(ListIndexTest, AnswersAsTheWalkDoes) {
+    const Mix mix = GetParam();
+    const auto seed = std::random_device()();
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::mt19937 random(seed);
+    const std::string alphabet = mix.alphabet;
+    const auto text = [&](size_t longest) {
+        std::string result(random() % (longest + 1), ' ');
+        for (char &c : result)
+            c = alphabet[random() % alphabet.size()];
+        return result;
+    };
+    constexpr int8_t MODES[] = {0, 1, 1, 2, 2, 4, 4, 4, 3, 5, -1};
+    Twins twins;
+    std::vector<std::string> texts = {""};
+    for (size_t i = 0; i < mix.edits && !HasFailure(); i++) {
+        // It grows, then shrinks to nearly nothing, then grows again.
+        const bool shrinks = i > mix.edits / 2 && i < mix.edits * 3 / 4;
+        const std::string known = texts[random() % texts.size()];
+        if (random() % 8 < (shrinks ? 6 : 2)) {
+            twins.remove(known);
+        } else {
+            texts.push_back(random() % 4 ? text(mix.pattern_length) : known);
+            twins.add(texts.back(), MODES[random() % std::size(MODES)], random() % 2);
+        }
+        twins.find(text(mix.key_length));
+        twins.find(known);
+        twins.find(text(3) + known + text(3));
+        if (i % 64 == 0)
+            twins.expect_same_chains();
+    }
+    twins.expect_same_chains();
+    EXPECT_NE(twins.indexed()->index, nullptr);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Mixes, ListIndexTest,
+    testing::Values(Mix{"Overlapping", "ab", 8, 14, 3000}, Mix{"Names", "abcde.", 12, 40, 3000},
+                    Mix{"Bytes", "\x01\xff\x80z", 5, 12, 3000},
+                    Mix{"AroundTheLongest", "ab", 2 * LONGEST_INDEXED, 2 * LONGEST_INDEXED, 800}),
+    [](const auto &instance) { return instance.param.name; });
+
+// Words of Thue and Morse and their complements have equal polynomial hashes modulo 2^32, whatever
+// the odd base is.
+TEST(ListIndexCollisionTest, EqualHashesAreToldApart) {
+    std::string word = "a";
+    std::string other = "b";
+    while (word.size() < 256) {
+        const std::string half = word;
+        word += other;
+        other += half;
+    }
+    Twins twins;
+    twins.add(word, MATCH_EXACT, true);
+    EXPECT_EQ(twins.find(other), "-");
+    twins.add(other, MATCH_ENDS_WITH, true);
+    EXPECT_EQ(twins.find(word), word);
+    EXPECT_EQ(twins.find("x" + other), other);
+    EXPECT_EQ(twins.find("x" + word), "-");
+    twins.remove(word);
+    EXPECT_EQ(twins.find(word), "-");
+    EXPECT_EQ(twins.find(other), other);
+}
+
+} // namespace
