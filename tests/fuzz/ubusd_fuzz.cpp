@@ -43,25 +43,30 @@ int answer_call(ubus_context *ctx, ubus_object *, ubus_request_data *req, const 
     return ubus_send_reply(ctx, req, msg);
 }
 
+int answer_call(ubus_context *ctx, ubus_object *, ubus_request_data *req, const char *,
+                blob_attr *msg) {
+    return ubus_send_reply(ctx, req, msg);
+}
+
 // The bus greets, sends the input and ends its side, while the client registers an object and looks
 // around.
 void feed_client(std::string_view input) {
-    static const std::string path = std::filesystem::temp_directory_path() / "ubusd_fuzz.XXXXXX";
-    static std::string directory = path;
-    static const int listener = [] {
-        sockaddr_un address{AF_UNIX, {}};
-        std::string name = std::string(mkdtemp(directory.data())) + "/bus";
-        name.copy(address.sun_path, sizeof(address.sun_path) - 1);
-        int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-        if (bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof(address)) || listen(fd, 1))
-            abort();
+    static char directory[] = "/tmp/ubusd_fuzz.XXXXXX";
+    static std::string path;
+    static int listener = -1;
+    if (listener < 0) {
+        path = std::string(mkdtemp(directory)) + "/bus";
         atexit([] { std::filesystem::remove_all(directory); });
-        return fd;
-    }();
+        sockaddr_un address{AF_UNIX, {}};
+        path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+        listener = socket(AF_UNIX, SOCK_STREAM, 0);
+        if (bind(listener, reinterpret_cast<sockaddr *>(&address), sizeof(address)) ||
+            listen(listener, 1))
+            abort();
+    }
     std::thread server([input] {
-        static constexpr char hello[] = "\0\0\0\0\1\2\3\4\0\0\0\4";
         int fd = accept(listener, nullptr, nullptr);
-        send(fd, hello, sizeof(hello) - 1, MSG_NOSIGNAL);
+        send(fd, "\0\0\0\0\1\2\3\4\0\0\0\4", 12, MSG_NOSIGNAL);
         send(fd, input.data(), input.size(), MSG_NOSIGNAL);
         shutdown(fd, SHUT_WR);
         for (char requests[512]; recv(fd, requests, sizeof(requests), 0) > 0;) {
@@ -70,21 +75,16 @@ void feed_client(std::string_view input) {
     });
     static constexpr ubus_method methods[] = {{nullptr, answer_call, 0, 0, nullptr, 0}};
     ubus_object_type type = UBUS_OBJECT_TYPE("probe", methods);
-    ubus_object object{};
-    object.name = "probe";
-    object.type = &type;
-    object.methods = methods;
-    object.n_methods = 1;
+    ubus_object object{{}, "probe", 0, nullptr, &type, nullptr, false, methods, 1};
     ubus_subscriber subscriber{};
-    if (ubus_context *ctx = ubus_connect((directory + "/bus").c_str())) {
-        ubus_add_object(ctx, &object);
-        ubus_register_subscriber(ctx, &subscriber);
-        uint32_t id = 0;
-        ubus_lookup_id(ctx, nullptr, &id);
-        ubus_notify(ctx, &object, "tick", nullptr, 0);
-        ubus_handle_event(ctx);
-        ubus_free(ctx);
-    }
+    uint32_t id = 0;
+    ubus_context *ctx = ubus_connect(path.c_str());
+    ubus_add_object(ctx, &object);
+    ubus_register_subscriber(ctx, &subscriber);
+    ubus_lookup_id(ctx, nullptr, &id);
+    ubus_notify(ctx, &object, "tick", nullptr, 0);
+    ubus_handle_event(ctx);
+    ubus_free(ctx);
     server.join();
 }
 
