@@ -129,6 +129,9 @@ TEST_F(ListLoadTest, AFailedImportKeepsTheFile) {
         run("delete from black");
     }
     write_lines(LINES);
+    run("drop table black; pragma query_only=1");
+    EXPECT_EQ(load(0), "");
+    EXPECT_TRUE(fs::exists(list_file));
     close_database();
     EXPECT_EQ(load(0), "");
     EXPECT_TRUE(fs::exists(list_file));
