@@ -1,0 +1,22 @@
+// What another program sees of an SQLite file that the daemon has open.
+#pragma once
+
+#include <sqlite3.h>
+#include <string>
+
+// The rows of a query, "a|b\n" each, or the database's error text.
+inline std::string read_rows(const std::string &file, const std::string &query) {
+    sqlite3 *db = nullptr;
+    std::string rows;
+    const auto collect = [](void *text, int count, char **values, char **) {
+        for (int i = 0; i < count; i++)
+            *static_cast<std::string *>(text) +=
+                (values[i] ? values[i] : "null") + std::string(i + 1 < count ? "|" : "\n");
+        return 0;
+    };
+    sqlite3_open_v2(file.c_str(), &db, SQLITE_OPEN_READWRITE, "unix");
+    if (sqlite3_exec(db, query.c_str(), collect, &rows, nullptr) != SQLITE_OK)
+        rows = sqlite3_errmsg(db);
+    sqlite3_close(db);
+    return rows;
+}

@@ -1,0 +1,211 @@
+// The statistics database as the daemon keeps it: over restarts, kills and file systems that fail.
+#include "config.h"
+#include "database.h"
+#include "harness.h"
+#include "statsdb.h"
+
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+
+#include <sys/mount.h>
+#include <syslog.h>
+
+using namespace harness;
+
+namespace {
+
+const std::string place = "/tmp/statistics";
+const std::string file = place + "/vantrelle.db";
+
+struct DatabaseSystemTest : SystemTest {
+    Upstream upstream{1};
+    Client client;
+
+    void SetUp() override {
+        SystemTest::SetUp();
+        std::filesystem::create_directory(place);
+        configure({{"stats_db_path", place}});
+    }
+    void TearDown() override {
+        umount2(place.c_str(), MNT_DETACH);
+        std::filesystem::remove_all(place);
+    }
+    // Asks for names that begin with `prefix`, one after the other, all of which are answered.
+    void ask(const std::string &prefix, int count) const {
+        for (int i = 0; i < count; i++)
+            ASSERT_TRUE(client.ask(query(prefix + std::to_string(i) + ".example")));
+    }
+    static std::string read(const std::string &sql) { return read_rows(file, sql); }
+    static int number(const std::string &sql) { return std::stoi("0" + read(sql)); }
+};
+
+TEST_F(DatabaseSystemTest, KilledUnderLoadKeepsEveryFinishedRow) {
+    constexpr int SENT = 300, WAITED_FOR = 100;
+    for (const std::string run : {"a", "b", "c"}) {
+        Daemon daemon;
+        Daemon::prime();
+        for (int i = 0; i < SENT; i++)
+            client.send(query(run + ".example"));
+        int answered = 0;
+        while (answered < WAITED_FOR && client.receive())
+            answered++;
+        const auto rows = [&run] {
+            return number("select count(*) from dns_traffic where fqdn = '" + run + ".example'");
+        };
+        // The last answer leaves before its row is written; those before it have theirs.
+        EXPECT_GE(rows(), answered - 1);
+        daemon.signal(SIGKILL);
+        EXPECT_EQ(daemon.wait(), 128 + SIGKILL);
+        while (client.receive(50))
+            answered++;
+        EXPECT_EQ(read("pragma integrity_check"), "ok\n");
+        EXPECT_GE(rows(), answered - 1);
+        EXPECT_GE(answered, WAITED_FOR);
+    }
+}
+
+TEST_F(DatabaseSystemTest, RestartContinuesTheCounters) {
+    {
+        Daemon daemon;
+        Daemon::prime();
+        ask("a", 4);
+        daemon.signal(SIGUSR2);
+        EXPECT_TRUE(eventually([] { return number("select count(*) from summary") == 2; }));
+        EXPECT_EQ(daemon.stop(), 0);
+    }
+    for (const char *companion : {"-wal", "-shm", "-journal"})
+        EXPECT_FALSE(std::filesystem::exists(file + companion));
+    EXPECT_EQ(read_file(file)[18], 1); // a plain database file, without write-ahead log
+    const int requests = number("select req from summary where id = 3");
+    EXPECT_GE(requests, 5);
+    {
+        Daemon daemon;
+        Daemon::prime();
+        EXPECT_EQ(daemon.stop(), 0);
+    }
+    EXPECT_GE(number("select req from summary where id = 4"), requests + 1);
+    read("insert into summary (req, blocked, reset, error) values (3000000000, 1, 2, 3)");
+    EXPECT_EQ(Daemon().stop(), 0);
+    // Restored as a signed 32-bit number.
+    EXPECT_EQ(read("select req < 3000000100 - 4294967296 and req >= 3000000000 - 4294967296, "
+                   "blocked, error from summary where id = 6"),
+              "1|1|3\n");
+}
+
+TEST_F(DatabaseSystemTest, ServesWithoutAWorkingDatabase) {
+    const struct {
+        const char *location;
+        std::string error;
+    } cases[] = {
+        {"", "Error opening stats database (null)/vantrelle.db, unable to open database file"},
+        {"/tmp/statistics/missing", "Error opening stats database /tmp/statistics/missing/"
+                                    "vantrelle.db, unable to open database file"},
+        {"/proc", "Error opening stats database /proc/vantrelle.db, unable to open database file"},
+        {"/tmp/statistics", "SQL error creating traffic table: SQL: file is not a database"},
+    };
+    write_file(file, std::string(4096, '!'));
+    for (const auto &[location, error] : cases) {
+        SCOPED_TRACE(error);
+        configure({{"stats_db_path", location}});
+        Daemon daemon;
+        Daemon::prime();
+        ask("a", 2);
+        EXPECT_EQ(log_priority(error), LOG_ERR);
+        EXPECT_EQ(daemon.stop(), 0);
+    }
+    EXPECT_EQ(log_priority("Stats Database Location Not set"), LOG_ERR);
+    EXPECT_FALSE(std::filesystem::exists(place + "/missing"));
+}
+
+TEST_F(DatabaseSystemTest, ServesOnAFileSystemThatStopsTakingRows) {
+    ASSERT_EQ(mount("none", place.c_str(), "tmpfs", 0, "size=1m"), 0);
+    Daemon daemon;
+    Daemon::prime();
+    ask("before", 2);
+    const auto errors = [](const char *reason) {
+        return log_count("Couldn't execute sql statement: " + std::string(reason));
+    };
+    {
+        std::ofstream filler(place + "/filler");
+        while (filler << std::string(4096, 'x') << std::flush)
+            continue;
+    }
+    ask("full", 40);
+    EXPECT_GE(errors("database or disk is full"), 10U);
+    std::filesystem::remove(place + "/filler");
+    ask("after", 2);
+    EXPECT_EQ(read("pragma integrity_check"), "ok\n");
+    EXPECT_EQ(read("select count(*) from dns_traffic where fqdn like 'after0%'"), "1\n");
+    EXPECT_EQ(daemon.stop(), 0);
+    ASSERT_EQ(mount("none", place.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
+    Daemon again;
+    Daemon::prime();
+    ask("read-only", 2);
+    EXPECT_GE(errors("attempt to write a readonly database"), 1U);
+    EXPECT_EQ(again.stop(), 0);
+}
+
+TEST_F(DatabaseSystemTest, InjectionIsAnsweredAndCostsOneLine) {
+    Daemon daemon;
+    Daemon::prime();
+    const Bytes attack = query("x','1');drop table dns_traffic;--");
+    EXPECT_EQ(id_of(client.ask(attack).value_or("")), id_of(attack));
+    ask("after", 1);
+    EXPECT_TRUE(eventually(
+        [] { return read("select count(*) from dns_traffic where fqdn like 'after%'") == "1\n"; }));
+    EXPECT_EQ(log_count("Couldn't execute sql statement: SQL logic error, insert into dns_traffic "
+                        "('fqdn', 'ip') values('x','1');drop table dns_traffic;--', "
+                        "'192.168.8.20')"),
+              1U);
+}
+
+void call_everything() {
+    uint64_t counter = 0;
+    create_stats_summary_table();
+    create_list_stats_table("black");
+    create_list_stats_table("a b");
+    create_frag_key("# no", 0, "black");
+    create_frag_key("ads\nx", 1, "black");
+    create_frag_key("~ads", 1, "white");
+    remove_frag_key("x", "black");
+    remove_frag_key("it's", "black");
+    insert_list_record("a.example", "black", "ads", "10.0.0.1");
+    insert_list_record("localhost", "black", "ads", "10.0.0.1");
+    insert_list_record("a.example", "black", "x", "10.0.0.1");
+    insert_list_record("a.example", "white", "x", "10.0.0.1");
+    record_request("a.example", {});
+    get_unique_client_count();
+    create_traffic_table();
+    get_unique_client_count();
+    insert_stats_summary_record(1, 2, 3, 4);
+    get_stats_summary(&counter, &counter, &counter, &counter);
+    free(get_frag_by_id(1, "black"));
+    free(get_frag_by_id(-1, "white"));
+}
+
+TEST_F(DatabaseSystemTest, LogLines) {
+    openlog("database", LOG_PID, LOG_LOCAL0);
+    oDNS.record_traffic = 1;
+    for (const int debug : {1, 0}) {
+        oDNS.debug = debug;
+        std::filesystem::remove(file);
+        ASSERT_EQ(open_database(file.c_str(), &oDNS.db), SQLITE_OK);
+        const size_t old = log_lines().size();
+        call_everything();
+        std::string logged, expected, line;
+        const std::vector<LogLine> lines = log_lines();
+        for (size_t i = old; i < lines.size(); i++)
+            if (lines[i].text.find("%_") == std::string::npos) // up to the C library
+                logged += std::to_string(lines[i].priority) + " " + lines[i].text + "\n";
+        // A line that begins with '+' is written with SQL debugging only.
+        for (std::ifstream text(TEST_DATA "/database.log"); std::getline(text, line);)
+            if (line[0] != '+' || debug)
+                expected += line.substr(line[0] == '+') + "\n";
+        EXPECT_EQ(logged, expected);
+        close_database();
+    }
+}
+
+} // namespace
