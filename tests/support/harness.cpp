@@ -291,13 +291,14 @@ void Upstream::serve() {
                                 reinterpret_cast<sockaddr *>(&from), &length);
         if (size < 0)
             continue;
-        Bytes message(buffer.data(), static_cast<size_t>(size));
+        const Bytes message(buffer.data(), static_cast<size_t>(size));
         {
             std::lock_guard guard(mutex);
             messages.push_back(message);
         }
-        if (auto bytes = answer(message))
-            sendto(fd, bytes->data(), bytes->size(), 0, reinterpret_cast<sockaddr *>(&from),
+        const std::optional<Bytes> reply = answer(message);
+        if (reply)
+            sendto(fd, reply->data(), reply->size(), 0, reinterpret_cast<sockaddr *>(&from),
                    length);
     }
 }
