@@ -59,7 +59,7 @@ struct Patterns {
         samples.reserve(1000);
         while (added < count) {
             const std::string name = random_name(random);
-            const int8_t mode = mixture == ALL_CONTAIN ? MATCH_CONTAINS : MODES[random() % 4];
+            const int8_t mode = MODES[mixture == ALL_CONTAIN ? 0 : random() % 4];
             if (add_item_copy(name.c_str(), mode, list) != LIST_OK)
                 continue;
             added++;

@@ -5,7 +5,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-readonly LOG=/run/sandbox/log ROUTER=192.168.8.1 CLIENT=192.168.8.20
+readonly LOG=/run/sandbox/log FRAMES=/tmp/frames ROUTER=192.168.8.1 CLIENT=192.168.8.20
 export PATH=$PWD/build/release/bin:$PATH:/usr/sbin:/sbin
 daemon="" upstreams=()
 
@@ -23,7 +23,7 @@ fi
 
 title() { printf '\n%s%s%s\n' "$bold" "$*" "$plain"; }
 say() { printf '%s\n' "$@"; }
-indent() { sed 's/^/    /'; }
+indent() { sed -u 's/^/    /'; }
 good() { printf '  %sok%s  %s\n' "$green" "$plain" "$*"; }
 fail() {
 	printf '  %sFAILED%s  %s\n' "$red" "$plain" "$*"
@@ -49,16 +49,28 @@ expect_log() { # text, which is then shown as the log has it
 	grep -F -- "$1" "$LOG" | tail -n 1 | sed 's/^<[0-9]*>//' | indent
 }
 
-# Asks like a client of the network and shows the question, the status and the answers; what dig
-# said stays in $answer.
-ask() { # name, type, further options of dig
-	printf '%s    $ dig @%s %s %s%s\n' "$dim" "$ROUTER" "$1" "${2:-A}" "$plain"
-	answer=$(dig "@$ROUTER" -b "$CLIENT" +tries=1 +time=3 +nocookie "$1" "${2:-A}" "${@:3}") || true
-	grep -E '^[^;]|status:|timed out' <<<"$answer" | sed 's/^;; ->>HEADER<<- //' | indent
+# Asks like a device of the network, most of which do without EDNS, and shows the question, the
+# status and the answers; what dig said stays in $answer.
+ask() { # name, type, the device's address
+	printf '%s    $ dig @%s -b %s +noedns %s %s%s\n' \
+		"$dim" "$ROUTER" "${3:-$CLIENT}" "$1" "${2:-A}" "$plain"
+	answer=$(dig "@$ROUTER" -b "${3:-$CLIENT}" +tries=1 +time=3 +noedns "$1" "${2:-A}") || true
+	grep -E '^[^;]|status:|timed out' <<<"$answer" |
+		sed 's/^;; ->>HEADER<<- opcode: QUERY, \(status: [A-Z]*\).*/\1/' | indent
+}
+# Does it over the system bus, and shows it; the reply stays in $answer.
+call() { # method, arguments
+	printf "%s    \$ ubus call vantrelle %s %s%s\n" "$dim" "$1" "${2:+"'$2'"}" "$plain"
+	answer=$(ubus -S call vantrelle "$@") || true
+	indent <<<"$answer"
 }
 expect_answer() { # text, what it shows
 	grep -qF -- "$1" <<<"$answer" || fail "$2"
 	good "$2"
+}
+expect_blocked() { # what it shows
+	grep -qF "status: NXDOMAIN" <<<"$answer" || fail "$1"
+	expect_answer 255.255.255.255 "$1"
 }
 
 start_upstream() { # address
@@ -68,12 +80,21 @@ start_upstream() { # address
 		--host-record=nas.home.example,192.168.8.61 \
 		--host-record=news.example,203.0.113.10 \
 		--host-record=ads.example,203.0.113.66 \
+		--host-record=www.games.example,203.0.113.67 \
 		--txt-record=served-by.example,"the server at $1" >/dev/null 2>&1 &
 	upstreams+=($!)
 	eventually dig "@$1" +tries=1 +time=1 news.example >/dev/null || fail "dnsmasq does not answer"
 }
 
+write_lists() {
+	mkdir -m 700 /etc/vantrelle
+	printf '%s\n' '# names that end with these' 'ads.example,1' 'tracker.example,1' \
+		>/etc/vantrelle/black.lst
+	printf '%s\n' '192.168.8.21,4' >/etc/vantrelle/blocked_device.lst
+}
+
 configure() {
+	printf '%s\n' 'config system' "    option log_remote '0'" >/etc/config/system
 	cat >/etc/config/vantrelle <<-END
 		config main
 		    option interface 'apcli0'
@@ -87,6 +108,27 @@ configure() {
 	END
 }
 
+start_daemon() {
+	vantrelled > >(indent) &
+	daemon=$!
+	expect_log "vantrelled[$daemon]: Startup Complete."
+	eventually ubus list vantrelle >/dev/null || fail "the daemon is not on the bus"
+	# The very first datagram after a start is taken without its sender and never answered.
+	dig "@$ROUTER" -b 192.168.8.29 +tries=1 +time=1 news.example >/dev/null || true
+}
+
+# Keeps the frames: the next start writes its own from the beginning of the file on.
+stop_daemon() {
+	kill "$daemon"
+	expect_log "vantrelled[$daemon]: Processing signal SIGTERM"
+	say "It stops with the next question that arrives:"
+	dig "@$ROUTER" -b "$CLIENT" +tries=1 +time=1 news.example >/dev/null || true
+	expect_log "vantrelled[$daemon]: Shutdown Complete"
+	wait "$daemon" || fail "the daemon ended with status $?"
+	cat /dev/ledchain0 >>"$FRAMES"
+	: >/dev/ledchain0
+}
+
 # The steps
 
 step_start() {
@@ -96,14 +138,13 @@ step_start() {
 	start_upstream 10.53.0.1
 	start_upstream 10.53.0.2
 	configure
-	vantrelled > >(indent) &
-	daemon=$!
+	write_lists
+	mkdir /var/run/ubus
+	ubusd &
 	say "" "The settings come from /etc/config/vantrelle; vantrelled starts:"
-	expect_log "Startup Complete."
+	start_daemon
 	grep -qx "nameserver 127.0.0.1" /etc/resolv.conf || fail "/etc/resolv.conf was not rewritten"
 	good "it listens on $ROUTER, and the router itself now asks it, too (/etc/resolv.conf)"
-	# The very first datagram after a start is taken without its sender and never answered.
-	dig "@$ROUTER" -b 192.168.8.29 +tries=1 +time=1 news.example >/dev/null || true
 }
 
 step_forward() {
@@ -113,6 +154,44 @@ step_forward() {
 	expect_answer 203.0.113.10 "the answer came through"
 	ask printer.home.example
 	expect_answer 192.168.8.60 "and so did this one"
+}
+
+step_block() {
+	title "A name on the black list, and a device that may not go out"
+	say "The list files in /etc/vantrelle name ads.example and the device 192.168.8.21:"
+	ask ads.example
+	expect_blocked "ads.example does not exist, says the router, and its address is nowhere"
+	ask www.tracker.example
+	expect_blocked "so it is with whatever lies below tracker.example"
+	ask news.example A 192.168.8.21
+	expect_blocked "the blocked device is told so about every name"
+}
+
+step_live_edit() {
+	title "Changing a list while it runs"
+	say "What a web front end does, on the command line:"
+	call add '{"list":"bl","pattern":"games.example","option":"1"}'
+	expect_answer "Successfully added" "added"
+	call list '{"list":"bl","start":"1","count":"10"}'
+	expect_answer "games.example" "the page of the local black list shows it"
+	ask www.games.example
+	expect_blocked "and it holds from the next question on"
+	call remove '{"list":"bl","pattern":"games.example"}'
+	ask www.games.example
+	expect_answer 203.0.113.67 "removed again, the name resolves"
+}
+
+step_statistics() {
+	title "What it remembers"
+	call stats
+	expect_answer '"blocked":4' "four answers were refused so far"
+	say "The database has each of them:"
+	local query="select l.frag, f.fqdn, s.ip from black_hit h
+		join black_fqdn f on f.id = h.fqdn_id join black_stats s on s.id = h.stats_id
+		join black l on l.id = s.frag_id"
+	answer=$(sqlite3 -header -column "file:/etc/vantrelle/vantrelle.db?mode=ro" "$query") || true
+	indent <<<"$answer"
+	expect_answer www.tracker.example "which pattern, which name, which device"
 }
 
 step_failover() {
@@ -130,11 +209,27 @@ step_failover() {
 	expect_log "Switching to Secondary Upstream DNS"
 }
 
+step_settings() {
+	title "Settings that stay"
+	say "The second server shall be the first from now on:"
+	call set_config '{"dns1":"10.53.0.2","dns2":"10.53.0.1","dns3":"10.53.0.3","dns4":"10.53.0.4"}'
+	expect_answer "Successfully updated" "taken, and written to /etc/config/vantrelle"
+	grep "upstream_dns " /etc/config/vantrelle | indent
+	say "After a restart it still is:"
+	stop_daemon
+	start_daemon
+	call get_config
+	expect_answer '"dns1":"10.53.0.2"' "the setting was kept"
+	ask served-by.example TXT
+	expect_answer "the server at 10.53.0.2" "and is in use"
+}
+
 step_stay() {
 	[[ -t 0 ]] || return 0
 	title "Your turn"
 	say "The router stays up until you press Ctrl-C. From a second terminal:" "" \
-		"    scripts/sandbox --join dig @$ROUTER news.example" \
+		"    scripts/sandbox --join dig @$ROUTER +noedns ads.example" \
+		"    scripts/sandbox --join ubus call vantrelle stats" \
 		"    scripts/sandbox --join tail -f $LOG" \
 		"    scripts/sandbox --join                 (a shell inside)"
 	trap 'echo' INT
@@ -144,16 +239,36 @@ step_stay() {
 
 step_stop() {
 	title "Stopping"
-	kill "$daemon"
-	expect_log "Processing signal SIGTERM"
-	say "It stops with the next question that arrives:"
-	dig "@$ROUTER" -b "$CLIENT" +tries=1 +time=1 news.example >/dev/null || true
-	expect_log "Shutdown Complete"
-	wait "$daemon" || fail "the daemon ended with status $?"
+	stop_daemon
 	good "stopped in order"
 }
 
-for step in start forward failover stay stop; do
+# The frames since the start, the colour of each as a block and repetitions as one.
+step_leds() {
+	title "What the board's LEDs showed"
+	od -An -v -tu1 -w12 "$FRAMES" | awk -v colours="${bold:+1}" '
+		BEGIN {
+			name["0 255 0"] = "green: starting"
+			name["255 240 0"] = "yellow: loading the lists"
+			name["255 0 0"] = "red: lists loaded, or a question refused"
+			name["0 0 255"] = "blue: ready, or a question passed on"
+			name["204 102 0"] = "orange: a DNS server did not answer"
+			name["0 0 0"] = "off"
+		}
+		function show() {
+			block = colours ? sprintf("\033[48;2;%d;%d;%dm    \033[0m ", r, g, b) : ""
+			if (times)
+				printf "    %s%s%s\n", block, name[last], (times > 1 ? " (" times " times)" : "")
+		}
+		{
+			if ($1 " " $2 " " $3 != last) { show(); times = 0 }
+			times++; r = $1; g = $2; b = $3; last = r " " g " " b
+		}
+		END { show(); exit !(last == "0 0 0") }' || fail "the LEDs are not off at the end"
+	good "off at the end"
+}
+
+for step in start forward block live_edit statistics failover settings stay stop leds; do
 	"step_$step"
 done
 title "That was the tour."

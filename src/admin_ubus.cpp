@@ -16,6 +16,7 @@
 #include <cstring>
 #include <ctime>
 #include <iterator>
+#include <span>
 #include <syslog.h>
 
 extern "C" {
@@ -222,68 +223,51 @@ struct Arguments {
 
 } // namespace
 
+// The answers to an edit by its ListResult. Each format takes pattern and list name, or only the
+// pattern, or nothing. The bold markers are for the front end.
+static constexpr const char *ADD_REPLIES[] = {
+    // For an unknown list code, too, although nothing was added; front ends know it so.
+    "Successfully added <B>%s</B> to <B>%s</B> list",
+    "Error: list is NULL",
+    "Error: <B>%s</B> already exists in <B>%s</B> list",
+    "Error: Cannot add empty or NULL item to list",
+    "Error: Failure inserting item in list. Contact developer",
+    "Error: General failure",
+    "Error: Failure writing list",
+};
+static constexpr const char *ADD_REPLY_OTHERWISE = "Successfully added <B>%s</B> to list";
+
+static constexpr const char *REMOVED = "Successfully removed <B>%s</B> from <B>%s</B> list";
+static constexpr const char *REMOVE_REPLIES[] = {
+    REMOVED,
+    "Error: list is NULL",
+    REMOVED,
+    "Error: Cannot remove empty or NULL item from list",
+    REMOVED,
+    "Error: General failure",
+    "Error: Failure writing list",
+    "Error: <B>%s</B> does not exist in <B>%s</B> list",
+};
+
+static void reply_to_edit(ListRequest *request, std::span<const char *const> replies,
+                          const char *otherwise) {
+    const auto status = static_cast<unsigned>(request->call.status);
+    send_message(&request->call, status < replies.size() ? replies[status] : otherwise,
+                 request->pattern, get_list_name(request->list_id));
+}
+
 static void vt_add_reply(struct uloop_timeout *timer) {
     syslog(LOG_DEBUG, "Inside vt_add_reply");
     const std::unique_ptr<ListRequest, FreeMemory> request(reinterpret_cast<ListRequest *>(timer));
-    DeferredCall *call = &request->call;
-    const char *pattern = request->pattern;
-    const char *name = get_list_name(request->list_id);
-    syslog(LOG_INFO, "Pattern: %s", pattern);
-    switch (call->status) {
-    case LIST_OK: // an unknown list code too, although nothing was added; front ends know it so
-        send_message(call, "Successfully added <B>%s</B> to <B>%s</B> list", pattern, name);
-        break;
-    case LIST_IS_NULL:
-        send_message(call, "Error: list is NULL");
-        break;
-    case LIST_EXISTS:
-        send_message(call, "Error: <B>%s</B> already exists in <B>%s</B> list", pattern, name);
-        break;
-    case LIST_EMPTY_ITEM:
-        send_message(call, "Error: Cannot add empty or NULL item to list");
-        break;
-    case LIST_INSERT_FAILED:
-        send_message(call, "Error: Failure inserting item in list. Contact developer");
-        break;
-    case LIST_GENERAL_FAILURE:
-        send_message(call, "Error: General failure");
-        break;
-    case LIST_WRITE_FAILED:
-        send_message(call, "Error: Failure writing list");
-        break;
-    default:
-        send_message(call, "Successfully added <B>%s</B> to list", pattern);
-        break;
-    }
+    syslog(LOG_INFO, "Pattern: %s", request->pattern);
+    reply_to_edit(request.get(), ADD_REPLIES, ADD_REPLY_OTHERWISE);
     syslog(LOG_DEBUG, "vt_add_reply done");
 }
 
 static void vt_remove_reply(struct uloop_timeout *timer) {
     syslog(LOG_DEBUG, "Inside vt_remove_reply");
     const std::unique_ptr<ListRequest, FreeMemory> request(reinterpret_cast<ListRequest *>(timer));
-    DeferredCall *call = &request->call;
-    const char *pattern = request->pattern;
-    const char *name = get_list_name(request->list_id);
-    switch (call->status) {
-    case LIST_IS_NULL:
-        send_message(call, "Error: list is NULL");
-        break;
-    case LIST_EMPTY_ITEM:
-        send_message(call, "Error: Cannot remove empty or NULL item from list");
-        break;
-    case LIST_GENERAL_FAILURE:
-        send_message(call, "Error: General failure");
-        break;
-    case LIST_WRITE_FAILED:
-        send_message(call, "Error: Failure writing list");
-        break;
-    case LIST_NOT_FOUND:
-        send_message(call, "Error: <B>%s</B> does not exist in <B>%s</B> list", pattern, name);
-        break;
-    default:
-        send_message(call, "Successfully removed <B>%s</B> from <B>%s</B> list", pattern, name);
-        break;
-    }
+    reply_to_edit(request.get(), REMOVE_REPLIES, REMOVED);
     syslog(LOG_DEBUG, "vt_remove_reply done");
 }
 

@@ -12,6 +12,7 @@ extern "C" {
 #include <cstring>
 #include <string>
 #include <string_view>
+#include <strings.h>
 #include <unordered_map>
 #include <vector>
 
@@ -102,8 +103,9 @@ bool read_unicode_escape(Position &at, std::string &out) {
         return false;
     auto code = static_cast<uint32_t>(unit);
     if (code >= 0xd800 && code < 0xe000) {
-        Position behind = at + 2;
-        const int low = code < 0xdc00 && std::strncmp(at, "\\u", 2) == 0 ? read_hex4(behind) : -1;
+        Position behind = at;
+        const bool pair = code < 0xdc00 && std::strncmp(at, "\\u", 2) == 0;
+        const int low = pair ? read_hex4(behind += 2) : -1;
         if (low >= 0xdc00 && low < 0xe000) {
             code = 0x10000 + ((code - 0xd800) << 10) + (static_cast<uint32_t>(low) - 0xdc00);
             at = behind;

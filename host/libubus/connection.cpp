@@ -255,7 +255,6 @@ int ubus_connect_ctx(ubus_context *ctx, const char *path) {
     memset(ctx, 0, sizeof(*ctx));
     INIT_LIST_HEAD(&ctx->requests);
     INIT_LIST_HEAD(&ctx->pending);
-    INIT_LIST_HEAD(&ctx->auto_subscribers);
     avl_init(&ctx->objects, compare_ids, false, nullptr);
     ctx->sock.fd = -1;
     ctx->sock.cb = handle_socket;
@@ -277,12 +276,13 @@ void ubus_shutdown(ubus_context *ctx) {
         return;
     close_connection(ctx);
     uloop_timeout_cancel(&ctx->pending_timer);
-    while (!list_empty(&ctx->pending)) {
-        PendingMessage *message = list_first_entry(&ctx->pending, PendingMessage, list);
-        list_del(&message->list);
+    PendingMessage *message;
+    PendingMessage *next;
+    list_for_each_entry_safe(message, next, &ctx->pending, list) {
         free(message->body);
         free(message);
     }
+    INIT_LIST_HEAD(&ctx->pending);
     blob_buf_free(&scratch);
 }
 

@@ -40,52 +40,6 @@ int call_event_object(ubus_context *ctx, const char *method, blob_buf &message) 
     return status;
 }
 
-void object_added(ubus_context *ctx, ubus_event_handler *, const char *, blob_attr *msg) {
-    static constexpr blobmsg_policy policy[] = {{"id", BLOBMSG_TYPE_INT32},
-                                                {"path", BLOBMSG_TYPE_STRING}};
-    blob_attr *found[ARRAY_SIZE(policy)];
-    blobmsg_parse(policy, ARRAY_SIZE(policy), found, blob_data(msg), (unsigned)blob_len(msg));
-    if (!found[0] || !found[1])
-        return;
-    ubus_subscriber *subscriber;
-    list_for_each_entry(subscriber, &ctx->auto_subscribers, list) {
-        if (subscriber->new_obj_cb(ctx, subscriber, blobmsg_get_string(found[1])))
-            ubus_subscribe(ctx, subscriber, blobmsg_get_u32(found[0]));
-    }
-}
-
-// The ids to subscribe to are collected first: no request may start inside a lookup's callback.
-struct Matches {
-    ubus_subscriber *subscriber;
-    uint32_t *ids;
-    size_t count;
-};
-
-void collect_match(ubus_context *ctx, ubus_object_data *object, void *priv) {
-    auto *matches = static_cast<Matches *>(priv);
-    if (!matches->subscriber->new_obj_cb(ctx, matches->subscriber, object->path))
-        return;
-    void *grown = realloc(matches->ids, (matches->count + 1) * sizeof(uint32_t));
-    if (!grown)
-        return;
-    matches->ids = static_cast<uint32_t *>(grown);
-    matches->ids[matches->count++] = object->id;
-}
-
-int subscribe_automatically(ubus_context *ctx, ubus_subscriber *subscriber) {
-    ubus_event_handler *added = &ctx->auto_subscribe_event_handler;
-    list_add_tail(&subscriber->list, &ctx->auto_subscribers);
-    added->cb = object_added;
-    int status = added->obj.id ? 0 : ubus_register_event_handler(ctx, added, "ubus.object.add");
-    Matches matches{subscriber, nullptr, 0};
-    if (status == UBUS_STATUS_OK)
-        status = ubus_lookup(ctx, nullptr, collect_match, &matches);
-    for (size_t i = 0; i < matches.count; i++)
-        ubus_subscribe(ctx, subscriber, matches.ids[i]);
-    free(matches.ids);
-    return status;
-}
-
 } // namespace
 
 void target_gone(ubus_context *ctx, ubus_object *obj, uint32_t target) {
@@ -101,9 +55,9 @@ void target_gone(ubus_context *ctx, ubus_object *obj, uint32_t target) {
 using namespace ubus_library;
 
 int ubus_register_subscriber(ubus_context *ctx, ubus_subscriber *subscriber) {
-    INIT_LIST_HEAD(&subscriber->list);
-    int status = add_internal_object(ctx, &subscriber->obj, &notification_method);
-    return status || !subscriber->new_obj_cb ? status : subscribe_automatically(ctx, subscriber);
+    if (subscriber->new_obj_cb)
+        return UBUS_STATUS_NOT_SUPPORTED;
+    return add_internal_object(ctx, &subscriber->obj, &notification_method);
 }
 
 int ubus_subscribe(ubus_context *ctx, ubus_subscriber *subscriber, uint32_t id) {

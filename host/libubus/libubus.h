@@ -51,6 +51,7 @@ typedef void (*ubus_complete_handler_t)(struct ubus_request *req, int ret);
 #define UBUS_TAG_ADMIN 2
 #define UBUS_TAG_PRIVATE 4
 
+// NOLINTBEGIN(bugprone-macro-parentheses): the arguments become initialisers.
 #define UBUS_OBJECT_TYPE(_name, _methods)                                                          \
     { .name = _name, .id = 0, .methods = _methods, .n_methods = ARRAY_SIZE(_methods) }
 
@@ -71,6 +72,7 @@ typedef void (*ubus_complete_handler_t)(struct ubus_request *req, int ret);
     __UBUS_METHOD(_name, _handler, _mask, _policy, 0)
 #define UBUS_METHOD_NOARG(_name, _handler) __UBUS_METHOD_NOARG(_name, _handler, 0, 0)
 #define UBUS_METHOD_TAG_NOARG(_name, _handler, _tags) __UBUS_METHOD_NOARG(_name, _handler, 0, _tags)
+// NOLINTEND(bugprone-macro-parentheses)
 
 struct ubus_method {
     const char *name; // null: any
@@ -136,9 +138,6 @@ struct ubus_context {
     } head;
     uint32_t received;
     struct blob_attr *body;
-
-    struct list_head auto_subscribers;
-    struct ubus_event_handler auto_subscribe_event_handler;
 };
 
 // One answer of a lookup; valid until the callback returns.
@@ -262,13 +261,11 @@ static inline void ubus_request_set_fd(struct ubus_context *ctx, struct ubus_req
     req->fd = fd;
 }
 
-// Registers an object for notifications, which reach `cb` as calls; synchronous. With `new_obj_cb`
-// set, subscribes to every present and future object whose path that accepts.
+// Registers an object for notifications, which reach `cb` as calls; synchronous. `new_obj_cb` must
+// be null (else UBUS_STATUS_NOT_SUPPORTED): nothing is subscribed to automatically.
 int ubus_register_subscriber(struct ubus_context *ctx, struct ubus_subscriber *obj);
 static inline int ubus_unregister_subscriber(struct ubus_context *ctx,
                                              struct ubus_subscriber *obj) {
-    if (obj->list.next && !list_empty(&obj->list))
-        list_del_init(&obj->list);
     return ubus_remove_object(ctx, &obj->obj);
 }
 int ubus_subscribe(struct ubus_context *ctx, struct ubus_subscriber *obj, uint32_t id);

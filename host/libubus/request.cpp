@@ -52,15 +52,14 @@ void deliver_data(ubus_request *req, blob_attr *body) {
         req->data_cb(req, UBUS_MSG_DATA, found[UBUS_ATTR_DATA]);
 }
 
-void drop_queued(ubus_request *req, bool deliver) {
-    while (!list_empty(&req->pending)) {
-        QueuedData *queued = list_first_entry(&req->pending, QueuedData, list);
-        list_del(&queued->list);
-        if (deliver && !req->cancelled)
-            deliver_data(req, queued->body);
+void drop_queued(ubus_request *req) {
+    QueuedData *queued;
+    QueuedData *next;
+    list_for_each_entry_safe(queued, next, &req->pending, list) {
         free(queued->body);
         free(queued);
     }
+    INIT_LIST_HEAD(&req->pending);
 }
 
 // A callback may itself wait for another request, and more data, or the status, of this one may
@@ -76,7 +75,13 @@ void handle_data(ubus_request *req, blob_attr *body) {
     }
     req->blocked = true;
     deliver_data(req, body);
-    drop_queued(req, true);
+    // Further data goes to the end of the list while this walks it.
+    QueuedData *queued;
+    list_for_each_entry(queued, &req->pending, list) {
+        if (!req->cancelled)
+            deliver_data(req, queued->body);
+    }
+    drop_queued(req);
     req->blocked = false;
     if (req->status_msg && !req->cancelled && req->complete_cb)
         req->complete_cb(req, req->status_code);
@@ -216,7 +221,7 @@ int ubus_complete_request(ubus_context *ctx, ubus_request *req, int timeout) {
     }
     // An outer request may have been answered in this one's round of reading.
     ctx->cancel_poll = --ctx->stack_depth > 0;
-    drop_queued(req, false);
+    drop_queued(req);
     if (complete)
         complete(req, req->status_code);
     if (!ctx->stack_depth && !ctx->sock.registered)
@@ -228,7 +233,7 @@ void ubus_abort_request(ubus_context *, ubus_request *req) {
     req->cancelled = true;
     list_del_init(&req->list);
     if (!req->blocked)
-        drop_queued(req, false);
+        drop_queued(req);
 }
 
 int ubus_lookup(ubus_context *ctx, const char *path, ubus_lookup_handler_t cb, void *priv) {

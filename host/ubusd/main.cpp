@@ -31,7 +31,7 @@ int listen_at(const char *path) {
         errno = ENAMETOOLONG;
         return -1;
     }
-    strcpy(address.sun_path, path);
+    memcpy(address.sun_path, path, strlen(path));
     unlink(path);
     umask(0111);
     int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);

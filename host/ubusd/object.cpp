@@ -31,7 +31,8 @@ std::shared_ptr<Type> make_type(const blob_attr *signature) {
         valid += blob_pad_len(method);
     }
     const char *fields = static_cast<const char *>(blob_data(signature));
-    auto type = std::make_shared<Type>(unused_id(bus.types), std::vector(fields, fields + valid));
+    auto type =
+        std::make_shared<Type>(Type{unused_id(bus.types), std::vector(fields, fields + valid)});
     bus.types[type->id] = type;
     return type;
 }

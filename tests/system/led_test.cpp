@@ -136,6 +136,7 @@ TEST_F(LedTest, TroubleAtStartIsLoggedAndCostsTheChainAtMost) {
         {"/dev/mem", "/dev/null", "x ''", 3, // opens, but cannot be mapped
          "Error Opening mmap. Check devmem is installed and enabled", "", all_ones},
     };
+    syslog(LOG_INFO, "the log's own descriptor");
     const int free_descriptor = dup(0);
     close(free_descriptor);
     for (const auto &[lost, in_its_place, option, priority, text, shown, pair] : cases) {

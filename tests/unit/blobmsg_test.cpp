@@ -1,6 +1,7 @@
 // Messages and their JSON form, checked against transcripts of the real library, and what must hold
 // for bytes that no library ever wrote.
 #include <algorithm>
+#include <bit>
 #include <cmath>
 #include <cstdlib>
 #include <fstream>
@@ -89,9 +90,9 @@ void add(blob_buf *to, const json &field) {
     case BLOBMSG_TYPE_INT8:
         blobmsg_add_u8(to, name, value.get<uint8_t>());
         break;
-    case BLOBMSG_TYPE_DOUBLE:
+    case BLOBMSG_TYPE_DOUBLE: // the bits of NaN are given, since MIPS has others for its own
         blobmsg_add_double(to, name,
-                           value == "nan"      ? std::nan("")
+                           value == "nan"      ? std::bit_cast<double>(uint64_t{0x7FF8} << 48)
                            : value.is_string() ? -HUGE_VAL
                                                : value.get<double>());
         break;
@@ -204,6 +205,9 @@ TEST(Blobmsg, KeepsTheMessageWhenAnAddDoesNotFit) {
     EXPECT_FALSE(blobmsg_add_json_from_string(
         &message, ("{\"b\":1,\"c\":{\"d\":\"" + part + part + "\"}}").c_str()));
     EXPECT_TRUE(message.bytes() == before);
+    Message largest;
+    EXPECT_EQ(blob_new(&largest, 0, 0xfffff8), nullptr); // its length would not fit in 24 bits
+    EXPECT_NE(blob_new(&largest, 0, 0xfffff4), nullptr);
 }
 
 TEST(Blob, ParsesPlainAttributes) {

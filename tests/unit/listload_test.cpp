@@ -9,6 +9,7 @@
 #include <arpa/inet.h>
 #include <atomic>
 #include <csignal>
+#include <fstream>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <syslog.h>
