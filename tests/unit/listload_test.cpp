@@ -36,7 +36,8 @@ class ListLoadTest : public DatabaseTest {
     void SetUp() override {
         DatabaseTest::SetUp();
         list_file = directory / "black.lst";
-        open_with_tables();
+        open();
+        ASSERT_TRUE(create_stats_summary_table() && create_list_stats_table("black"));
         oDNS.path = strdup(directory.c_str());
     }
     void TearDown() override {
