@@ -37,7 +37,7 @@ class ListLoadTest : public DatabaseTest {
         DatabaseTest::SetUp();
         list_file = directory / "black.lst";
         open();
-        ASSERT_TRUE(create_traffic_table() && create_list_stats_table("black"));
+        ASSERT_TRUE(create_stats_summary_table() && create_list_stats_table("black"));
         oDNS.path = strdup(directory.c_str());
     }
     void TearDown() override {
