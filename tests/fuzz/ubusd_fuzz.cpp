@@ -43,11 +43,6 @@ int answer_call(ubus_context *ctx, ubus_object *, ubus_request_data *req, const 
     return ubus_send_reply(ctx, req, msg);
 }
 
-int answer_call(ubus_context *ctx, ubus_object *, ubus_request_data *req, const char *,
-                blob_attr *msg) {
-    return ubus_send_reply(ctx, req, msg);
-}
-
 // The bus greets, sends the input and ends its side, while the client registers an object and looks
 // around.
 void feed_client(std::string_view input) {
