@@ -73,6 +73,7 @@ class Connection {
         EXPECT_EQ(ubus_lookup_id(context, "vantrelle", &object), 0);
     }
     ~Connection() {
+        blob_buf_free(&arguments);
         ubus_free(context);
         uloop_done();
     }
