@@ -174,6 +174,7 @@ TEST_F(DatabaseTest, HitsOfSeveralThreadsDoNotMix) {
     create_frag_key("ads", 2, "black");
     constexpr int THREADS = 3, HITS = 200;
     std::vector<std::thread> threads;
+    threads.reserve(THREADS);
     for (int i = 0; i < THREADS; i++)
         threads.emplace_back([ip = std::to_string(i)] {
             for (int n = 0; n < HITS; n++) {
