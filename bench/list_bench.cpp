@@ -6,6 +6,7 @@
 #include "listload.h"
 #include "statsdb.h"
 
+#include <algorithm>
 #include <benchmark/benchmark.h>
 #include <cstdint>
 #include <cstring>
@@ -48,34 +49,32 @@ struct Patterns {
     List *list = create_list();
     size_t text_bytes = 0;
     double bytes_over_text = 0;
-    std::vector<std::string> hits; // keys of 30 bytes that some pattern matches
+    std::vector<std::string> hits; // keys of 30 bytes, in random order, that some pattern matches
     std::vector<std::string> misses;
 
     Patterns(size_t count, Mixture mixture, Method method) {
         std::mt19937 random(1);
         const size_t before = allocated();
         size_t added = 0;
-        std::vector<std::string> samples;
-        samples.reserve(1000);
         while (added < count) {
             const std::string name = random_name(random);
-            const int8_t mode = mixture == ALL_CONTAIN ? MATCH_CONTAINS : MODES[random() % 4];
+            const int8_t mode = MODES[mixture == ALL_CONTAIN ? 0 : random() % 4];
             if (add_item_copy(name.c_str(), mode, list) != LIST_OK)
                 continue;
             added++;
             text_bytes += name.size() + 1;
-            if (mode == MATCH_ENDS_WITH || mode == MATCH_CONTAINS)
-                if (samples.size() < 1000 && random() % (count / 1000) == 0)
-                    samples.push_back(name);
         }
         bytes_over_text =
             static_cast<double>(allocated() - before - text_bytes) / static_cast<double>(count);
-        for (const std::string &name : samples) {
-            const size_t missing = KEY_LENGTH - name.size();
-            hits.push_back(random_label(random, missing, missing) + name);
+        for (const Node *node = list->head; node; node = node->next) {
+            const size_t missing = KEY_LENGTH - strlen(node->frag);
+            if (node->opt > MATCH_ENDS_WITH || random() % (count / 500) != 0)
+                continue;
+            hits.push_back(random_label(random, missing, missing) + node->frag);
             misses.push_back(random_label(random, 17, 17) + '.' + random_label(random, 8, 8) +
                              ".org");
         }
+        std::shuffle(hits.begin(), hits.end(), random);
         if (method == WALK) {
             free_index(list->index);
             list->index = nullptr;

@@ -14,6 +14,9 @@ static constexpr int BLACK_PATH_SIZE = 100;
 List *black_list;
 List *local_black_list;
 
+static const FilterList MAIN{black_list, _load_black_list};
+static const FilterList LOCAL{local_black_list, _load_local_black_list};
+
 int _load_black_list() {
     char path[BLACK_PATH_SIZE];
     snprintf(path, sizeof path, "%s/%s", oDNS.path, "black.lst");
@@ -30,36 +33,36 @@ int _load_local_black_list() {
 }
 
 void init_black_list() {
-    load_if_null(black_list, _load_black_list);
-    load_if_null(local_black_list, _load_local_black_list);
+    loaded(MAIN);
+    loaded(LOCAL);
 }
 
 void black_list_cleanup() {
-    free_list(black_list);
-    free_list(local_black_list);
+    unload(MAIN);
+    unload(LOCAL);
 }
 
 int is_blacklisted(const char *name, sockaddr_in client) {
     const Query query{name, socket2ip(client)};
     init_black_list();
-    return is_hit(local_black_list, query, Subject::NAME, "%s locally blacklisted (%s)") ||
-           is_hit(black_list, query, Subject::NAME, "%s blacklisted (%s)");
+    return is_hit(LOCAL, query, Subject::NAME, "%s locally blacklisted (%s)") ||
+           is_hit(MAIN, query, Subject::NAME, "%s blacklisted (%s)");
 }
 
 int add_local_black_list(const char *item, int opt) {
-    return add_to_filter_list(local_black_list, _load_local_black_list, item, opt, is_sql_debug());
+    return add_to(LOCAL, item, opt, is_sql_debug());
 }
 
 int del_local_black_list(const char *item) {
-    return remove_from_filter_list(local_black_list, _load_local_black_list, item);
+    return remove_from(LOCAL, item);
 }
 
 uint16_t get_black_list_size() {
-    return filter_list_size(black_list);
+    return loaded_size(MAIN);
 }
 
 uint16_t get_local_black_list_size() {
-    return filter_list_size(local_black_list);
+    return loaded_size(LOCAL);
 }
 
 ListHold get_local_black_list() {

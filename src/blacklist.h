@@ -25,7 +25,7 @@ void black_list_cleanup();
 // Whether `name` is black-listed: 1 or 0. A hit is logged and recorded for the client.
 int is_blacklisted(const char *name, sockaddr_in client);
 
-// Results are those of add_to_filter_list() and remove_from_filter_list().
+// Results are those of add_to() and remove_from().
 int add_local_black_list(const char *item, int opt);
 int del_local_black_list(const char *item);
 

@@ -9,6 +9,8 @@
 
 List *blocked_device_list;
 
+static const FilterList DEVICES{blocked_device_list, _load_blocked_device_list};
+
 int _load_blocked_device_list() {
     char path[PATH_MAX];
     snprintf(path, sizeof path, "%s/%s", oDNS.path, "blocked_device.lst");
@@ -16,29 +18,29 @@ int _load_blocked_device_list() {
 }
 
 void init_blocked_device_list() {
-    load_if_null(blocked_device_list, _load_blocked_device_list);
+    loaded(DEVICES);
 }
 
 void blocked_device_list_cleanup() {
-    free_list(blocked_device_list);
+    unload(DEVICES);
 }
 
 int is_blocked_device(const char *name, sockaddr_in client) {
     const Query query{name, socket2ip(client)};
     init_blocked_device_list();
-    return is_hit(blocked_device_list, query, Subject::CLIENT, "%s is blocked client, %s");
+    return is_hit(DEVICES, query, Subject::CLIENT, "%s is blocked client, %s");
 }
 
 int add_blocked_device_list(const char *item, int opt) {
-    return add_to_filter_list(blocked_device_list, _load_blocked_device_list, item, opt);
+    return add_to(DEVICES, item, opt);
 }
 
 int del_blocked_device_list(const char *item) {
-    return remove_from_filter_list(blocked_device_list, _load_blocked_device_list, item);
+    return remove_from(DEVICES, item);
 }
 
 uint16_t get_blocked_device_list_size() {
-    return filter_list_size(blocked_device_list);
+    return loaded_size(DEVICES);
 }
 
 ListHold get_blocked_device_list() {

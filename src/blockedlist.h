@@ -22,7 +22,7 @@ void blocked_device_list_cleanup();
 // it asked for.
 int is_blocked_device(const char *name, sockaddr_in client);
 
-// Results are those of add_to_filter_list() and remove_from_filter_list().
+// Results are those of add_to() and remove_from().
 int add_blocked_device_list(const char *item, int opt);
 int del_blocked_device_list(const char *item);
 

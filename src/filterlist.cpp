@@ -25,16 +25,23 @@ int load_filter_list(List *&variable, const char *path) {
     return result;
 }
 
-void load_if_null(List *const &variable, int (*load)()) {
-    if (ListHold(variable))
-        return;
+ListHold loaded(const FilterList &filter) {
+    if (ListHold list(filter.variable); list)
+        return list;
     const MutexGuard guard(list_loading);
-    if (!ListHold(variable))
-        load();
+    if (ListHold list(filter.variable); list)
+        return list;
+    filter.load();
+    return ListHold(filter.variable);
 }
 
-bool is_hit(List *const &variable, const Query &query, Subject subject, const char *message) {
-    const ListHold list(variable);
+void unload(const FilterList &filter) {
+    const MutexGuard guard(list_loading);
+    free_list(filter.variable);
+}
+
+bool is_hit(const FilterList &filter, const Query &query, Subject subject, const char *message) {
+    const ListHold list = loaded(filter);
     const char *key = query.client;
     const char *other = query.name;
     if (subject == Subject::NAME)
@@ -48,26 +55,23 @@ bool is_hit(List *const &variable, const Query &query, Subject subject, const ch
     return true;
 }
 
-int add_to_filter_list(List *const &variable, int (*load)(), const char *item, int opt,
-                       bool traced) {
+ListResult add_to(const FilterList &filter, const char *item, int opt, bool traced) {
     const MutexGuard guard(list_loading);
-    load_if_null(variable, load);
-    const ListHold list(variable);
+    const ListHold list = loaded(filter);
     const char *name = list ? list->name : nullptr;
     if (traced)
         syslog(LOG_DEBUG, "Adding item to %s", shown(name));
-    const ListResult result = add_item_copy(item, static_cast<int8_t>(opt), list.get());
-    // The table takes the number as the list has it. "~x" is a pattern like any other in memory,
-    // and disables x in the table.
+    const auto mode = static_cast<int8_t>(opt);
+    const ListResult result = add_item_copy(item, mode, list.get());
+    // "~x" is a pattern like any other in memory, and disables x in the table.
     if (result == LIST_OK)
-        create_frag_key(item, static_cast<int8_t>(opt), name);
+        create_frag_key(item, mode, name);
     return result;
 }
 
-int remove_from_filter_list(List *const &variable, int (*load)(), const char *item) {
+ListResult remove_from(const FilterList &filter, const char *item) {
     const MutexGuard guard(list_loading);
-    load_if_null(variable, load);
-    const ListHold list(variable);
+    const ListHold list = loaded(filter);
     syslog(LOG_DEBUG, "Removing item %s from %s", shown(item), list ? shown(list->name) : "(null)");
     // The empty item counts as digits, and so as row 0, which no table has.
     if (item && isOnlyDigits(item))
@@ -75,6 +79,6 @@ int remove_from_filter_list(List *const &variable, int (*load)(), const char *it
     return remove_item(item, list.get());
 }
 
-uint16_t filter_list_size(List *const &variable) {
-    return get_list_size(ListHold(variable).get());
+uint16_t loaded_size(const FilterList &filter) {
+    return get_list_size(ListHold(filter.variable).get());
 }

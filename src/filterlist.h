@@ -12,16 +12,26 @@
 
 struct RecursiveMutex;
 
-// Held while a list is loaded, by loaders that chain into each other too, and during an edit, which
-// must not go to a list that is about to be replaced. Lookups in loaded lists do not take it.
+// Held while a list is loaded, by loaders that chain into each other too, while one is unloaded and
+// during an edit, which must not go to a list that is about to be replaced. Lookups in loaded lists
+// do not take it.
 extern RecursiveMutex list_loading;
+
+// One of the six: the variable and what loads it. `load` returns as _load_list() does.
+struct FilterList {
+    List *&variable;
+    int (*load)();
+};
 
 // Puts a new list into `variable`, loaded from the file `path` and from its table. Result as of
 // _load_list().
 int load_filter_list(List *&variable, const char *path);
 
-// Calls `load` if `variable` is null.
-void load_if_null(List *const &variable, int (*load)());
+// The list, which is loaded first if it is not. Empty only without memory.
+ListHold loaded(const FilterList &filter);
+
+// Frees the list and sets the variable to null.
+void unload(const FilterList &filter);
 
 // One query as the filter lists see it.
 struct Query {
@@ -31,19 +41,18 @@ struct Query {
 
 enum class Subject { NAME, CLIENT };
 
-// Whether the list in `variable` matches the query's name or client. If it does, logs `message`,
-// which takes the matched text and then the other one, and records the hit.
-bool is_hit(List *const &variable, const Query &query, Subject subject, const char *message);
+// Whether the list matches the query's name or client. If it does, logs `message`, which takes the
+// matched text and then the other one, and records the hit.
+bool is_hit(const FilterList &filter, const Query &query, Subject subject, const char *message);
 
-// Adds an item to the list in `variable`, which `load` loads first if there is none, and to its
-// table. `traced`: whether the debug line is written. Returns LIST_OK, LIST_EXISTS, LIST_EMPTY_ITEM
-// or LIST_INSERT_FAILED; a failure of the database only shows in the log.
-int add_to_filter_list(List *const &variable, int (*load)(), const char *item, int opt,
-                       bool traced = true);
+// Adds an item to the list and to its table. `traced`: whether the debug line is written. Returns
+// LIST_OK, LIST_EXISTS, LIST_EMPTY_ITEM or LIST_INSERT_FAILED; a failure of the database only shows
+// in the log.
+ListResult add_to(const FilterList &filter, const char *item, int opt, bool traced = true);
 
 // Removes an item, or the one whose row in the table has the decimal number `item`. Returns
 // LIST_OK, LIST_IS_NULL or LIST_NOT_FOUND.
-int remove_from_filter_list(List *const &variable, int (*load)(), const char *item);
+ListResult remove_from(const FilterList &filter, const char *item);
 
-// The size of the list in `variable`, 0 when it is not loaded.
-uint16_t filter_list_size(List *const &variable);
+// The number of patterns modulo 65536; 0 when the list is not loaded.
+uint16_t loaded_size(const FilterList &filter);

@@ -28,10 +28,10 @@ struct Length {
 constexpr size_t LENGTHS = LONGEST_INDEXED + 1;
 constexpr uint32_t WORD_BITS = 32;
 
-// Slots are taken up to three quarters. With 16 bits a slot, one bit in 21 or fewer is then set.
+// Slots are taken up to three quarters. A word of the bitmap serves two slots, and each pattern
+// sets two of its bits: at most one miss in a hundred gets past it.
 constexpr uint32_t SMALLEST_CAPACITY = 128;
-constexpr uint32_t BITS_PER_SLOT = 16;
-constexpr uint32_t MOST_SLOTS = UINT32_MAX / BITS_PER_SLOT;
+constexpr uint32_t SLOTS_PER_WORD = 2;
 
 // Base of the polynomial: a multiplier modulo 2^32 with a good spectrum (Steele and Vigna, 2021).
 constexpr uint32_t BASE = 0x915f77f5;
@@ -50,19 +50,20 @@ uint32_t extend(uint32_t hash, char c) {
     return hash * BASE + static_cast<unsigned char>(c);
 }
 
-// The k low bits of the polynomial depend on the k low bits of the characters only; every bit of
-// the mixed value depends on all of it.
+// The k low bits of the polynomial depend on the k low bits of the characters only; the high bits
+// of the mixed value depend on all of it, and the low ones on two parts of it.
 uint32_t mix(uint32_t hash) {
-    hash ^= hash >> 15;
-    hash *= 0x2c1b3c6d;
-    hash ^= hash >> 12;
-    return hash * 0x9e3779b1;
+    return (hash ^ hash >> 15) * 0x9e3779b1;
 }
 
-// Maps a mixed hash evenly to 0..count-1. Applied to the number of slots and to a multiple of it,
-// the second result falls within the first one's share: a bit of the bitmap belongs to one slot.
+// Maps a mixed hash evenly to 0..count-1, by its high bits.
 uint32_t scale(uint32_t mixed, uint32_t count) {
     return static_cast<uint32_t>((uint64_t{mixed} * count) >> WORD_BITS);
+}
+
+// The two bits of its word that a mixed hash sets, by its low bits.
+uint32_t bits_of(uint32_t mixed) {
+    return uint32_t{1} << (mixed % WORD_BITS) | uint32_t{1} << (mixed / WORD_BITS % WORD_BITS);
 }
 
 Role role_of(int8_t opt) {
@@ -84,7 +85,7 @@ Role role_of(int8_t opt) {
 
 struct ListIndex {
     Slot *slots;      // one block with the bitmap behind them
-    uint32_t *bitmap; // by mixed hash: some slot holds a pattern with it
+    uint32_t *bitmap; // words with the bits of all patterns whose home is one of their slots
     uint32_t capacity;
     uint32_t used;
     uint32_t next_sequence;
@@ -93,38 +94,30 @@ struct ListIndex {
 
     uint32_t home(uint32_t mixed) const { return scale(mixed, capacity); }
     uint32_t after(uint32_t slot) const { return slot + 1 == capacity ? 0 : slot + 1; }
-    uint32_t bit(uint32_t mixed) const { return scale(mixed, capacity * BITS_PER_SLOT); }
-    bool is_marked(uint32_t mixed) const {
-        const uint32_t at = bit(mixed);
-        return bitmap[at / WORD_BITS] >> (at % WORD_BITS) & 1;
-    }
-    void mark(uint32_t mixed) {
-        const uint32_t at = bit(mixed);
-        bitmap[at / WORD_BITS] |= uint32_t{1} << (at % WORD_BITS);
-    }
-    void unmark(uint32_t mixed) {
-        const uint32_t at = bit(mixed);
-        bitmap[at / WORD_BITS] &= ~(uint32_t{1} << (at % WORD_BITS));
+    bool may_hold(uint32_t mixed) const {
+        const uint32_t bits = bits_of(mixed);
+        return (bitmap[home(mixed) / SLOTS_PER_WORD] & bits) == bits;
     }
     void place(const Slot &entry) {
         const uint32_t mixed = mix(entry.hash);
-        mark(mixed);
         uint32_t at = home(mixed);
+        bitmap[at / SLOTS_PER_WORD] |= bits_of(mixed);
         while (slots[at].node)
             at = after(at);
         slots[at] = entry;
     }
     bool resize(uint32_t wanted);
     void close_gap(uint32_t gap);
+    void renew_word(uint32_t word);
 };
 
-static_assert(LENGTHS % WORD_BITS == 0 && BITS_PER_SLOT * SMALLEST_CAPACITY % WORD_BITS == 0);
+static_assert(LENGTHS % WORD_BITS == 0 && SMALLEST_CAPACITY % SLOTS_PER_WORD == 0);
 
 static size_t table_bytes(uint32_t capacity) {
-    return capacity * (sizeof(Slot) + BITS_PER_SLOT / 8);
+    return capacity * sizeof(Slot) + capacity / SLOTS_PER_WORD * sizeof(uint32_t);
 }
 
-// Moves all entries to a table of `wanted` slots, an even number; false when there is no memory.
+// Moves all entries to a table of `wanted` slots, whole words; false when there is no memory.
 bool ListIndex::resize(uint32_t wanted) {
     void *block = calloc(1, table_bytes(wanted));
     if (!block)
@@ -155,6 +148,27 @@ void ListIndex::close_gap(uint32_t gap) {
     slots[gap].node = nullptr;
 }
 
+// Computes a word of the bitmap anew, after a deletion. All patterns that belong to it stand
+// between its first slot and the first free one from its last slot on.
+void ListIndex::renew_word(uint32_t word) {
+    const uint32_t first = word * SLOTS_PER_WORD;
+    const uint32_t last = first + SLOTS_PER_WORD - 1;
+    uint32_t bits = 0;
+    const auto add = [&](uint32_t at) {
+        if (!slots[at].node)
+            return false;
+        const uint32_t mixed = mix(slots[at].hash);
+        if (home(mixed) / SLOTS_PER_WORD == word)
+            bits |= bits_of(mixed);
+        return true;
+    };
+    for (uint32_t at = first; at < last; at++)
+        add(at);
+    for (uint32_t at = last; add(at); at = after(at))
+        ;
+    bitmap[word] = bits;
+}
+
 ListIndex *create_index(Node *head) {
     auto *index = static_cast<ListIndex *>(calloc(1, sizeof(ListIndex)));
     if (!index)
@@ -173,10 +187,6 @@ void free_index(ListIndex *index) {
         return;
     free(index->slots);
     free(index);
-}
-
-size_t index_memory(const ListIndex &index) {
-    return sizeof index + table_bytes(index.capacity);
 }
 
 // --- lookup --------------------------------------------------------------------------------------
@@ -206,7 +216,7 @@ class Search {
     void probe(size_t at, size_t length, Slot &oldest) const {
         const uint32_t hash = prefix_[at + length] - prefix_[at] * POWERS[length];
         const uint32_t mixed = mix(hash);
-        if (!index_.is_marked(mixed))
+        if (!index_.may_hold(mixed))
             return;
         for (uint32_t i = index_.home(mixed); index_.slots[i].node; i = index_.after(i)) {
             const Slot &slot = index_.slots[i];
@@ -292,9 +302,8 @@ bool index_insert(ListIndex &index, Node *node) {
     if (index.next_sequence == UINT32_MAX)
         return false;
     if (index.used >= index.capacity / 4 * 3) {
-        // Even, so that the bitmap is whole words.
-        const uint32_t wanted = (index.capacity + index.capacity / 2 + 1) & ~uint32_t{1};
-        if (wanted > MOST_SLOTS || !index.resize(wanted))
+        const uint32_t wanted = (index.capacity / 2 * 3 + 1) / SLOTS_PER_WORD * SLOTS_PER_WORD;
+        if (wanted < index.capacity || !index.resize(wanted))
             return false;
     }
     index.place({hash_of(node->frag), index.next_sequence++, node});
@@ -304,22 +313,14 @@ bool index_insert(ListIndex &index, Node *node) {
     return true;
 }
 
-// Takes a node out of the table, and its bit out of the bitmap unless another entry needs it.
 static void erase_slot(ListIndex &index, const Node *node) {
-    const uint32_t mixed = mix(hash_of(node->frag));
-    const uint32_t home = index.home(mixed);
+    const uint32_t home = index.home(mix(hash_of(node->frag)));
     uint32_t at = home;
     while (index.slots[at].node != node)
         at = index.after(at);
     index.close_gap(at);
     index.used--;
-    // Entries that share the bit share the home, and so are in the cluster that begins there.
-    index.unmark(mixed);
-    for (at = home; index.slots[at].node; at = index.after(at)) {
-        const uint32_t other = mix(index.slots[at].hash);
-        if (index.bit(other) == index.bit(mixed))
-            index.mark(other);
-    }
+    index.renew_word(home / SLOTS_PER_WORD);
 }
 
 void index_erase(ListIndex &index, const Node *node, Node *previous) {

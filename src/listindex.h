@@ -42,6 +42,3 @@ bool index_insert(ListIndex &index, Node *node);
 
 // Forgets a node; `previous` is its predecessor in the chain, null for the head.
 void index_erase(ListIndex &index, const Node *node, Node *previous);
-
-// Bytes that the index occupies.
-size_t index_memory(const ListIndex &index);

@@ -11,6 +11,10 @@ List *white_list;
 List *local_white_list;
 List *device_list;
 
+static const FilterList MAIN{white_list, _load_white_list};
+static const FilterList LOCAL{local_white_list, _load_local_white_list};
+static const FilterList DEVICES{device_list, _load_local_device_list};
+
 static int load(List *&variable, const char *format, const char *file) {
     char path[PATH_MAX];
     snprintf(path, sizeof path, format, oDNS.path, file);
@@ -33,54 +37,54 @@ int _load_local_white_list() {
 }
 
 void init_white_list() {
-    load_if_null(white_list, _load_white_list);
-    load_if_null(local_white_list, _load_local_white_list);
+    loaded(MAIN);
+    loaded(LOCAL);
 }
 
 void white_list_cleanup() {
-    free_list(white_list);
-    free_list(local_white_list);
-    free_list(device_list);
+    unload(MAIN);
+    unload(LOCAL);
+    unload(DEVICES);
 }
 
 int is_whitelisted(const char *name, sockaddr_in client) {
     init_white_list();
     const Query query{name, socket2ip(client)};
-    return is_hit(device_list, query, Subject::CLIENT, "%s is excluded device, forwarding %s") ||
-           is_hit(local_white_list, query, Subject::NAME, "%s locally whitelisted (%s)") ||
-           is_hit(white_list, query, Subject::NAME, "%s whitelisted (%s)");
+    return is_hit(DEVICES, query, Subject::CLIENT, "%s is excluded device, forwarding %s") ||
+           is_hit(LOCAL, query, Subject::NAME, "%s locally whitelisted (%s)") ||
+           is_hit(MAIN, query, Subject::NAME, "%s whitelisted (%s)");
 }
 
 int add_white_list(const char *item, int opt) {
-    return add_to_filter_list(white_list, _load_white_list, item, opt);
+    return add_to(MAIN, item, opt);
 }
 
 int add_local_white_list(const char *item, int opt) {
-    return add_to_filter_list(local_white_list, _load_local_white_list, item, opt);
+    return add_to(LOCAL, item, opt);
 }
 
 int add_local_device_list(const char *item, int opt) {
-    return add_to_filter_list(device_list, _load_local_device_list, item, opt);
+    return add_to(DEVICES, item, opt);
 }
 
 int del_local_white_list(const char *item) {
-    return remove_from_filter_list(local_white_list, _load_local_white_list, item);
+    return remove_from(LOCAL, item);
 }
 
 int del_local_device_list(const char *item) {
-    return remove_from_filter_list(device_list, _load_local_device_list, item);
+    return remove_from(DEVICES, item);
 }
 
 uint16_t get_white_list_size() {
-    return filter_list_size(white_list);
+    return loaded_size(MAIN);
 }
 
 uint16_t get_local_white_list_size() {
-    return filter_list_size(local_white_list);
+    return loaded_size(LOCAL);
 }
 
 uint16_t get_local_device_list_size() {
-    return filter_list_size(device_list);
+    return loaded_size(DEVICES);
 }
 
 ListHold get_local_white_list() {

@@ -291,13 +291,14 @@ void Upstream::serve() {
                                 reinterpret_cast<sockaddr *>(&from), &length);
         if (size < 0)
             continue;
-        Bytes message(buffer.data(), static_cast<size_t>(size));
+        const Bytes message(buffer.data(), static_cast<size_t>(size));
         {
             std::lock_guard guard(mutex);
             messages.push_back(message);
         }
-        if (auto bytes = answer(message))
-            sendto(fd, bytes->data(), bytes->size(), 0, reinterpret_cast<sockaddr *>(&from),
+        const std::optional<Bytes> reply = answer(message);
+        if (reply)
+            sendto(fd, reply->data(), reply->size(), 0, reinterpret_cast<sockaddr *>(&from),
                    length);
     }
 }
@@ -308,6 +309,7 @@ Process::Process(const std::string &program, std::vector<std::string> arguments)
     output_file = "/tmp/output." + std::to_string(++number);
     arguments.insert(arguments.begin(), program);
     std::vector<char *> argv;
+    argv.reserve(arguments.size() + 1);
     for (auto &argument : arguments)
         argv.push_back(argument.data());
     argv.push_back(nullptr);

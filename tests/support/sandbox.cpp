@@ -132,6 +132,7 @@ void make_etc() {
 void make_dev() {
     constexpr std::array nodes{"null", "zero", "full", "random", "urandom", "tty"};
     std::vector<std::pair<int, std::string>> originals;
+    originals.reserve(nodes.size());
     for (std::string name : nodes)
         originals.emplace_back(open_path("/dev/" + name), "/dev/" + name);
     cover("/dev");

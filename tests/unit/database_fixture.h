@@ -7,6 +7,7 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <gtest/gtest.h>
 
 class DatabaseTest : public testing::Test {
@@ -29,7 +30,7 @@ class DatabaseTest : public testing::Test {
     void open_with_tables() const {
         open();
         ASSERT_TRUE(create_stats_summary_table() && create_traffic_table() &&
-                    create_list_stats_table("black") && create_frag_key("ads", 2, "black"));
+                    create_list_stats_table("black"));
     }
     std::string read(const std::string &query) const { return read_rows(file, query); }
 };

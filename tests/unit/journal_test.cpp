@@ -1,7 +1,6 @@
 // Which journal the database uses, on file systems with and without shared writable mappings.
 #include "database_fixture.h"
 
-#include <fstream>
 #include <thread>
 
 namespace {

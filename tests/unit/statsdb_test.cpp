@@ -2,7 +2,6 @@
 #include "guards.h"
 
 #include <arpa/inet.h>
-#include <fstream>
 #include <thread>
 #include <vector>
 
@@ -34,6 +33,7 @@ CREATE TABLE black_hit (id integer not null primary key autoincrement, fqdn_id, 
 
 TEST_F(DatabaseTest, EntriesAreAddedDisabledAndEnabledAgain) {
     open_with_tables();
+    create_frag_key("ads", 2, "black");
     const struct {
         const char *key;
         int result;
@@ -60,6 +60,7 @@ TEST_F(DatabaseTest, EntriesAreAddedDisabledAndEnabledAgain) {
 
 TEST_F(DatabaseTest, HitsLinkEntryClientAndName) {
     open_with_tables();
+    create_frag_key("ads", 2, "black");
     const auto insert = [](const char *fqdn, const char *frag, const char *ip) {
         return insert_list_record(fqdn, "black", frag, ip);
     };
@@ -126,6 +127,7 @@ std::string results(const std::string &value, const char *table = "black") {
 
 TEST_F(DatabaseTest, RefusesWhatWouldLeaveItsQuotesOrItsBuffer) {
     open_with_tables();
+    create_frag_key("ads", 2, "black");
     const auto contents = [this] {
         return read("select * from black") + read("select * from black_fqdn") +
                read("select * from dns_traffic");
@@ -169,6 +171,7 @@ TEST_F(DatabaseTest, FailsWithoutADatabase) {
 // Each hit takes the ids of two rows just inserted; other threads insert meanwhile.
 TEST_F(DatabaseTest, HitsOfSeveralThreadsDoNotMix) {
     open_with_tables();
+    create_frag_key("ads", 2, "black");
     constexpr int THREADS = 3, HITS = 200;
     std::vector<std::thread> threads;
     for (int i = 0; i < THREADS; i++)
