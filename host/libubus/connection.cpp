@@ -294,6 +294,7 @@ void ubus_free(ubus_context *ctx) {
 int ubus_reconnect(ubus_context *ctx, const char *path) {
     bool registered = ctx->sock.registered;
     close_connection(ctx);
+    fail_requests(ctx);
     if (!open_connection(ctx, path))
         return UBUS_STATUS_CONNECTION_FAILED;
     if (registered)

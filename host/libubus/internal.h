@@ -20,6 +20,9 @@ void wait_for_data(ubus_context *ctx, int timeout);
 // Handles the calls that came in during a synchronous request.
 void handle_pending(uloop_timeout *timer);
 
+// Adds the contents of `msg` (null: none) to `scratch` as DATA; false when they are too long.
+bool put_data(const blob_attr *msg);
+
 // Sends a request made of `attributes`; false when it is too long or could not be written.
 bool start_request(ubus_context *ctx, ubus_request *req, int type, uint32_t peer,
                    blob_attr *attributes);

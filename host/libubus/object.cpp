@@ -159,8 +159,7 @@ int ubus_remove_object(ubus_context *ctx, ubus_object *obj) {
 int ubus_send_reply(ubus_context *ctx, ubus_request_data *req, blob_attr *msg) {
     blob_buf_init(&scratch, 0);
     blob_put_int32(&scratch, UBUS_ATTR_OBJID, req->object);
-    if (!blob_put(&scratch, UBUS_ATTR_DATA, msg ? blob_data(msg) : nullptr,
-                  msg ? (unsigned)blob_len(msg) : 0))
+    if (!put_data(msg))
         return UBUS_STATUS_NO_DATA;
     return send_message(ctx, UBUS_MSG_DATA, req->seq, req->peer, scratch.head)
                ? UBUS_STATUS_OK

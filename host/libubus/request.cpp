@@ -1,7 +1,6 @@
 // Requests of this client: numbering, matching of answers, time limits, lookups and calls.
 #include "internal.h"
 
-#include <climits>
 #include <time.h>
 
 namespace ubus_library {
@@ -140,6 +139,11 @@ void receive_lookup(ubus_request *req, int, blob_attr *body) {
 
 } // namespace
 
+bool put_data(const blob_attr *msg) {
+    return blob_put(&scratch, UBUS_ATTR_DATA, msg ? blob_data(msg) : nullptr,
+                    msg ? (unsigned)blob_len(msg) : 0);
+}
+
 bool start_request(ubus_context *ctx, ubus_request *req, int type, uint32_t peer,
                    blob_attr *attributes) {
     memset(req, 0, sizeof(*req));
@@ -260,8 +264,7 @@ int ubus_invoke_async_fd(ubus_context *ctx, uint32_t obj, const char *method, bl
     blob_buf_init(&scratch, 0);
     blob_put_int32(&scratch, UBUS_ATTR_OBJID, obj);
     blob_put_string(&scratch, UBUS_ATTR_METHOD, method);
-    if (!blob_put(&scratch, UBUS_ATTR_DATA, msg ? blob_data(msg) : nullptr,
-                  msg ? (unsigned)blob_len(msg) : 0))
+    if (!put_data(msg))
         return UBUS_STATUS_INVALID_ARGUMENT;
     return start_request(ctx, req, UBUS_MSG_INVOKE, obj, scratch.head)
                ? UBUS_STATUS_OK
@@ -284,8 +287,8 @@ int ubus_notify(ubus_context *ctx, ubus_object *obj, const char *type, blob_attr
     blob_buf_init(&scratch, 0);
     blob_put_int32(&scratch, UBUS_ATTR_OBJID, obj->id);
     blob_put_string(&scratch, UBUS_ATTR_METHOD, type);
-    blob_put(&scratch, UBUS_ATTR_DATA, msg ? blob_data(msg) : nullptr,
-             msg ? (unsigned)blob_len(msg) : 0);
+    if (!put_data(msg))
+        return UBUS_STATUS_INVALID_ARGUMENT;
     if (timeout < 0)
         blob_put_int8(&scratch, UBUS_ATTR_NO_REPLY, 1);
     NotifyRequest notify{};
