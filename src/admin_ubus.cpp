@@ -30,13 +30,17 @@ static struct blob_buf b; // every reply is built here: all handlers run on this
 static pthread_mutex_t gate = PTHREAD_MUTEX_INITIALIZER;
 
 static constexpr int DEFERRED_REPLY_MS = 1000;
+static constexpr time_t GATE_TIMEOUT = 3; // seconds
 
 // The bus closes the connection of an owner that sends more than 1 MiB, which would end the
 // administration for good. Replies stay well below.
 static constexpr size_t MAX_REPLY = 1000000;
 
-void close_admin_gate() {
-    pthread_mutex_lock(&gate);
+bool close_admin_gate() {
+    timespec until = {};
+    clock_gettime(CLOCK_REALTIME, &until); // the clock that the wait goes by
+    until.tv_sec += GATE_TIMEOUT;
+    return pthread_mutex_timedlock(&gate, &until) == 0;
 }
 
 void open_admin_gate() {
@@ -395,6 +399,7 @@ constexpr static struct blobmsg_policy stats_policy[] = {
 constexpr static auto &get_config_policy = stats_policy;
 constexpr static auto &get_arp_policy = stats_policy;
 constexpr static auto &ping_policy = stats_policy;
+[[maybe_unused]] constexpr static auto &restart_policy = stats_policy; // no method takes it
 
 static void add_time_of_day() {
     const time_t now = time(nullptr);
@@ -681,6 +686,7 @@ void *admin_ubus_main(void *) {
     ctx = ubus_connect(nullptr);
     if (!ctx) {
         syslog(LOG_ERR, "Failed to connect to UBUS socket. Admin is disabled");
+        uloop_done();
         return nullptr;
     }
     ubus_add_uloop(ctx);

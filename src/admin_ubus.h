@@ -11,9 +11,10 @@
 // lives. The argument is not used. Returns null when there is no bus or its loop ends.
 void *admin_ubus_main(void *);
 
-// Close and open the gate. While it is closed calls from the bus wait; closing waits for the call
-// that is being served. Main thread.
-void close_admin_gate();
+// Close and open the gate. While it is closed calls from the bus wait. Closing waits a few seconds
+// for the call that is being served, and returns false when that one does not end: the bus or the
+// configuration store may be stuck. Main thread.
+bool close_admin_gate();
 void open_admin_gate();
 
 // "Black", "White" and "Device" for the list ids 0, 1 and 2, "Unknown" for any other: the list of

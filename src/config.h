@@ -2,9 +2,10 @@
 //
 // There is exactly one record, oDNS. Command-line options write into it first (main.cpp), then
 // load_config() fills it from the configuration store, and from then on every part of the daemon
-// reads and writes the fields it needs directly. Fields that two threads touch while the daemon
-// serves are atomics; the upstream texts, which the bus thread replaces under a running worker,
-// are reached through upstream_address(), copy_upstream() and replace_upstreams() alone.
+// reads and writes the fields it needs directly. Fields that two threads touch and one changes
+// while the daemon serves are atomics, but for the counters (see read_counter()); the upstream
+// texts, which the bus thread replaces under a running worker, are reached through
+// upstream_address(), copy_upstream() and replace_upstreams() alone.
 #pragma once
 
 #include "guards.h"

@@ -170,10 +170,9 @@ static void log_expiry(const char *format, const Node *node) {
 // If the node under the cursor has expired, moves it to the chain `expired`, for removal once the
 // mutex is free; the cursor is the link to the node and so is at the next node then.
 static void is_expired_node(Node *&cursor, List *list, Node *&expired) {
-    const time_t now = time(nullptr);
     if (is_sql_debug())
         log_expiry("Checking Expiry for %s, Exp_time: %s (%ld)", cursor);
-    if (cursor->exp_time < 0 || now < cursor->exp_time)
+    if (cursor->exp_time < 0 || time(nullptr) < cursor->exp_time)
         return;
     log_expiry("Expiring node: %s, expiry is: %s (%ld)", cursor);
     Node *node = unlink_node(cursor, list);
@@ -232,11 +231,16 @@ static Node *walk(const char *key, size_t length, List *list, Node *&expired) {
     return nullptr;
 }
 
+// Whether traces of a lookup, which are those of a walk, would reach the log.
+static bool is_traced() {
+    const int mask = setlogmask(0); // changes nothing
+    return (is_debug() && mask & LOG_MASK(LOG_DEBUG)) ||
+           (is_sql_debug() && mask & LOG_MASK(LOG_INFO)); // that of the expiry
+}
+
 static Node *find_node(const char *key, List *list, Node *&expired) {
     const size_t length = strlen(key);
-    // The traces are those of a walk.
-    const bool traced = is_debug() || is_sql_debug();
-    const ListIndex *index = traced || length > LONGEST_INDEXED ? nullptr : index_of(list);
+    const ListIndex *index = is_traced() || length > LONGEST_INDEXED ? nullptr : index_of(list);
     Node *node = index ? index_find(*index, {key, length}) : walk(key, length, list, expired);
     if (node)
         trace_match(key, node);

@@ -51,7 +51,7 @@ uint32_t extend(uint32_t hash, char c) {
 }
 
 // The k low bits of the polynomial depend on the k low bits of the characters only; the high bits
-// of the mixed value depend on all of it, and the low ones on two parts of it.
+// of the mixed value, which choose slot and bit, depend on all of it.
 uint32_t mix(uint32_t hash) {
     return (hash ^ hash >> 15) * 0x9e3779b1;
 }

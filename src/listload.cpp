@@ -46,13 +46,13 @@ static OwnedFile open_list_file(const char *path, struct stat &status) {
     return file;
 }
 
-// Whether the text of a failed statement is to blame and not the database.
+// Whether a record is to blame for its failed statement and not the database. A statement that was
+// refused for its values has left no error code behind.
 static bool is_record_failure(int code) {
     switch (code & 0xff) {
     case SQLITE_OK:
     case SQLITE_ROW:
     case SQLITE_DONE:
-    case SQLITE_ERROR:
     case SQLITE_TOOBIG:
     case SQLITE_CONSTRAINT:
     case SQLITE_MISMATCH:

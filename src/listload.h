@@ -4,9 +4,9 @@
 // A file is imported in one transaction and deleted only when that transaction is in the database:
 // after a failure, or a kill at any moment, there is either the file or all of its rows.
 //
-// Lines of a list file are "PATTERN" or "PATTERN,MODE". '#' begins a comment and '~' disables the
-// pattern that follows it. A line is cut into records of 262 bytes; blanks and carriage returns
-// belong to the pattern.
+// Lines of a list file are "PATTERN" or "PATTERN,MODE"; a MODE that is no number is 0. A line that
+// begins with '#' is a comment, one that begins with '~' disables the pattern that follows. A line
+// is cut into records of 262 bytes; blanks and carriage returns belong to the pattern.
 //
 // The loaders of the filter lists call _load_list(); the other two are its steps. Any thread, with
 // a list that no other thread knows yet; the connection to the database is kept from other threads

@@ -47,6 +47,7 @@ static void restart() {
 // Runs only where sigmask.h lets it, but for SIGSEGV.
 static void sig_handler(int number) {
     const int saved = errno;
+    block_daemon_signals(); // one at a time: they share the logger and the database
     if (number == SIGSEGV) {
         // A fault inside the logger or the allocator must not hang the process here for ever.
         signal(SIGSEGV, SIG_DFL);

@@ -22,6 +22,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <fcntl.h>
 #include <initializer_list>
 #include <poll.h>
 #include <strings.h>
@@ -188,7 +189,7 @@ double get_block_rate() {
 }
 
 void reload_lists() {
-    // While `lock` is held no worker is in the middle of a lookup, wherever the pause catches it.
+    // While `lock` is held no worker is in the middle of a request.
     const MutexGuard guard(lock);
     thpool_pause(oDNS.pool);
     syslog(LOG_DEBUG, "Cleaning up list");
@@ -433,11 +434,10 @@ static void log_receive_error(int code) {
 }
 
 // Signals are handled here and do not end the wait: a stop shows after the next datagram only.
-static void wait_for_datagram() {
+static void wait_for_datagram(const sigset_t &mask) {
     // ppoll() leaves a signal pending when a datagram is there already, so that a steady stream of
     // queries would keep SIGTERM out for ever.
     admit_pending_signals(true);
-    const sigset_t mask = waiting_signal_mask();
     pollfd waiting = {.fd = oDNS.listenfd, .events = POLLIN, .revents = 0};
     while (ppoll(&waiting, 1, nullptr, &mask) < 0 && errno == EINTR)
         continue;
@@ -475,9 +475,10 @@ static void main_loop() {
     // 0 for the first receive only, which therefore takes no address: the client of the first
     // datagram is never answered. Kept; whoever starts the daemon sends one query to prime it.
     socklen_t address_length = 0;
+    const sigset_t mask = waiting_signal_mask();
     while (!shutting_down) {
         std::memset(received.message, 0, sizeof received.message);
-        wait_for_datagram();
+        wait_for_datagram(mask);
         received.length = static_cast<int32_t>(
             recvfrom(oDNS.listenfd, received.message, MAX_MESSAGE, 0,
                      reinterpret_cast<sockaddr *>(&received.client), &address_length));
@@ -611,10 +612,14 @@ static void open_sockets() {
 
 // Shutdown
 
-// From here on no answer goes out. The descriptor itself is the caller's to keep until the workers
-// are gone: one of them may be about to send on it, and its number must not become another file's.
+// Closes the socket. Its number leads nowhere from now on and is the caller's to keep until the
+// workers are gone: one of them may be about to send on it, which must not reach another file.
 static UniqueFd _close_dns_listener() {
-    return UniqueFd(oDNS.listenfd.exchange(-1));
+    UniqueFd number(oDNS.listenfd.exchange(-1));
+    const UniqueFd nowhere(open("/dev/null", O_WRONLY | O_CLOEXEC));
+    if (number && nowhere)
+        dup3(nowhere.get(), number.get(), O_CLOEXEC);
+    return number;
 }
 
 static void _stop_threadpool() {
@@ -637,8 +642,12 @@ static void _free_config() {
 
 static void server_shutdown() {
     shutting_down = 1;
+    // A worker that a stray pause signal holds may have any lock, the log's included.
+    thpool_resume(oDNS.pool);
     syslog(LOG_INFO, "Shutting down ...");
-    close_admin_gate(); // for good: what the bus thread reads is taken down now
+    // For good: what the bus thread reads is taken down now. If that thread is stuck in a call, the
+    // settings are left to the end of the process.
+    const bool bus_is_out = close_admin_gate();
     {
         const UniqueFd listener = _close_dns_listener();
         _stop_threadpool();
@@ -650,7 +659,8 @@ static void server_shutdown() {
     white_list_cleanup();
     blocked_device_list_cleanup();
     _close_database();
-    _free_config();
+    if (bus_is_out)
+        _free_config();
     shutdown_multi_led();
     syslog(LOG_INFO, "Shutdown Complete");
 }

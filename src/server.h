@@ -2,9 +2,10 @@
 // loop, the classification of each query, the upstream connection with its failover, and the four
 // counters with their reports.
 //
-// main() calls server_run(), the signal handlers call the reports, the bus thread reads counters
-// and calls nothing else here. A worker runs _process_request() for each datagram and holds `lock`
-// meanwhile, so everything that says "worker" below runs one request at a time.
+// main() calls server_run(), the signal handlers call the reports, the database calls
+// reload_stats() once, and the bus thread reads counters and calls get_block_rate(). A worker runs
+// _process_request() for each datagram and holds `lock` meanwhile, so everything that says "worker"
+// below runs one request at a time.
 #pragma once
 
 #include <atomic>
@@ -70,8 +71,9 @@ void log_config(int with_stats);
 // The same report to standard output, in one line. Without a caller in the daemon.
 void print_config(int with_stats);
 
-// Pauses the workers and empties the main and local black and white lists, which the next lookup
-// loads again. Without a caller in the daemon.
+// Pauses the workers and empties the main and local black and white lists and the list of excluded
+// devices, which the next lookup loads again; the list of blocked devices stays. Without a caller
+// in the daemon.
 void reload_lists();
 
 // The block rate that the bus reports: always 0.0, it is not computed.

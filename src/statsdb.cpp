@@ -358,9 +358,9 @@ int create_frag_key(const char *key, int opt, const char *table) {
         syslog(LOG_DEBUG, "Skip commented line: %s", key);
         return 0;
     }
-    const OwnedText owner(strndup(key, strcspn(key, "\n")));
-    const char *frag = owner.get();
-    if (!frag || !*frag)
+    char frag[STATEMENT_SIZE]; // what it cuts would not fit into the statement either
+    snprintf(frag, sizeof frag, "%.*s", static_cast<int>(strcspn(key, "\n")), key);
+    if (!*frag)
         return 0;
     const Statement sql =
         *frag == '~'

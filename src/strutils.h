@@ -2,7 +2,7 @@
 // debug traces, keep no state and may be called from any thread.
 #pragma once
 
-// Returns its argument untouched: it trims nothing, and nothing relies on it.
+// Returns its argument untouched: it trims nothing. Without a caller in the daemon.
 char *rtrim(char *text);
 
 // Cuts the last extension off a path text in place: "a.tar.gz" becomes "a.tar"; ".hidden",

@@ -1,8 +1,10 @@
 // A fixed-size pool of detached worker threads that run queued jobs in the order of their arrival.
 //
-// The server makes one pool at start and queues a job for every datagram. Workers can be paused and
-// resumed through SIGUSR1: a paused worker sleeps wherever the signal caught it, in the middle of a
-// job included. All messages go to standard error, not to the log.
+// The server makes one pool at start and queues a job for every datagram. SIGUSR1 pauses a worker:
+// it sleeps wherever the signal caught it, in the middle of a job included, until it sees a flag
+// cleared. A SIGUSR1 from outside thus holds one worker until the pool is destroyed, and with it
+// the whole service if that worker was in the middle of a request. All messages go to standard
+// error, not to the log.
 //
 // Ownership: the pool owns its threads, its queue and the job records. It never frees a job's
 // argument: the job function does, and the arguments of jobs that never ran are lost unless their

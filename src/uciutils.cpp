@@ -270,6 +270,6 @@ void set_stats_db_location(const char *directory) {
     // next start has no location either. Whoever wants a database configures its directory.
     if (!set_option(lookup, STATS_DB_PATH_KEY, directory))
         syslog(LOG_ERR, "failed to set new stats_db_location");
-    else if (!commit(lookup))
+    if (!commit(lookup))
         syslog(LOG_ERR, "failed to commit stats_db_location changes");
 }

@@ -17,10 +17,12 @@ int get_uci_int(const char *key);
 // fallback too.
 int get_uci_int_with_default(const char *key, int fallback);
 
-// A heap copy, never null, of the option or, when it is missing or empty, of `fallback`.
+// A heap copy of the option or, when it is missing or empty, of `fallback`; null only without
+// memory.
 char *get_uci_string_with_default(const char *key, const char *fallback);
 
-// A heap copy, never null, of upstream address n = 1..4, or of the built-in default address.
+// A heap copy of upstream address n = 1..4, or of the built-in default address; null only without
+// memory.
 char *get_upstream_dns(int n);
 
 // The directory of the statistics database as a heap copy, or null.
@@ -53,5 +55,6 @@ int set_remote_log(int flag); // in the system's own package
 // committing fails.
 int set_dns(int n, const char *address);
 
-// Meant to store the directory of the statistics database; see there for what becomes of it.
+// Meant to store the directory of the statistics database: the library reports success and stores
+// nothing.
 void set_stats_db_location(const char *directory);

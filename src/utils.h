@@ -11,7 +11,8 @@ inline constexpr size_t TIME_TEXT_SIZE = 64;
 // has TIME_TEXT_SIZE bytes. Returns the number of characters written. Any thread.
 int time2String(char *buffer, int64_t seconds);
 
-// time2String() of the wall clock: the seconds since the epoch written as a duration.
+// time2String() of the wall clock: the seconds since the epoch written as a duration. Without a
+// caller in the daemon.
 int getTimeAsString(char *buffer);
 
 // The decimal text of `number` with thousands separators of the locale, "," where it has none.

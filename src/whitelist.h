@@ -29,8 +29,7 @@ void white_list_cleanup();
 // recorded.
 int is_whitelisted(const char *name, sockaddr_in client);
 
-// Results are those of add_to() and remove_from(). add_white_list() has no
-// caller in the daemon.
+// Results are those of add_to() and remove_from(). add_white_list() has no caller in the daemon.
 int add_white_list(const char *item, int opt);
 int add_local_white_list(const char *item, int opt);
 int add_local_device_list(const char *item, int opt);
