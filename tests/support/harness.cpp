@@ -10,7 +10,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -22,6 +21,7 @@
 #include <unistd.h>
 
 namespace fs = std::filesystem;
+using namespace std::string_literals;
 
 namespace harness {
 namespace {
@@ -100,10 +100,7 @@ struct LogReader {
     }
 };
 
-LogReader &reader() {
-    static LogReader instance;
-    return instance;
-}
+LogReader reader;
 
 void put16(Bytes &message, unsigned value) {
     message += static_cast<char>(value >> 8);
@@ -119,27 +116,24 @@ void SystemTest::SetUp() {
     for (const char *path : {"/etc/config", "/etc/vantrelle", "/tmp/.uci"})
         fs::remove_all(path);
     fs::create_directory("/etc/config");
-    reader().catch_up();
-    reader().lines.clear();
+    reader.catch_up();
+    reader.lines.clear();
 }
 
 void configure(const Options &main, const Options &logging) {
-    auto with_default = [&main](const char *name, const std::string &value) {
-        bool given = std::any_of(main.begin(), main.end(),
-                                 [name](const auto &option) { return option.first == name; });
-        return given ? "" : "\toption " + std::string(name) + " '" + value + "'\n";
-    };
-    std::ostringstream file;
-    file << "config main\n" << with_default("log_level", "6");
-    int number = 0;
-    for (const char *name : {"upstream_dns", "upstream_dns2", "upstream_dns3", "upstream_dns4"})
-        file << with_default(name, sandbox::upstream_prefix + std::to_string(++number));
-    for (const auto &[name, value] : main)
-        file << "\toption " << name << " '" << value << "'\n";
-    file << "\nconfig logging\n";
-    for (const auto &[name, value] : logging)
-        file << "\toption " << name << " '" << value << "'\n";
-    write_file("/etc/config/vantrelle", file.str());
+    Options options{{"log_level", "6"},
+                    {"upstream_dns", "10.53.0.1"},
+                    {"upstream_dns2", "10.53.0.2"},
+                    {"upstream_dns3", "10.53.0.3"},
+                    {"upstream_dns4", "10.53.0.4"}};
+    options.insert(options.end(), main.begin(), main.end()); // the later one of a name holds
+    std::string file;
+    for (const auto &[section, content] : {std::pair("main", options), {"logging", logging}}) {
+        file += "config "s + section + '\n';
+        for (const auto &[name, value] : content)
+            file += "\toption " + name + " '" + value + "'\n";
+    }
+    write_file("/etc/config/vantrelle", file);
 }
 
 std::string read_file(const std::string &path) {
@@ -153,20 +147,20 @@ void write_file(const std::string &path, std::string_view text) {
 }
 
 std::vector<LogLine> log_lines() {
-    reader().catch_up();
-    return reader().lines;
+    reader.catch_up();
+    return reader.lines;
 }
 
 size_t log_count(std::string_view text) {
-    reader().catch_up();
-    return reader().count(text);
+    reader.catch_up();
+    return reader.count(text);
 }
 
 bool wait_for_log(std::string_view text, size_t times, int timeout) {
     return eventually(
         [&] {
-            reader().read();
-            return reader().count(text) >= times;
+            reader.read();
+            return reader.count(text) >= times;
         },
         timeout);
 }
@@ -362,8 +356,8 @@ size_t Process::descriptors() const {
 
 Daemon::Daemon(const std::vector<std::string> &arguments) : Process(DAEMON_PROGRAM, arguments) {
     auto up = [this] {
-        reader().read();
-        const auto &lines = reader().lines;
+        reader.read();
+        const auto &lines = reader.lines;
         return std::any_of(lines.begin(), lines.end(), [this](const auto &line) {
             return line.process == pid() && line.text == "Startup Complete.";
         });

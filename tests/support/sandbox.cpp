@@ -7,7 +7,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -85,6 +84,15 @@ void bind(int fd, const std::string &target) {
     must(move_mount(tree, "", AT_FDCWD, target.c_str(), MOVE_MOUNT_F_EMPTY_PATH) == 0,
          "mount on " + target);
     close(tree);
+    close(fd);
+}
+
+void bind_writable(int fd, const std::string &target) {
+    bind(fd, target);
+    mount_attr writable{};
+    writable.attr_clr = MOUNT_ATTR_RDONLY;
+    must(mount_setattr(AT_FDCWD, target.c_str(), 0, &writable, sizeof writable) == 0,
+         "make " + target + " writable");
 }
 
 // From here on everything is a read-only copy of what could be seen before, and no mount reaches
@@ -103,9 +111,8 @@ void enter_copy_of_root() {
     must(move_mount(tree, "", here, "", MOVE_MOUNT_F_EMPTY_PATH | MOVE_MOUNT_T_EMPTY_PATH) == 0,
          "mount the copied root");
     must(fchdir(tree) == 0 && chroot(".") == 0, "change to the copied root");
-    close(here);
-    close(own);
-    close(tree);
+    for (int fd : {here, own, tree})
+        close(fd);
 }
 
 void cover(const std::string &path, const char *mode = "mode=0755") {
@@ -116,7 +123,6 @@ void make_etc() {
     int original = open_path("/etc");
     must(mkdir("/run/sandbox", 0755) == 0 && mkdir(stash, 0755) == 0, "make " + std::string(stash));
     bind(original, stash);
-    close(original);
     cover("/etc");
     for (const auto &entry : fs::directory_iterator(stash)) {
         std::string name = entry.path().filename();
@@ -130,53 +136,25 @@ void make_etc() {
 }
 
 void make_dev() {
-    constexpr std::array nodes{"null", "zero", "full", "random", "urandom", "tty"};
-    std::vector<std::pair<int, std::string>> originals;
-    originals.reserve(nodes.size());
-    for (std::string name : nodes)
-        originals.emplace_back(open_path("/dev/" + name), "/dev/" + name);
+    std::vector<std::pair<int, std::string>> nodes;
+    for (std::string name : {"null", "zero", "full", "random", "urandom", "tty"})
+        nodes.emplace_back(open_path("/dev/" + name), "/dev/" + name);
     cover("/dev");
-    for (const auto &[fd, path] : originals) {
+    for (const auto &[fd, path] : nodes) {
         write_file(path, "");
-        bind(fd, path);
-        mount_attr writable{};
-        writable.attr_clr = MOUNT_ATTR_RDONLY;
-        must(mount_setattr(AT_FDCWD, path.c_str(), 0, &writable, sizeof writable) == 0,
-             "make " + path + " writable");
-        close(fd);
+        bind_writable(fd, path);
     }
-    must(mkdir("/dev/pts", 0755) == 0 && mkdir("/dev/shm", 0700) == 0, "make /dev/pts");
-    must(mount("sandbox", "/dev/pts", "devpts", 0, "newinstance,ptmxmode=0666") == 0,
-         "mount /dev/pts");
-    constexpr std::array<std::pair<const char *, const char *>, 5> links{
-        {{"pts/ptmx", "/dev/ptmx"},
-         {"/proc/self/fd", "/dev/fd"},
-         {"/proc/self/fd/0", "/dev/stdin"},
-         {"/proc/self/fd/1", "/dev/stdout"},
-         {"/proc/self/fd/2", "/dev/stderr"}}};
-    for (auto [target, link] : links)
-        must(symlink(target, link) == 0, link);
+    must(symlink("/proc/self/fd", "/dev/fd") == 0, "make /dev/fd");
     // The chip's registers start at 0x10000000; the daemon maps the first KiB of them.
     write_file("/dev/mem", "");
     must(truncate("/dev/mem", 0x10001000) == 0, "make /dev/mem");
     write_file("/dev/ledchain0", "");
 }
 
-// The tree with the sources and the one with the build stay what they are.
-void uncover(int tree, const std::string &path) {
-    std::error_code ignored; // a failure shows when binding
-    fs::create_directories(path, ignored);
-    bind(tree, path);
-    mount_attr writable{};
-    writable.attr_clr = MOUNT_ATTR_RDONLY;
-    must(mount_setattr(AT_FDCWD, path.c_str(), 0, &writable, sizeof writable) == 0,
-         "make " + path + " writable");
-    close(tree);
-}
-
 void make_files() {
-    int source = open_path(PROJECT_SOURCE_DIR);
-    int build = open_path(PROJECT_BINARY_DIR);
+    std::vector<std::pair<int, const char *>> trees;
+    for (const char *path : {PROJECT_SOURCE_DIR, PROJECT_BINARY_DIR})
+        trees.emplace_back(open_path(path), path);
     cover("/tmp", "mode=1777");
     cover("/run");
     if (fs::canonical("/var/run") != "/run")
@@ -189,8 +167,11 @@ void make_files() {
     write_file("/sys/class/gpio/unexport", "");
     must(mount("sandbox", "/proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr) == 0,
          "mount a /proc for the own processes");
-    uncover(source, PROJECT_SOURCE_DIR);
-    uncover(build, PROJECT_BINARY_DIR);
+    // The sources and the build stay what they are.
+    for (const auto &[fd, path] : trees) {
+        fs::create_directories(path); // where one of the private places covers it
+        bind_writable(fd, path);
+    }
 }
 
 void make_network() {
@@ -283,62 +264,6 @@ int exit_code(int status) {
     }
 }
 
-// Waits for a child; keys that interrupt are the child's business.
-int wait_for(pid_t child) {
-    signal(SIGINT, SIG_IGN);
-    signal(SIGQUIT, SIG_IGN);
-    int status;
-    while (waitpid(child, &status, 0) < 0) {
-        if (errno != EINTR)
-            return cannot_make;
-    }
-    return exit_code(status);
-}
-
-// The newest process that is the first one of a place made by this same program.
-pid_t find_place() {
-    pid_t found = -1;
-    unsigned long long newest = 0;
-    std::error_code ignored;
-    for (const auto &entry : fs::directory_iterator("/proc", ignored)) {
-        pid_t pid = atoi(entry.path().filename().c_str());
-        std::ifstream status(entry.path() / "status");
-        std::string line;
-        bool named = false;
-        bool first = false;
-        while (pid > 0 && std::getline(status, line)) {
-            named = named || line == "Name:\tsandbox";
-            first = first || (line.starts_with("NSpid:") && line.ends_with("\t1") &&
-                              line.find('\t') != line.rfind('\t'));
-        }
-        std::ifstream stat(entry.path() / "stat");
-        std::getline(stat, line);
-        unsigned long long started = 0;
-        if (!named || !first || line.rfind(')') == std::string::npos ||
-            sscanf(line.c_str() + line.rfind(')'),
-                   ") %*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %*u %*u %*d %*d %*d %*d %*d %*d "
-                   "%llu",
-                   &started) != 1)
-            continue;
-        if (started >= newest) {
-            newest = started;
-            found = pid;
-        }
-    }
-    return found;
-}
-
-void return_to(const std::string &directory) {
-    if (chdir(directory.c_str()) != 0)
-        must(chdir(PROJECT_SOURCE_DIR) == 0, "change to " PROJECT_SOURCE_DIR);
-}
-
-std::string current_directory() {
-    std::error_code error;
-    fs::path path = fs::current_path(error);
-    return error ? "/" : path.string();
-}
-
 } // namespace
 
 bool inside() {
@@ -349,7 +274,8 @@ int run(char *const *command) {
     constexpr unsigned long namespaces = CLONE_NEWNS | CLONE_NEWNET | CLONE_NEWPID;
     uid_t uid = geteuid();
     gid_t gid = getegid();
-    std::string directory = current_directory();
+    std::error_code error;
+    const fs::path directory = fs::current_path(error);
     fflush(nullptr);
     bool own_user = false;
     pid_t child = uid == 0 ? fork_into(namespaces) : -1;
@@ -364,8 +290,12 @@ int run(char *const *command) {
                 strerror(errno));
         return cannot_make;
     }
-    if (child > 0)
-        return wait_for(child);
+    if (child > 0) {
+        signal(SIGINT, SIG_IGN); // keys that interrupt are the command's business
+        signal(SIGQUIT, SIG_IGN);
+        int status;
+        return waitpid(child, &status, 0) == child ? exit_code(status) : cannot_make;
+    }
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     umask(022);
     if (own_user)
@@ -373,30 +303,8 @@ int run(char *const *command) {
     enter_copy_of_root();
     make_files();
     make_network();
-    return_to(directory);
+    must(chdir(directory.c_str()) == 0 || chdir(PROJECT_SOURCE_DIR) == 0, "change the directory");
     supervise(command);
-}
-
-int join(char *const *command) {
-    pid_t place = find_place();
-    if (place < 0) {
-        fprintf(stderr, "sandbox: none is running\n");
-        return cannot_make;
-    }
-    std::string directory = current_directory();
-    std::string proc = "/proc/" + std::to_string(place);
-    int root = open_path(proc + "/root");
-    int process = static_cast<int>(syscall(SYS_pidfd_open, place, 0));
-    must(process >= 0, "open process " + std::to_string(place));
-    int namespaces = CLONE_NEWNS | CLONE_NEWNET | CLONE_NEWPID;
-    if (fs::read_symlink("/proc/self/ns/user") != fs::read_symlink(proc + "/ns/user"))
-        namespaces |= CLONE_NEWUSER;
-    must(setns(process, namespaces) == 0, "join the sandbox");
-    must(fchdir(root) == 0 && chroot(".") == 0, "change to the sandbox's root");
-    return_to(directory);
-    sigset_t mask;
-    sigprocmask(SIG_SETMASK, nullptr, &mask);
-    return wait_for(spawn(command, mask));
 }
 
 } // namespace sandbox

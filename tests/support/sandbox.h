@@ -31,8 +31,4 @@ bool inside();
 // could not be made (said on standard error; the command was not run then).
 int run(char *const *command);
 
-// Runs the command in the newest place that the program "sandbox" made and that still exists.
-// Returns as run() does.
-int join(char *const *command);
-
 } // namespace sandbox

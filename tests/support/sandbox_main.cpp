@@ -1,16 +1,11 @@
-// sandbox [--join] COMMAND [ARGUMENT...]: runs a command in a new sandbox, or in the newest running
-// one. See sandbox.h.
+// sandbox COMMAND [ARGUMENT...]: runs a command in a new sandbox; see sandbox.h.
 #include "sandbox.h"
 
 #include <cstdio>
-#include <cstring>
 
 int main(int argc, char **argv) {
-    bool join = argc > 1 && strcmp(argv[1], "--join") == 0;
-    char **command = argv + (join ? 2 : 1);
-    if (!*command) {
-        fprintf(stderr, "usage: sandbox [--join] COMMAND [ARGUMENT...]\n");
-        return 2;
-    }
-    return join ? sandbox::join(command) : sandbox::run(command);
+    if (argc > 1)
+        return sandbox::run(argv + 1);
+    fprintf(stderr, "usage: sandbox COMMAND [ARGUMENT...]\n");
+    return 2;
 }
