@@ -35,29 +35,16 @@ std::string read(const fs::path &path) {
     return {std::istreambuf_iterator<char>(in), {}};
 }
 
+// Flips bits, and replaces pieces by pieces of other inputs; either piece may be empty.
 std::string mutated(const std::vector<std::string> &inputs) {
     std::string text = inputs[pick(inputs.size())];
     for (size_t steps = 1 + pick(6); steps > 0; --steps) {
-        const size_t at = pick(text.size() + 1), length = pick(16);
+        const size_t at = pick(text.size() + 1);
         const std::string &other = inputs[pick(inputs.size())];
-        const size_t from = pick(other.size() + 1);
-        switch (pick(5)) {
-        case 0:
-            text.erase(at, length);
-            break;
-        case 1:
-            text.insert(at, 1, static_cast<char>(rng()));
-            break;
-        case 2:
-            if (at < text.size())
-                text[at] = static_cast<char>(text[at] ^ (1 << pick(8)));
-            break;
-        case 3:
-            text.insert(at, other, from, length);
-            break;
-        default:
-            text.replace(at, std::string::npos, other, from);
-        }
+        if (at < text.size() && pick(2))
+            text[at] = static_cast<char>(text[at] ^ (1 << pick(8)));
+        else
+            text.replace(at, pick(16), other, pick(other.size() + 1), pick(16));
     }
     text.resize(std::min(text.size(), max_size));
     return text;
