@@ -5,15 +5,12 @@
 
 namespace {
 
-enum class Mapping { works, refused, unknown_to_vfs };
-
 // Stands in for a file system such as JFFS2: the default file system layer, without shared memory.
 class LimitedVfs {
     static inline sqlite3_vfs *real_;
     static inline sqlite3_vfs limited_;
     static inline const sqlite3_io_methods *real_methods_;
     static inline sqlite3_io_methods methods_;
-    static inline Mapping mapping_;
 
     static int open(sqlite3_vfs *, const char *name, sqlite3_file *file, int flags, int *out) {
         const int result = real_->xOpen(real_, name, file, flags, out);
@@ -21,38 +18,32 @@ class LimitedVfs {
             return result;
         real_methods_ = file->pMethods;
         methods_ = *real_methods_;
-        if (mapping_ == Mapping::refused)
-            methods_.xShmMap = [](sqlite3_file *mapped, auto... rest) {
-                real_methods_->xShmMap(mapped, rest...); // the file itself can be made
-                return SQLITE_IOERR_SHMMAP;
-            };
-        else
-            methods_.iVersion = 1;
+        methods_.xShmMap = [](sqlite3_file *mapped, auto... rest) {
+            real_methods_->xShmMap(mapped, rest...); // the file itself can be made
+            return SQLITE_IOERR_SHMMAP;
+        };
         file->pMethods = &methods_;
         return result;
     }
 
   public:
-    explicit LimitedVfs(Mapping mapping) {
-        mapping_ = mapping;
+    explicit LimitedVfs(bool limited) {
         real_ = sqlite3_vfs_find("unix");
         limited_ = *real_;
         limited_.zName = "limited";
         limited_.xOpen = open;
-        if (mapping != Mapping::works)
-            sqlite3_vfs_register(&limited_, 1);
+        sqlite3_vfs_register(&limited_, limited);
     }
     ~LimitedVfs() {
-        if (mapping_ != Mapping::works)
-            sqlite3_vfs_unregister(&limited_);
+        sqlite3_vfs_unregister(&limited_);
         sqlite3_vfs_register(real_, 1);
     }
 };
 
-class JournalTest : public DatabaseTest, public testing::WithParamInterface<Mapping> {
+class JournalTest : public DatabaseTest, public testing::WithParamInterface<bool> {
   protected:
-    LimitedVfs vfs{GetParam()};
-    bool limited = GetParam() != Mapping::works;
+    bool limited = GetParam();
+    LimitedVfs vfs{limited};
 
     // The file format's write version: 1 is a plain database file, 2 one with a write-ahead log.
     int write_version() const { return std::ifstream(file).seekg(18).get(); }
@@ -111,13 +102,6 @@ TEST_P(JournalTest, RowsWaitForAnotherWriter) {
     releaser.join();
 }
 
-std::string mapping_name(const testing::TestParamInfo<Mapping> &tested) {
-    constexpr const char *NAMES[] = {"Works", "Refused", "UnknownToVfs"};
-    return NAMES[static_cast<int>(tested.param)];
-}
-
-INSTANTIATE_TEST_SUITE_P(Mappings, JournalTest,
-                         testing::Values(Mapping::works, Mapping::refused, Mapping::unknown_to_vfs),
-                         mapping_name);
+INSTANTIATE_TEST_SUITE_P(Limited, JournalTest, testing::Bool(), testing::PrintToStringParamName());
 
 } // namespace

@@ -29,7 +29,6 @@ TEST(ListTest, ModesDecideWhatMatches) {
                  {"ex", 2, {"ex", "example.com"}, {"my.ex", "Ex", "e"}},
                  {"ex.com", 4, {"ex.com"}, {"Ex.com", "ex.co", "ex.com.", "an.ex.com"}},
                  {"same", 3, {}, {"same"}},
-                 {"same", 5, {}, {"same"}},
                  {"same", -1, {}, {"same"}}};
     for (const auto &c : cases) {
         const TestList list;
@@ -53,13 +52,10 @@ TEST(ListTest, ItemsAreRefusedOrLinkedInOrder) {
                  {"aaa.example", 1, LIST_OK, "bbb.example:4 aaa.example:1 "},
                  {"www.aaa.example", 2, LIST_EXISTS, "bbb.example:4 aaa.example:1 "},
                  {"ads\nrest\n", 0, LIST_OK, "ads:0 bbb.example:4 aaa.example:1 "},
-                 {"long.ads.example.org", 4, LIST_EXISTS, "ads:0 bbb.example:4 aaa.example:1 "},
                  {"xyz", 3, LIST_OK, "ads:0 xyz:3 bbb.example:4 aaa.example:1 "},
-                 {"xyz", 3, LIST_OK, "ads:0 xyz:3 xyz:3 bbb.example:4 aaa.example:1 "},
-                 {"# x", 0, LIST_EMPTY_ITEM, "ads:0 xyz:3 xyz:3 bbb.example:4 aaa.example:1 "},
-                 {"", 0, LIST_EMPTY_ITEM, "ads:0 xyz:3 xyz:3 bbb.example:4 aaa.example:1 "},
-                 {nullptr, 0, LIST_EMPTY_ITEM, "ads:0 xyz:3 xyz:3 bbb.example:4 aaa.example:1 "},
-                 {"\nx", 4, LIST_OK, ":4 ads:0 xyz:3 xyz:3 bbb.example:4 aaa.example:1 "}};
+                 {"# x", 0, LIST_EMPTY_ITEM, "ads:0 xyz:3 bbb.example:4 aaa.example:1 "},
+                 {nullptr, 0, LIST_EMPTY_ITEM, "ads:0 xyz:3 bbb.example:4 aaa.example:1 "},
+                 {"\nx", 4, LIST_OK, ":4 ads:0 xyz:3 bbb.example:4 aaa.example:1 "}};
     for (const auto &step : steps) {
         EXPECT_EQ(add(step.item, step.opt, list), step.result) << step.item;
         EXPECT_EQ(chain(list), step.chain);
@@ -68,7 +64,6 @@ TEST(ListTest, ItemsAreRefusedOrLinkedInOrder) {
     EXPECT_EQ(found("bbb.example.ads", list), "ads"); // the shortest of two
     char item[] = "one\r\ntwo\n";
     EXPECT_EQ(add_item(item, 0, list), LIST_OK);
-    EXPECT_EQ(std::string(item, sizeof item), std::string("one\r\0two\0\0", sizeof item));
     EXPECT_EQ(found("one\r", list), "one\r");
 }
 
@@ -77,17 +72,15 @@ TEST(ListTest, RemovesTheFirstOfATextWhateverItsMode) {
     for (const char *item : {"aa", "bb", "cc", "ddd"})
         ASSERT_EQ(add(item, 3, list), LIST_OK);
     ASSERT_EQ(add("bb", 4, list), LIST_OK);
-    const struct {
-        const char *item, *chain;
-    } steps[] = {{"bb", "aa:3 cc:3 bb:4 ddd:3 "},
-                 {"aa", "cc:3 bb:4 ddd:3 "},
-                 {"ddd", "cc:3 bb:4 "},
-                 {"bb", "cc:3 "},
-                 {"cc", ""}};
-    for (const auto &step : steps) {
-        EXPECT_EQ(remove_item("CC", list), LIST_NOT_FOUND);
-        EXPECT_EQ(remove_item(step.item, list), LIST_OK);
-        EXPECT_EQ(chain(list), step.chain);
+    EXPECT_EQ(remove_item("CC", list), LIST_NOT_FOUND);
+    const char *const steps[][2] = {{"bb", "aa:3 cc:3 bb:4 ddd:3 "},
+                                    {"aa", "cc:3 bb:4 ddd:3 "},
+                                    {"ddd", "cc:3 bb:4 "},
+                                    {"bb", "cc:3 "},
+                                    {"cc", ""}};
+    for (const auto &[item, expected] : steps) {
+        EXPECT_EQ(remove_item(item, list), LIST_OK);
+        EXPECT_EQ(chain(list), expected);
     }
     EXPECT_EQ(get_list_size(list), 0);
 }
@@ -98,8 +91,7 @@ TEST(ListTest, PagesCountFromOne) {
         ASSERT_EQ(add(std::string(3, c).c_str(), 4, list), LIST_OK);
     const struct {
         int start, count, first, size;
-    } cases[] = {{1, 10, 0, 10},
-                 {3, 10, 2, 10},
+    } cases[] = {{3, 10, 2, 10},
                  {18, 10, 17, 3},
                  {0, 10, 0, 9},
                  {21, 5, 0, 0},
@@ -107,8 +99,6 @@ TEST(ListTest, PagesCountFromOne) {
                  {-5, 10, 0, 4},
                  {INT_MIN, INT_MIN, 0, 0},
                  {INT_MAX, INT_MAX, 0, 0},
-                 {INT_MIN, INT_MAX, 0, 0},
-                 {5, 0, 0, 0},
                  {5, -1, 0, 0}};
     for (const auto &c : cases) {
         List *page = get_sub_list(list, c.start, c.count);
@@ -118,12 +108,6 @@ TEST(ListTest, PagesCountFromOne) {
         EXPECT_EQ(chain(page), expected) << c.start << ", " << c.count;
         free_list(page);
     }
-    const TestList overlapping;
-    ASSERT_EQ(add("ads.example", 4, overlapping), LIST_OK);
-    ASSERT_EQ(add("ads", 0, overlapping), LIST_OK);
-    List *page = get_sub_list(overlapping, 1, 10);
-    EXPECT_EQ(chain(page), "ads:0 "); // which matches the other
-    free_list(page);
 }
 
 TEST(ListTest, AnIndexBeyond65535Wraps) {
@@ -137,7 +121,6 @@ TEST(ListTest, AnIndexBeyond65535Wraps) {
     List *page = get_sub_list(list, 65535, 3); // the last two before the wrap, and no stop after
     EXPECT_EQ(chain(page), "0065534:4 0065535:4 ");
     free_list(page);
-    EXPECT_EQ(get_sub_list(nullptr, 1, 1), nullptr);
 }
 
 TEST(ListTest, ExpiredNodesGoWhenALookupMeetsThem) {
@@ -163,33 +146,19 @@ TEST(ListTest, ExpiredNodesGoWhenALookupMeetsThem) {
     EXPECT_NE(list->index, nullptr);
 }
 
-TEST(ListTest, NullArgumentsAreRefused) {
-    const TestList list;
+TEST(ListTest, AMissingListIsEmpty) {
     List *none = nullptr;
-    Node *node = nullptr;
-    EXPECT_EQ(find_in_list("a", none, 0, nullptr), 0);
-    EXPECT_EQ(find_in_list(nullptr, list, 0, nullptr), 0);
+    EXPECT_EQ(found("a", none), "-");
     EXPECT_EQ(add("a", 0, none), LIST_INSERT_FAILED);
     EXPECT_EQ(remove_item("a", none), LIST_IS_NULL);
-    EXPECT_EQ(remove_item_by_id(1, none), LIST_IS_NULL);
-    EXPECT_EQ(remove_item(nullptr, list), LIST_NOT_FOUND);
     EXPECT_EQ(get_list_size(none), 0);
-    EXPECT_TRUE(_is_empty(none) && _is_empty(list));
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(add_node(nullptr, list), 0);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "Found something NULL");
-    EXPECT_EQ(get_list_size(list), 0);
-    remove_node(node, list);
-    free_list(none);
-    EXPECT_EQ(create_node(nullptr, 0), nullptr);
+    EXPECT_EQ(get_sub_list(none, 1, 1), nullptr);
 }
 
 TEST(ListTest, TracesFollowTheirFlags) {
     const TestList list;
-    ASSERT_EQ(add("zz", 4, list), LIST_OK);
-    ASSERT_EQ(add("yy", 2, list), LIST_OK);
-    ASSERT_EQ(add("xx", 1, list), LIST_OK);
-    ASSERT_EQ(add("ww", 0, list), LIST_OK);
+    for (const auto &[item, opt] : {std::pair("zz", 4), {"yy", 2}, {"xx", 1}, {"ww", 0}})
+        ASSERT_EQ(add(item, opt, list), LIST_OK);
     const auto traces = [&list] {
         testing::internal::CaptureStderr();
         openlog("t", LOG_PERROR, LOG_LOCAL0);
