@@ -8,10 +8,13 @@
 
 #include <arpa/inet.h>
 #include <atomic>
+#include <csignal>
 #include <fstream>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <syslog.h>
 #include <thread>
+#include <vector>
 
 namespace {
 
@@ -174,6 +177,68 @@ TEST_F(ListLoadTest, EditsReachListAndTable) {
     black_list_cleanup();
     write(directory / "local_black.lst", "new.example\n");
     EXPECT_EQ(is_blacklisted("www.new.example", client("10.0.0.1")), 1);
+}
+
+TEST_F(ListLoadTest, AKillLeavesTheFileOrAllOfItsRows) {
+    constexpr int LINES = 4000;
+    const std::string all = std::to_string(LINES) + "\n";
+    close_database();
+    int kept = 0;
+    for (int round = 0; round < 12; round++) {
+        write_lines(LINES);
+        const pid_t child = fork();
+        if (child == 0) {
+            open_database(file.c_str(), &oDNS.db);
+            List *list = create_list();
+            _load_list(list, list_file.c_str());
+            _exit(0);
+        }
+        usleep(static_cast<useconds_t>(3000 * round));
+        kill(child, SIGKILL);
+        ASSERT_EQ(waitpid(child, nullptr, 0), child);
+        const std::string rows = read(COUNT);
+        EXPECT_TRUE(rows == all || (rows == "0\n" && fs::exists(list_file))) << rows;
+        kept += fs::exists(list_file);
+        read("delete from black");
+    }
+    EXPECT_GT(kept, 0); // some kills did come in the middle
+}
+
+// Lookups, edits and reloads at once: every lookup and every edit finds a whole list.
+TEST_F(ListLoadTest, ThreadsShareTheLists) {
+    oDNS.record_traffic = 0;
+    write_lines(200);
+    std::atomic<bool> stop = false;
+    std::atomic<int> wrong = 0;
+    std::vector<std::thread> threads;
+    threads.reserve(3);
+    for (int i = 0; i < 2; i++)
+        threads.emplace_back([&] {
+            while (!stop) {
+                wrong += is_blacklisted("host-199.example", client("10.0.0.1")) != 1;
+                is_blacklisted("edited-7.example", client("10.0.0.1"));
+                is_whitelisted("free.example", client("10.0.0.1"));
+            }
+        });
+    threads.emplace_back([&] {
+        while (!stop) {
+            black_list_cleanup();
+            _load_local_white_list();
+            usleep(2000);
+        }
+    });
+    for (int i = 0; i < 120; i++) {
+        const std::string item = "edited-" + std::to_string(i % 60) + ".example";
+        wrong += LIST_OK != (i < 60 ? add_local_black_list(item.c_str(), 4)
+                                    : del_local_black_list(item.c_str()));
+        const ListHold list = get_local_black_list();
+        List *page = get_sub_list(list.get(), 1, 10);
+        free_list(page);
+    }
+    stop = true;
+    for (std::thread &thread : threads)
+        thread.join();
+    EXPECT_EQ(wrong, 0);
 }
 
 } // namespace
