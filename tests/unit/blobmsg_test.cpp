@@ -13,6 +13,7 @@
 #include <vector>
 
 extern "C" { // last: their macro `fallthrough` breaks other headers
+#include <libubox/avl.h>
 #include <libubox/blobmsg_json.h>
 }
 
@@ -200,4 +201,23 @@ TEST(Blob, ParsesPlainAttributes) {
     EXPECT_EQ(blob_parse_untrusted(message.head, blob_raw_len(message.head) - 1, found, info, 6),
               0);
     EXPECT_EQ(found[1], nullptr);
+}
+
+TEST(Avl, KeepsOrderAndRefusesDuplicates) {
+    const auto compare = [](const void *k1, const void *k2, void *) {
+        return std::strcmp(static_cast<const char *>(k1), static_cast<const char *>(k2));
+    };
+    avl_tree tree;
+    avl_init(&tree, compare, false, nullptr);
+    const char *const keys[] = {"b", "c", "a", "b"};
+    avl_node nodes[4] = {};
+    for (int i = 0; i < 4; i++) {
+        nodes[i].key = keys[i];
+        EXPECT_EQ(avl_insert(&tree, &nodes[i]), i == 3 ? -1 : 0);
+    }
+    EXPECT_EQ(avl_find(&tree, "b"), &nodes[0]);
+    avl_delete(&tree, &nodes[0]);
+    EXPECT_EQ(avl_find(&tree, "b"), nullptr);
+    EXPECT_EQ(tree.list_head.next, &nodes[2].list);
+    EXPECT_EQ(tree.count, 2u);
 }

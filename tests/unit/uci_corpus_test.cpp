@@ -222,21 +222,17 @@ TEST(Uci, CommitReplacesTheTargetOfALinkAndKeepsItsMode) {
     EXPECT_EQ(fs::status(uci.conf / "target").permissions(), fs::perms(0640));
 }
 
-TEST(Uci, AChangeSurvivesAFileThatBreaksBeforeItsCommit) {
-    Library uci;
-    write(uci.conf / "p", "config m 'x'\n");
-    uci.change();
-    write(uci.conf / "p", "junk\n");
-    EXPECT_EQ(uci_commit(uci.ctx, &uci.ptr.p, false), UCI_ERR_PARSE);
-    EXPECT_EQ(read(uci.conf), (json{{"p", "junk\n"}}));
-    EXPECT_EQ(read(uci.save), (json{{"p", "p.x.a='b'\n"}}));
-}
-
-TEST(Uci, NothingChangesWithoutASaveDirectory) {
-    Library uci;
-    write(uci.conf / "p", "config m 'x'\n");
-    write(uci.save, "not a directory");
-    uci.change();
-    EXPECT_EQ(uci_commit(uci.ctx, &uci.ptr.p, false), UCI_ERR_IO);
-    EXPECT_EQ(read(uci.conf), (json{{"p", "config m 'x'\n"}}));
+TEST(Uci, AFailedCommitLosesNothing) {
+    Library broken, unsaved;
+    for (const Library *uci : {&broken, &unsaved})
+        write(uci->conf / "p", "config m 'x'\n");
+    broken.change();
+    write(broken.conf / "p", "junk\n");
+    EXPECT_EQ(uci_commit(broken.ctx, &broken.ptr.p, false), UCI_ERR_PARSE);
+    EXPECT_EQ(read(broken.conf), (json{{"p", "junk\n"}}));
+    EXPECT_EQ(read(broken.save), (json{{"p", "p.x.a='b'\n"}}));
+    write(unsaved.save, "not a directory");
+    unsaved.change();
+    EXPECT_EQ(uci_commit(unsaved.ctx, &unsaved.ptr.p, false), UCI_ERR_IO);
+    EXPECT_EQ(read(unsaved.conf), (json{{"p", "config m 'x'\n"}}));
 }
