@@ -6,7 +6,7 @@ set(CMAKE_SYSTEM_PROCESSOR mipsel)
 set(CMAKE_CXX_COMPILER mipsel-linux-gnu-g++)
 set(CMAKE_C_COMPILER mipsel-linux-gnu-gcc)
 
-set(TARGET_SYSROOT ${CMAKE_CURRENT_LIST_DIR}/../build/target/sysroot)
+cmake_path(SET TARGET_SYSROOT NORMALIZE "${CMAKE_CURRENT_LIST_DIR}/../build/target/sysroot")
 set(CMAKE_FIND_ROOT_PATH ${TARGET_SYSROOT} /usr/mipsel-linux-gnu)
 set(CMAKE_LIBRARY_ARCHITECTURE mipsel-linux-gnu)
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
