@@ -81,6 +81,7 @@ start_upstream() { # address
 		--host-record=news.example,203.0.113.10 \
 		--host-record=ads.example,203.0.113.66 \
 		--host-record=www.games.example,203.0.113.67 \
+		--host-record=shop.ads.example,203.0.113.68 \
 		--txt-record=served-by.example,"the server at $1" >/dev/null 2>&1 &
 	upstreams+=($!)
 	eventually dig "@$1" +tries=1 +time=1 news.example >/dev/null || fail "dnsmasq does not answer"
@@ -90,7 +91,9 @@ write_lists() {
 	mkdir -m 700 /etc/vantrelle
 	printf '%s\n' '# names that end with these' 'ads.example,1' 'tracker.example,1' \
 		>/etc/vantrelle/black.lst
+	printf '%s\n' 'shop.ads.example,4' >/etc/vantrelle/white.lst
 	printf '%s\n' '192.168.8.21,4' >/etc/vantrelle/blocked_device.lst
+	printf '%s\n' '192.168.8.22,4' >/etc/vantrelle/local_device.lst
 }
 
 configure() {
@@ -157,14 +160,19 @@ step_forward() {
 }
 
 step_block() {
-	title "A name on the black list, and a device that may not go out"
-	say "The list files in /etc/vantrelle name ads.example and the device 192.168.8.21:"
+	title "Names on the lists, and devices on the lists"
+	say "The list files in /etc/vantrelle name ads.example and all below it:"
 	ask ads.example
 	expect_blocked "ads.example does not exist, says the router, and its address is nowhere"
 	ask www.tracker.example
 	expect_blocked "so it is with whatever lies below tracker.example"
+	ask shop.ads.example
+	expect_answer 203.0.113.68 "but the white list lets this one through"
+	say "They block the device 192.168.8.21, and never filter 192.168.8.22:"
 	ask news.example A 192.168.8.21
 	expect_blocked "the blocked device is told so about every name"
+	ask ads.example A 192.168.8.22
+	expect_answer 203.0.113.66 "the excluded device gets every name"
 }
 
 step_live_edit() {
@@ -192,6 +200,12 @@ step_statistics() {
 	answer=$(sqlite3 -header -column "file:/etc/vantrelle/vantrelle.db?mode=ro" "$query") || true
 	indent <<<"$answer"
 	expect_answer www.tracker.example "which pattern, which name, which device"
+	query="select fqdn, ip from dns_traffic order by id"
+	answer=$(sqlite3 -header -column "file:/etc/vantrelle/vantrelle.db?mode=ro" "$query") || true
+	indent <<<"$answer"
+	expect_answer 192.168.8.22 "and what was passed on, to whom"
+	call clients
+	expect_answer '"clients"' "the neighbours that the router knows (here: none, all are one machine)"
 }
 
 step_failover() {
