@@ -372,25 +372,30 @@ void divert(const uint8_t *message, int32_t length, sockaddr_in client, int bloc
                static_cast<int>(sent));
 }
 
-static void forward_and_record(const DnsRequest &request, const char *name) {
-    forward_request(request.message, request.length, request.client);
-    if (oDNS.record_traffic == 1)
-        record_request(name, request.client);
-}
+namespace {
+enum class Decision { FORWARD, FORWARD_AND_RECORD, DIVERT };
+} // namespace
 
 // The first rule that matches decides. Blocked devices win over everything, white over black.
-static void classify(const DnsRequest &request, const char *name) {
-    const sockaddr_in client = request.client;
+static Decision decide(const char *name, sockaddr_in client) {
     if (oDNS.disabled == 1 || is_local(name, client) || is_reverse(name, client))
-        forward_request(request.message, request.length, client); // never recorded
-    else if (is_blocked_device(name, client))
-        divert(request.message, request.length, client, 1);
-    else if (is_whitelisted(name, client))
-        forward_and_record(request, name);
-    else if (is_blacklisted(name, client))
-        divert(request.message, request.length, client, 1);
-    else
-        forward_and_record(request, name);
+        return Decision::FORWARD;
+    if (is_blocked_device(name, client))
+        return Decision::DIVERT;
+    if (is_whitelisted(name, client))
+        return Decision::FORWARD_AND_RECORD;
+    return is_blacklisted(name, client) ? Decision::DIVERT : Decision::FORWARD_AND_RECORD;
+}
+
+static void answer(const DnsRequest &request, const char *name) {
+    const Decision decision = decide(name, request.client);
+    if (decision == Decision::DIVERT) {
+        divert(request.message, request.length, request.client, 1);
+        return;
+    }
+    forward_request(request.message, request.length, request.client);
+    if (decision == Decision::FORWARD_AND_RECORD && oDNS.record_traffic == 1)
+        record_request(name, request.client);
 }
 
 void *_process_request(void *job) {
@@ -401,7 +406,7 @@ void *_process_request(void *job) {
         const std::unique_ptr<DnsRequest, FreeMemory> request(static_cast<DnsRequest *>(job));
         char name[QUERY_NAME_SIZE] = "";
         extract_url(name, request->message, QUESTION_OFFSET, request->client);
-        classify(*request, name);
+        answer(*request, name);
     }
     syslog(LOG_DEBUG, "Request End: %lf", static_cast<double>(clock() - start) / CLOCKS_PER_SEC);
     syslog(LOG_DEBUG, "_____________________________________________________________");

@@ -131,7 +131,7 @@ void configure(const Options &main, const Options &logging) {
     for (const auto &[section, content] : {std::pair("main", options), {"logging", logging}}) {
         file += "config "s + section + '\n';
         for (const auto &[name, value] : content)
-            file += "\toption " + name + " '" + value + "'\n";
+            file.append("\toption ").append(name).append(" '").append(value).append("'\n");
     }
     write_file("/etc/config/vantrelle", file);
 }
