@@ -113,11 +113,12 @@ static void jobqueue_destroy(jobqueue *queue, void (*drop)(void *)) {
 
 // Workers
 
-// The pause signal's handler: the worker sleeps here, wherever it was.
+// The pause signal's handler: the worker sleeps here, wherever it was. The end of the pool ends the
+// hold, also one that begins late: waking the workers waits for those that are held in their wait.
 static void thread_hold(int) {
     const int saved = errno;
     threads_on_hold = 1;
-    while (threads_on_hold)
+    while (threads_on_hold && threads_keepalive)
         sleep(1);
     errno = saved;
 }
@@ -249,12 +250,6 @@ void thpool_resume(thpool *) {
     threads_on_hold = 0;
 }
 
-// Wakes the workers so that they see the stop, held ones included.
-static void wake_workers(thpool *pool) {
-    threads_on_hold = 0;
-    bsem_post_all(pool->jobqueue.jobs_available);
-}
-
 void thpool_destroy(thpool *pool, void (*drop)(void *)) {
     if (!pool)
         return;
@@ -262,9 +257,9 @@ void thpool_destroy(thpool *pool, void (*drop)(void *)) {
     threads_keepalive = 0;
     const time_t start = time(nullptr);
     while (difftime(time(nullptr), start) < 1.0 && pool->alive_count != 0)
-        wake_workers(pool);
+        bsem_post_all(pool->jobqueue.jobs_available);
     while (pool->alive_count != 0) {
-        wake_workers(pool);
+        bsem_post_all(pool->jobqueue.jobs_available);
         sleep(1);
     }
     // The last worker counts itself out before it lets go of the lock: wait for that.
