@@ -17,7 +17,10 @@ std::string trace; // what the callbacks of a test did
 
 class Uloop : public testing::Test {
   protected:
-    void SetUp() override {
+    void SetUp() override { // other tests of the same run may have blocked signals
+        sigset_t none;
+        sigemptyset(&none);
+        sigprocmask(SIG_SETMASK, &none, nullptr);
         for (const int number : {SIGINT, SIGTERM, SIGCHLD, SIGPIPE})
             signal(number, SIG_DFL);
         trace.clear();
