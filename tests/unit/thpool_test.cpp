@@ -47,6 +47,7 @@ TEST_F(Pool, OneWorkerRunsJobsInQueueOrder) {
     ran.clear();
     pool = thpool_init(1);
     for (long i = 0; i < 1000; i++)
+        // NOLINTNEXTLINE(performance-no-int-to-ptr): the job is its number
         ASSERT_EQ(thpool_add_work(pool, note, reinterpret_cast<void *>(i)), 0);
     thpool_wait(pool);
     ASSERT_EQ(ran.size(), 1000u);
