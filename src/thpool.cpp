@@ -27,33 +27,29 @@ static void bsem_init(bsem *s, int value) {
         std::fputs("bsem_init(): Binary semaphore can take only values 1 or 0", stderr);
         std::exit(EXIT_FAILURE);
     }
-    pthread_mutex_init(&s->mutex, nullptr);
-    pthread_cond_init(&s->cond, nullptr);
-    s->value = value;
+    sem_init(&s->semaphore, 0, static_cast<unsigned>(value));
 }
 
 static void bsem_destroy(bsem *s) {
-    pthread_cond_destroy(&s->cond);
-    pthread_mutex_destroy(&s->mutex);
+    sem_destroy(&s->semaphore);
 }
 
+// Two posts at once may both count. A worker that then finds no job waits again.
 static void bsem_post(bsem *s) {
-    const MutexGuard guard(s->mutex);
-    s->value = 1;
-    pthread_cond_signal(&s->cond);
+    int value = 0;
+    sem_getvalue(&s->semaphore, &value);
+    if (value < 1)
+        sem_post(&s->semaphore);
 }
 
-static void bsem_post_all(bsem *s) {
-    const MutexGuard guard(s->mutex);
-    s->value = 1;
-    pthread_cond_broadcast(&s->cond);
+static void bsem_post_all(bsem *s, int waiters) {
+    while (waiters-- > 0)
+        sem_post(&s->semaphore);
 }
 
 static void bsem_wait(bsem *s) {
-    const MutexGuard guard(s->mutex);
-    while (s->value != 1)
-        pthread_cond_wait(&s->cond, &s->mutex);
-    s->value = 0;
+    while (sem_wait(&s->semaphore) != 0) // a pause signal interrupts the wait
+        continue;
 }
 
 // Job queue
@@ -114,7 +110,7 @@ static void jobqueue_destroy(jobqueue *queue, void (*drop)(void *)) {
 // Workers
 
 // The pause signal's handler: the worker sleeps here, wherever it was. The end of the pool ends the
-// hold, also one that begins late: waking the workers waits for those that are held in their wait.
+// hold, also one that begins late.
 static void thread_hold(int) {
     const int saved = errno;
     threads_on_hold = 1;
@@ -257,9 +253,9 @@ void thpool_destroy(thpool *pool, void (*drop)(void *)) {
     threads_keepalive = 0;
     const time_t start = time(nullptr);
     while (difftime(time(nullptr), start) < 1.0 && pool->alive_count != 0)
-        bsem_post_all(pool->jobqueue.jobs_available);
+        bsem_post(pool->jobqueue.jobs_available);
     while (pool->alive_count != 0) {
-        bsem_post_all(pool->jobqueue.jobs_available);
+        bsem_post_all(pool->jobqueue.jobs_available, pool->alive_count);
         sleep(1);
     }
     // The last worker counts itself out before it lets go of the lock: wait for that.

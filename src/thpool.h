@@ -13,17 +13,17 @@
 
 #include <atomic>
 #include <pthread.h>
+#include <semaphore.h>
 
 // Process-wide, shared by all pools: 1 while workers must keep running, and 1 while paused workers
 // must sleep.
 extern std::atomic<int> threads_keepalive;
 extern std::atomic<int> threads_on_hold;
 
-// A semaphore whose value is 0 or 1: several posts collapse into one.
+// A semaphore whose value is 0 or 1: several posts collapse into one. Posting never waits for a
+// worker that a pause signal holds in its wait, as signalling a condition variable may.
 struct bsem {
-    pthread_mutex_t mutex;
-    pthread_cond_t cond;
-    int value;
+    sem_t semaphore;
 };
 
 struct job {

@@ -74,9 +74,10 @@ TEST_F(Pool, CountsBusyWorkersAndWaitingJobs) {
 TEST_F(Pool, PausedWorkersSleepUntilResumed) {
     count = 0;
     pool = thpool_init(3);
+    std::this_thread::sleep_for(200ms); // until all of them wait for a job
     thpool_pause(pool);
     ASSERT_TRUE(eventually([] { return threads_on_hold == 1; }));
-    std::this_thread::sleep_for(100ms);
+    std::this_thread::sleep_for(200ms); // until the signal has reached all of them
     for (int i = 0; i < 10; i++)
         thpool_add_work(pool, add_one, nullptr);
     std::this_thread::sleep_for(300ms);
