@@ -4,6 +4,7 @@
 #include "guards.h"
 
 #include <arpa/inet.h>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -45,6 +46,15 @@ const char *socket2ip(sockaddr_in address) {
     static thread_local char text[INET_ADDRSTRLEN];
     inet_ntop(AF_INET, &address.sin_addr, text, sizeof text);
     return text;
+}
+
+ssize_t send_datagram(int fd, const uint8_t *bytes, int32_t length, sockaddr_in to) {
+    if (length < 0) {
+        errno = EMSGSIZE;
+        return -1;
+    }
+    return sendto(fd, bytes, static_cast<size_t>(length), 0, reinterpret_cast<sockaddr *>(&to),
+                  sizeof to);
 }
 
 const char *ipv6socket2ip(in6_addr address, char *buffer) {

@@ -3,7 +3,9 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <netinet/in.h>
+#include <sys/types.h>
 
 struct InterfaceAddress {
     char ipv4[16];
@@ -12,6 +14,10 @@ struct InterfaceAddress {
 
 // The dotted text of a socket address, in a buffer that the same thread's next call overwrites.
 const char *socket2ip(sockaddr_in address);
+
+// Sends `length` bytes as one datagram. Returns their number, or -1 with errno; a negative length,
+// that of a failed receive which was queued, fails with EMSGSIZE.
+ssize_t send_datagram(int fd, const uint8_t *bytes, int32_t length, sockaddr_in to);
 
 // Writes the text of an IPv6 address into `buffer` of INET6_ADDRSTRLEN bytes; null on failure.
 const char *ipv6socket2ip(in6_addr address, char *buffer);

@@ -1,6 +1,6 @@
 // The DNS forwarder: start-up and shutdown in a fixed order, the listening socket and its receive
-// loop, the classification of each query, the upstream connection with its failover, and the four
-// counters with their reports.
+// loop, the classification of each query, and the four counters with their reports. What is passed
+// on goes through forward.h.
 //
 // main() calls server_run(), the signal handlers call the reports, the database calls
 // reload_stats() once, and the bus thread reads counters and calls get_block_rate(). A worker runs
@@ -38,16 +38,6 @@ void *_process_request(void *job);
 // record for 255.255.255.255 behind it. `blocked` is 1 when a list decided it, which counts.
 // `message` has `length` bytes. Worker.
 void divert(const uint8_t *message, int32_t length, sockaddr_in client, int blocked);
-
-// Passes a query to the current upstream resolver, waits dns_timeout milliseconds and relays the
-// answer unchanged. Worker.
-void forward_request(const uint8_t *message, int32_t length, sockaddr_in client);
-
-// Moves to the next upstream slot in the ring, whether it answers or not. Worker.
-void switch_dns();
-
-// Returns to the primary upstream. Without a caller in the daemon.
-void dns_config_changed();
 
 // Adds to the counters; writes and logs them whenever `requests` is a multiple of
 // log_stats_interval, also when it did not change. Worker.

@@ -77,7 +77,11 @@ TEST_F(DatabaseSystemTest, RestartContinuesTheCounters) {
     EXPECT_EQ(read_file(file)[18], 1); // a plain database file, without write-ahead log
     const int requests = number("select req from summary where id = 3");
     EXPECT_GE(requests, 5);
-    EXPECT_EQ(Daemon().stop(), 0);
+    {
+        Daemon daemon;
+        Daemon::prime(); // a datagram that is still queued when the daemon stops counts nothing
+        EXPECT_EQ(daemon.stop(), 0);
+    }
     EXPECT_GT(number("select req from summary where id = 4"), requests);
     read("insert into summary (req, blocked, reset, error) values (3000000000, 1, 2, 3)");
     EXPECT_EQ(Daemon().stop(), 0);

@@ -1,0 +1,25 @@
+// The upstream connection: one UDP socket to one of four resolvers at a time, with failover.
+//
+// server.cpp opens and closes the socket and passes queries on. A worker calls everything else and
+// holds `lock`, so that one request at a time uses the socket.
+#pragma once
+
+#include <cstdint>
+#include <netinet/in.h>
+
+// Opens the upstream socket; ends the process with status 1 when none is to be had. Main thread at
+// start, worker.
+void _open_upstream_dns_connection();
+
+// Closes the upstream socket. Main thread when the workers are gone, worker.
+void _close_upstream_dns_connection();
+
+// Passes a query to the current upstream resolver, waits dns_timeout milliseconds and relays the
+// answer unchanged. Worker.
+void forward_request(const uint8_t *message, int32_t length, sockaddr_in client);
+
+// Moves to the next upstream slot in the ring, whether it answers or not. Worker.
+void switch_dns();
+
+// Returns to the primary upstream. Without a caller in the daemon.
+void dns_config_changed();
