@@ -4,6 +4,7 @@
 #include "list.h"
 #include "listindex.h"
 #include "listload.h"
+#include "names.h"
 #include "statsdb.h"
 
 #include <algorithm>
@@ -29,21 +30,6 @@ constexpr int8_t MODES[] = {MATCH_CONTAINS, MATCH_ENDS_WITH, MATCH_BEGINS_WITH, 
 enum Mixture { ALL_MODES, ALL_CONTAIN };
 enum Method { WALK, INDEX };
 enum Answer { MISS, HIT };
-
-std::string random_label(std::mt19937 &random, size_t shortest, size_t longest) {
-    std::string label(shortest + random() % (longest - shortest + 1), 'a');
-    for (char &c : label)
-        c = static_cast<char>('a' + random() % 26);
-    return label;
-}
-
-// Like the entries of real lists: 10 to 28 bytes, two or three labels.
-std::string random_name(std::mt19937 &random) {
-    std::string name = random_label(random, 6, 15) + '.' + random_label(random, 3, 3);
-    if (random() % 3 == 0)
-        name = random_label(random, 2, 8) + '.' + name;
-    return name;
-}
 
 struct Patterns {
     List *list = create_list();

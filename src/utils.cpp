@@ -40,6 +40,10 @@ char *commaprint(uint64_t number) {
     return p;
 }
 
+bool is_logged(int priority) {
+    return setlogmask(0) & LOG_MASK(priority); // 0 changes nothing
+}
+
 void debugLog(const char *label, int64_t value) {
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat"
