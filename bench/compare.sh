@@ -196,3 +196,7 @@ for ((n = 1; n <= ROUNDS; n++)); do
 	round
 done
 table | tee "$WORK/table.md"
+# For the plot: what, ours, theirs.
+for what in blocked forwarded; do
+	awk -F' *[|] *' -v what="$what" '$2 == what " queries a second" { print what, $3, $4 }' "$WORK/table.md"
+done >"$WORK/rates"

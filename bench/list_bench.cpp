@@ -54,7 +54,7 @@ struct Patterns {
             static_cast<double>(allocated() - before - text_bytes) / static_cast<double>(count);
         for (const Node *node = list->head; node; node = node->next) {
             const size_t missing = KEY_LENGTH - strlen(node->frag);
-            if (node->opt > MATCH_ENDS_WITH || random() % (count / 500) != 0)
+            if (node->opt > MATCH_ENDS_WITH || random() % std::max<size_t>(count / 500, 1) != 0)
                 continue;
             hits.push_back(random_label(random, missing, missing) + node->frag);
             misses.push_back(random_label(random, 17, 17) + '.' + random_label(random, 8, 8) +
@@ -98,6 +98,12 @@ BENCHMARK(BM_Lookup)
     ->ArgNames({"patterns", "contain", "index", "hit"})
     ->ArgsProduct({{100000}, {ALL_MODES, ALL_CONTAIN}, {WALK, INDEX}, {MISS, HIT}})
     ->ArgsProduct({{1000, 1000000}, {ALL_MODES, ALL_CONTAIN}, {INDEX}, {MISS, HIT}});
+
+// For the plot: misses, which walk the whole list.
+BENCHMARK(BM_Lookup)
+    ->Name("Growth")
+    ->ArgNames({"patterns", "contain", "index", "hit"})
+    ->ArgsProduct({{100, 1000, 10000, 100000, 1000000}, {ALL_CONTAIN}, {WALK, INDEX}, {MISS}});
 
 // One pattern comes and goes in a list of the given size.
 void BM_Edit(benchmark::State &state) {

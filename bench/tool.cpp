@@ -99,13 +99,14 @@ std::string answer_to(std::string_view query) {
         const ssize_t size = recvfrom(fd, message, sizeof message, 0,
                                       reinterpret_cast<sockaddr *>(&client), &length);
         if (size >= 12)
-            queue.push_back({Clock::now() + delay, client,
-                             answer_to({message, static_cast<size_t>(size)})});
+            queue.push_back(
+                {Clock::now() + delay, client, answer_to({message, static_cast<size_t>(size)})});
     }
 }
 
 void wait_for_answer(const char *address) {
-    static constexpr std::string_view QUERY("\0\1\1\0\0\1\0\0\0\0\0\0\4wait\7example\0\0\1\0\1", 30);
+    static constexpr std::string_view QUERY("\0\1\1\0\0\1\0\0\0\0\0\0\4wait\7example\0\0\1\0\1",
+                                            30);
     constexpr int ATTEMPTS = 60000; // a millisecond each
     const int fd = socket(AF_INET, SOCK_DGRAM, 0);
     const sockaddr_in there = dns_at(address);
