@@ -1,15 +1,9 @@
 #include "database_fixture.h"
 #include "guards.h"
 
-#include <arpa/inet.h>
-#include <thread>
 #include <vector>
 
 namespace {
-
-sockaddr_in client(const char *address) {
-    return {.sin_family = AF_INET, .sin_port = 0, .sin_addr = {inet_addr(address)}, .sin_zero = {}};
-}
 
 std::string frag_by_id(long id, const char *table = "black") {
     const OwnedText text(get_frag_by_id(id, table));
