@@ -5,32 +5,31 @@
 #include "database.h"
 #include "statsdb.h"
 
+#include <arpa/inet.h>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <thread>
 
-class DatabaseTest : public testing::Test {
-  protected:
-    std::filesystem::path directory = std::filesystem::temp_directory_path() / "statsdb-XXXXXX";
-    std::string file;
+struct DatabaseTest : testing::Test {
+    std::string made = std::filesystem::temp_directory_path() / "statsdb-XXXXXX";
+    const std::filesystem::path directory = mkdtemp(made.data());
+    const std::string file = directory / "vantrelle.db";
 
-    void SetUp() override {
-        std::string name = directory;
-        ASSERT_NE(mkdtemp(name.data()), nullptr);
-        directory = name;
-        file = directory / "vantrelle.db";
-        oDNS.record_traffic = 1;
-    }
+    void SetUp() override { oDNS.record_traffic = 1; }
     void TearDown() override {
         close_database();
         std::filesystem::remove_all(directory);
     }
-    void open() const { ASSERT_EQ(open_database(file.c_str(), &oDNS.db), SQLITE_OK); }
     void open_with_tables() const {
-        open();
+        ASSERT_EQ(open_database(file.c_str(), &oDNS.db), SQLITE_OK);
         ASSERT_TRUE(create_stats_summary_table() && create_traffic_table() &&
                     create_list_stats_table("black"));
     }
     std::string read(const std::string &query) const { return read_rows(file, query); }
 };
+
+inline sockaddr_in client(const char *address) {
+    return {.sin_family = AF_INET, .sin_port = 0, .sin_addr = {inet_addr(address)}, .sin_zero = {}};
+}

@@ -1,8 +1,6 @@
 // Which journal the database uses, on file systems with and without shared writable mappings.
 #include "database_fixture.h"
 
-#include <thread>
-
 namespace {
 
 // Stands in for a file system such as JFFS2: the default file system layer, without shared memory.
@@ -83,7 +81,7 @@ TEST_P(JournalTest, RecoversAFileInWriteAheadMode) {
         std::filesystem::copy_file(left + suffix, file + suffix);
     sqlite3_close(db);
     EXPECT_EQ(write_version(), 2);
-    open();
+    ASSERT_EQ(open_database(file.c_str(), &oDNS.db), SQLITE_OK);
     EXPECT_EQ(insert_stats_summary_record(11, 0, 0, 0), 1);
     EXPECT_EQ(read("select req from summary"), "10\n11\n");
     EXPECT_EQ(write_version(), limited ? 1 : 2);

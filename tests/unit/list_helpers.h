@@ -22,13 +22,12 @@ inline std::string found(const std::string &key, List *list) {
     return result ? matched : "-";
 }
 
-// A list for the life of a scope.
-struct TestList {
-    List *list = create_list();
-    ~TestList() { free_list(list); }
-    TestList() = default;
-    TestList(const TestList &) = delete;
-    TestList &operator=(const TestList &) = delete;
-    operator List *() const { return list; }
-    List *operator->() const { return list; }
+struct FreeList {
+    void operator()(List *list) const { free_list(list); }
+};
+
+// A list for the life of a scope, that may be missing.
+struct TestList : std::unique_ptr<List, FreeList> {
+    explicit TestList(List *list = create_list()) : unique_ptr(list) {}
+    operator List *() const { return get(); }
 };

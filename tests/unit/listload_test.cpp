@@ -6,38 +6,25 @@
 #include "listload.h"
 #include "whitelist.h"
 
-#include <arpa/inet.h>
 #include <atomic>
 #include <csignal>
-#include <fstream>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <syslog.h>
-#include <thread>
-#include <vector>
 
 namespace {
 
 namespace fs = std::filesystem;
 
-constexpr char ROWS[] = "select frag, opt, disabled from black order by id";
-constexpr char COUNT[] = "select count(*) from black";
-
-sockaddr_in client(const char *address) {
-    return {.sin_family = AF_INET, .sin_port = 0, .sin_addr = {inet_addr(address)}, .sin_zero = {}};
-}
-
 class ListLoadTest : public DatabaseTest {
     const int mask_ = setlogmask(LOG_MASK(LOG_CRIT));
 
   protected:
-    fs::path list_file;
+    const fs::path list_file = directory / "black.lst";
 
     void SetUp() override {
         DatabaseTest::SetUp();
-        list_file = directory / "black.lst";
-        open();
-        ASSERT_TRUE(create_stats_summary_table() && create_list_stats_table("black"));
+        open_with_tables();
         oDNS.path = strdup(directory.c_str());
     }
     void TearDown() override {
@@ -48,18 +35,20 @@ class ListLoadTest : public DatabaseTest {
         setlogmask(mask_);
         DatabaseTest::TearDown();
     }
-    static void write(const fs::path &path, const std::string &text) {
-        std::ofstream(path, std::ios::binary) << text;
+    void write(const std::string &text) const {
+        std::ofstream(list_file, std::ios::binary) << text;
     }
     void write_lines(int count) const {
         std::ofstream out(list_file);
         for (int i = 0; i < count; i++)
             out << "host-" << i << ".example,4\n";
     }
+    std::string row_count() const { return read("select count(*) from black"); }
     // The chain after a load, and what the load returned.
     std::string load(int expected = 1) const {
-        TestList list;
-        EXPECT_EQ(_load_list(list.list, list_file.c_str()), expected);
+        List *list = create_list();
+        const TestList owner(list);
+        EXPECT_EQ(_load_list(list, list_file.c_str()), expected);
         return chain(list);
     }
 };
@@ -67,64 +56,63 @@ class ListLoadTest : public DatabaseTest {
 TEST_F(ListLoadTest, EveryKindOfLine) {
     // The long line falls into 262 bytes, too many for a statement, and the rest.
     const std::string rest(38, 'r');
-    write(list_file, "a.example\n#comment\n\nb.example,2\n~a.example\nc.example,-1\nd.example\r\n"
-                     "x.example, 4\ny.example,four\nz.example,1,2\nit's\n\xff\xfe,4\n v ,260\n" +
-                         std::string("nul\0tail\n", 9) + std::string(262, 'q') + rest + ",4\nlast");
+    write("a.example\n#comment\n\nb.example,2\n~a.example\nc.example,-1\nd.example\r\n"
+          "x.example, 4\ny.example,four\nz.example,1,2\nit's\n\xff\xfe,4\n v ,260\n" +
+          std::string("nul\0tail\n", 9) + std::string(262, 'q') + rest + ",4\nlast");
     EXPECT_EQ(load(), "\xff\xfe:4  v :4 nul:0 last:0 b.example:2 c.example:0 x.example:4 "
                       "y.example:0 z.example:0 d.example\r:0 " +
                           rest + ":4 ");
     EXPECT_FALSE(fs::exists(list_file));
-    EXPECT_EQ(read(ROWS), "a.example|0|1\nb.example|2|0\nc.example|0|0\nd.example\r|0|0\n"
-                          "x.example|4|0\ny.example|0|0\nz.example|0|0\n\xff\xfe|4|0\n v |4|0\n"
-                          "nul|0|0\n" +
-                              rest + "|4|0\nlast|0|0\n");
+    EXPECT_EQ(read("select frag, opt, disabled from black order by id"),
+              "a.example|0|1\nb.example|2|0\nc.example|0|0\nd.example\r|0|0\n"
+              "x.example|4|0\ny.example|0|0\nz.example|0|0\n\xff\xfe|4|0\n v |4|0\n"
+              "nul|0|0\n" +
+                  rest + "|4|0\nlast|0|0\n");
 }
 
 TEST_F(ListLoadTest, RowsComeInTheirOrderAndFilesAgain) {
-    for (int i = 0; i < 2; i++) {
-        write(list_file, "ads.example.com\nads\n");
+    for (const char *lines : {"ads.example.com\nads\n", "ads.example.com\nads\n", ""}) {
+        write(lines); // the last time it is from the table alone
         EXPECT_EQ(load(), "ads:0 ads.example.com:0 ");
     }
-    EXPECT_EQ(load(), "ads:0 ads.example.com:0 "); // from the table alone
     EXPECT_EQ(read("select id, frag from black"), "3|ads.example.com\n4|ads\n");
-    write(list_file, "~ads\n");
+    write("~ads\n");
     EXPECT_EQ(load(), "ads.example.com:0 ");
 }
 
 TEST_F(ListLoadTest, WhatIsNoFileIsLeft) {
-    TestList list;
-    ASSERT_EQ(_load_list_db(list.list, list_file.c_str()), 1);
+    List *list = create_list();
+    const TestList owner(list);
+    ASSERT_EQ(_load_list_db(list, list_file.c_str()), 1);
     fs::create_directory(list_file);
-    EXPECT_EQ(_load_list_file(list.list, list_file.c_str()), 0);
+    EXPECT_EQ(_load_list_file(list, list_file.c_str()), 0);
     fs::remove(list_file);
     ASSERT_EQ(mkfifo(list_file.c_str(), 0600), 0);
-    EXPECT_EQ(_load_list_file(list.list, list_file.c_str()), 1);
+    EXPECT_EQ(_load_list_file(list, list_file.c_str()), 1);
     EXPECT_TRUE(fs::exists(list_file));
 }
 
 // However an import fails, the file stays, no row of it does, and the next load takes all.
 TEST_F(ListLoadTest, AFailedImportKeepsTheFile) {
-    constexpr int LINES = 3000;
-    const struct {
-        const char *spoil, *mend;
-    } cases[] = {{"pragma max_page_count=40", "pragma max_page_count=1000000"}, // disk full
-                 {"pragma query_only=1", "pragma query_only=0"},
-                 {"begin", "rollback"}};
+    const std::pair<const char *, const char *> cases[] = {
+        {"pragma max_page_count=40", "pragma max_page_count=1000000"}, // disk full
+        {"pragma query_only=1", "pragma query_only=0"},
+        {"begin", "rollback"}};
     const auto run = [](const char *sql) { sqlite3_exec(oDNS.db, sql, nullptr, nullptr, nullptr); };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.spoil);
-        write_lines(LINES);
-        run(c.spoil);
+    for (const auto &[spoil, mend] : cases) {
+        SCOPED_TRACE(spoil);
+        write_lines(3000);
+        run(spoil);
         load();
-        run(c.mend);
+        run(mend);
         EXPECT_TRUE(fs::exists(list_file));
-        EXPECT_EQ(read(COUNT), "0\n");
+        EXPECT_EQ(row_count(), "0\n");
         load();
         EXPECT_FALSE(fs::exists(list_file));
-        EXPECT_EQ(read(COUNT), std::to_string(LINES) + "\n");
+        EXPECT_EQ(row_count(), "3000\n");
         run("delete from black");
     }
-    write_lines(LINES);
+    write_lines(3000);
     close_database();
     EXPECT_EQ(load(0), "");
     EXPECT_TRUE(fs::exists(list_file));
@@ -132,24 +120,21 @@ TEST_F(ListLoadTest, AFailedImportKeepsTheFile) {
 
 TEST_F(ListLoadTest, AFailedImportTakesNoOtherRowBack) {
     pthread_t importer = pthread_self();
-    sqlite3_commit_hook(
-        oDNS.db,
-        [](void *thread) {
-            return pthread_equal(*static_cast<pthread_t *>(thread), pthread_self());
-        },
-        &importer);
-    std::atomic<bool> stop = false;
+    const auto fail_import = [](void *thread) {
+        return pthread_equal(*static_cast<pthread_t *>(thread), pthread_self());
+    };
+    sqlite3_commit_hook(oDNS.db, fail_import, &importer);
     int written = 0;
-    std::thread other([&] {
-        while (!stop)
-            written += insert_stats_summary_record(1, 2, 3, 4);
-    });
-    for (int i = 0; i < 5; i++) {
-        write_lines(2000);
-        load();
+    {
+        const std::jthread other([&written](const std::stop_token &stop) {
+            while (!stop.stop_requested())
+                written += insert_stats_summary_record(1, 2, 3, 4);
+        });
+        for (int i = 0; i < 5; i++) {
+            write_lines(2000);
+            load();
+        }
     }
-    stop = true;
-    other.join();
     EXPECT_TRUE(fs::exists(list_file));
     EXPECT_GT(written, 0);
     EXPECT_EQ(read("select count(*) from summary"), std::to_string(written) + "\n");
@@ -162,9 +147,9 @@ TEST_F(ListLoadTest, EditsReachListAndTable) {
     EXPECT_EQ(chain(get_local_black_list().get()), "42:0 x.example:4 ~x.example:4 ");
     EXPECT_EQ(get_local_black_list_size(), 3);
     EXPECT_EQ(del_local_black_list("2"), LIST_OK); // a row's number, not the pattern
-    for (const char *item :
-         {"2", "42", "", "99999999999999999999", static_cast<const char *>(nullptr)})
+    for (const char *item : {"2", "42", "", "99999999999999999999"})
         EXPECT_EQ(del_local_black_list(item), LIST_NOT_FOUND) << item;
+    EXPECT_EQ(del_local_black_list(nullptr), LIST_NOT_FOUND);
     EXPECT_EQ(read("select id, frag, opt, disabled from local_black"),
               "1|x.example|4|1\n2|42|0|1\n");
     // Loading the local white list replaces the devices' list, holds and all.
@@ -175,29 +160,26 @@ TEST_F(ListLoadTest, EditsReachListAndTable) {
     EXPECT_EQ(chain(old.get()), chain(device_list));
     // What was cleaned up is loaded again, with a file that came meanwhile.
     black_list_cleanup();
-    write(directory / "local_black.lst", "new.example\n");
+    write("new.example\n");
     EXPECT_EQ(is_blacklisted("www.new.example", client("10.0.0.1")), 1);
 }
 
 TEST_F(ListLoadTest, AKillLeavesTheFileOrAllOfItsRows) {
-    constexpr int LINES = 4000;
-    const std::string all = std::to_string(LINES) + "\n";
     close_database();
     int kept = 0;
-    for (int round = 0; round < 12; round++) {
-        write_lines(LINES);
+    for (unsigned round = 0; round < 12; round++) {
+        write_lines(4000);
         const pid_t child = fork();
         if (child == 0) {
             open_database(file.c_str(), &oDNS.db);
-            List *list = create_list();
-            _load_list(list, list_file.c_str());
+            load();
             _exit(0);
         }
-        usleep(static_cast<useconds_t>(3000 * round));
+        usleep(3000 * round);
         kill(child, SIGKILL);
         ASSERT_EQ(waitpid(child, nullptr, 0), child);
-        const std::string rows = read(COUNT);
-        EXPECT_TRUE(rows == all || (rows == "0\n" && fs::exists(list_file))) << rows;
+        const std::string rows = row_count();
+        EXPECT_TRUE(rows == "4000\n" || (rows == "0\n" && fs::exists(list_file))) << rows;
         kept += fs::exists(list_file);
         read("delete from black");
     }
@@ -208,36 +190,31 @@ TEST_F(ListLoadTest, AKillLeavesTheFileOrAllOfItsRows) {
 TEST_F(ListLoadTest, ThreadsShareTheLists) {
     oDNS.record_traffic = 0;
     write_lines(200);
-    std::atomic<bool> stop = false;
     std::atomic<int> wrong = 0;
-    std::vector<std::thread> threads;
-    threads.reserve(3);
-    for (int i = 0; i < 2; i++)
-        threads.emplace_back([&] {
-            while (!stop) {
-                wrong += is_blacklisted("host-199.example", client("10.0.0.1")) != 1;
-                is_blacklisted("edited-7.example", client("10.0.0.1"));
-                is_whitelisted("free.example", client("10.0.0.1"));
-            }
-        });
-    threads.emplace_back([&] {
-        while (!stop) {
+    const auto look = [&wrong](const std::stop_token &stop) {
+        while (!stop.stop_requested()) {
+            wrong += is_blacklisted("host-199.example", client("10.0.0.1")) != 1;
+            is_blacklisted("edited-7.example", client("10.0.0.1"));
+            is_whitelisted("free.example", client("10.0.0.1"));
+        }
+    };
+    const auto reload = [](const std::stop_token &stop) {
+        while (!stop.stop_requested()) {
             black_list_cleanup();
             _load_local_white_list();
             usleep(2000);
         }
-    });
-    for (int i = 0; i < 120; i++) {
-        const std::string item = "edited-" + std::to_string(i % 60) + ".example";
-        wrong += LIST_OK != (i < 60 ? add_local_black_list(item.c_str(), 4)
-                                    : del_local_black_list(item.c_str()));
-        const ListHold list = get_local_black_list();
-        List *page = get_sub_list(list.get(), 1, 10);
-        free_list(page);
+    };
+    {
+        const std::jthread first(look), second(look), third(reload);
+        for (int i = 0; i < 120; i++) {
+            const std::string item = "edited-" + std::to_string(i % 60) + ".example";
+            wrong += LIST_OK != (i < 60 ? add_local_black_list(item.c_str(), 4)
+                                        : del_local_black_list(item.c_str()));
+            const ListHold list = get_local_black_list();
+            const TestList page(get_sub_list(list.get(), 1, 10));
+        }
     }
-    stop = true;
-    for (std::thread &thread : threads)
-        thread.join();
     EXPECT_EQ(wrong, 0);
 }
 

@@ -1,15 +1,9 @@
 #include "database_fixture.h"
 #include "guards.h"
 
-#include <arpa/inet.h>
-#include <thread>
-#include <vector>
+#include <sstream>
 
 namespace {
-
-sockaddr_in client(const char *address) {
-    return {.sin_family = AF_INET, .sin_port = 0, .sin_addr = {inet_addr(address)}, .sin_zero = {}};
-}
 
 std::string frag_by_id(long id, const char *table = "black") {
     const OwnedText text(get_frag_by_id(id, table));
@@ -19,29 +13,23 @@ std::string frag_by_id(long id, const char *table = "black") {
 TEST_F(DatabaseTest, SchemaIsText) {
     open_with_tables();
     EXPECT_EQ(create_list_stats_table("black"), 1); // again: all there
+    std::ostringstream schema;
+    schema << std::ifstream(TEST_DATA "/schema.sql").rdbuf();
     EXPECT_EQ(
         read("select sql from sqlite_master where sql is not null and name <> 'sqlite_sequence'"),
-        R"(CREATE TABLE summary (id integer not null primary key autoincrement, req integer not null, blocked integer not null, reset integer not null, error integer not null)
-CREATE TABLE dns_traffic (id integer not null primary key autoincrement, fqdn varchar(256) not null, timestamp integer(4) default (cast(strftime('%%s','now') as int)), ip varchar(15) )
-CREATE TABLE black (id integer not null primary key autoincrement, frag varchar(256) not null, opt INT default 0, disabled BOOLEAN not null default false )
-CREATE UNIQUE INDEX black_frag_idx on black(frag)
-CREATE TABLE black_stats (id integer not null primary key autoincrement, frag_id integer not null, timestamp integer(4) default (cast(strftime('%s','now') as int)), ip varchar(15), foreign key (frag_id) references black (id) )
-CREATE TABLE black_fqdn (id integer not null primary key autoincrement, fqdn varchar(256) not null unique)
-CREATE TABLE black_hit (id integer not null primary key autoincrement, fqdn_id, stats_id, foreign key (fqdn_id) references black_fqdn (id), foreign key (stats_id) references black_stats (id) )
-)");
+        schema.str());
 }
 
 TEST_F(DatabaseTest, EntriesAreAddedDisabledAndEnabledAgain) {
     open_with_tables();
-    create_frag_key("ads", 2, "black");
     const struct {
         const char *key;
         int result;
         const char *rows;
     } steps[] = {
-        {"# note", 0, "1|ads|2|0\n"},
-        {nullptr, 0, "1|ads|2|0\n"},
-        {"~ads", 1, "1|ads|2|1\n"},
+        {"ads", 1, "1|ads|4|0\n"},
+        {nullptr, 0, "1|ads|4|0\n"},
+        {"~ads", 1, "1|ads|4|1\n"},
         {"ads\nrest", 1, "2|ads|4|0\n"}, // the same entry under a new id
         {"x\"; --%s", 1, "2|ads|4|0\n3|x\"; --%s|4|0\n"},
     };
@@ -58,14 +46,11 @@ TEST_F(DatabaseTest, EntriesAreAddedDisabledAndEnabledAgain) {
 TEST_F(DatabaseTest, HitsLinkEntryClientAndName) {
     open_with_tables();
     create_frag_key("ads", 2, "black");
-    const auto insert = [](const char *fqdn, const char *frag, const char *ip) {
-        return insert_list_record(fqdn, "black", frag, ip);
-    };
-    EXPECT_EQ(insert("a.ads.example", "ads", "10.0.0.1"), 1);
-    EXPECT_EQ(insert("a.ads.example", "ads", "10.0.0.2"), 1);
-    EXPECT_EQ(insert("b.example", "unknown", "10.0.0.3"), 0);
+    for (const char *ip : {"10.0.0.1", "10.0.0.2"})
+        EXPECT_EQ(insert_list_record("a.ads.example", "black", "ads", ip), 1);
+    EXPECT_EQ(insert_list_record("b.example", "black", "unknown", "10.0.0.3"), 0);
     oDNS.record_traffic = 0;
-    EXPECT_EQ(insert("b.example", "ads", "10.0.0.3"), 1);
+    EXPECT_EQ(insert_list_record("b.example", "black", "ads", "10.0.0.3"), 1);
     EXPECT_EQ(read("select frag_id, ip, abs(timestamp - strftime('%s', 'now')) < 60 from "
                    "black_stats"),
               "1|10.0.0.1|1\n1|10.0.0.2|1\n");
@@ -87,8 +72,8 @@ std::string results(const std::string &value, const char *table = "black") {
                        record_request(text, client("10.0.0.1")),
                        frag_by_id(1, table) != "null"};
     std::string digits;
-    for (int result : all)
-        digits += std::to_string(result);
+    for (int each : all)
+        digits += std::to_string(each);
     return digits;
 }
 
@@ -114,21 +99,16 @@ TEST_F(DatabaseTest, RefusesWhatWouldLeaveItsQuotesOrItsBuffer) {
 TEST_F(DatabaseTest, HitsOfSeveralThreadsDoNotMix) {
     open_with_tables();
     create_frag_key("ads", 2, "black");
-    constexpr int THREADS = 3, HITS = 200;
-    std::vector<std::thread> threads;
-    threads.reserve(THREADS);
-    for (int i = 0; i < THREADS; i++)
-        threads.emplace_back([ip = std::to_string(i)] {
-            for (int n = 0; n < HITS; n++) {
-                const std::string fqdn = ip + "." + std::to_string(n);
-                EXPECT_EQ(insert_list_record(fqdn.c_str(), "black", "ads", ip.c_str()), 1);
-            }
-        });
-    for (std::thread &thread : threads)
-        thread.join();
+    const auto insert = [](const std::string &ip) {
+        for (int n = 0; n < 200; n++) {
+            const std::string fqdn = ip + "." + std::to_string(n);
+            EXPECT_EQ(insert_list_record(fqdn.c_str(), "black", "ads", ip.c_str()), 1);
+        }
+    };
+    { const std::jthread first(insert, "1"), second(insert, "2"), third(insert, "3"); }
     EXPECT_EQ(read("select count(*) from black_hit join black_fqdn on black_fqdn.id = fqdn_id "
                    "join black_stats on black_stats.id = stats_id where fqdn like ip || '.%'"),
-              std::to_string(THREADS * HITS) + "\n");
+              "600\n");
 }
 
 } // namespace

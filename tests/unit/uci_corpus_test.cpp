@@ -33,39 +33,36 @@ json described(const char *text) {
     return text ? json(text) : json();
 }
 
-json described(const uci_element *e);
+json described(const uci_list &list);
+
+json described(const uci_element *e) {
+    if (e->type == UCI_TYPE_SECTION) {
+        const uci_section *s = uci_to_section(e);
+        return {{"type", s->type}, {"name", e->name}, {"anonymous", s->anonymous}};
+    }
+    if (e->type != UCI_TYPE_OPTION)
+        return e->name;
+    const uci_option *o = uci_to_option(e);
+    if (o->type == UCI_TYPE_STRING)
+        return {{"name", e->name}, {"string", o->v.string}};
+    return {{"name", e->name}, {"list", described(o->v.list)}};
+}
 
 json described(const uci_list &list) {
     json result = json::array();
     uci_element *e;
     uci_foreach_element(&list, e) {
         result.push_back(described(e));
+        if (e->type == UCI_TYPE_SECTION)
+            result.back()["options"] = described(uci_to_section(e)->options);
     }
     return result;
 }
 
-json described(const uci_option *o) {
-    if (!o)
-        return nullptr;
-    if (o->type == UCI_TYPE_STRING)
-        return {{"name", o->e.name}, {"string", o->v.string}};
-    return {{"name", o->e.name}, {"list", described(o->v.list)}};
-}
-
-json described(const uci_section *s) {
-    if (!s)
-        return nullptr;
-    return {{"type", s->type}, {"name", s->e.name}, {"anonymous", s->anonymous}};
-}
-
-json described(const uci_element *e) {
-    if (e->type == UCI_TYPE_OPTION)
-        return described(uci_to_option(e));
-    if (e->type != UCI_TYPE_SECTION)
-        return e->name;
-    json section = described(uci_to_section(e));
-    section["options"] = described(uci_to_section(e)->options);
-    return section;
+// A section or an option.
+template <typename Record>
+json described(const Record *record) {
+    return record ? described(&record->e) : json();
 }
 
 // A member that lives as long as the step; null if it has none.

@@ -8,8 +8,6 @@ extern "C" {
 #include <gtest/gtest.h>
 #include <string>
 #include <sys/socket.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 namespace {
 
@@ -17,8 +15,8 @@ std::string trace; // what the callbacks of a test did
 
 class Uloop : public testing::Test {
   protected:
-    void SetUp() override { // other tests of the same run may have blocked signals
-        sigset_t none;
+    void SetUp() override {
+        sigset_t none; // other tests of the same run may have blocked signals
         sigemptyset(&none);
         sigprocmask(SIG_SETMASK, &none, nullptr);
         for (const int number : {SIGINT, SIGTERM, SIGCHLD, SIGPIPE})
@@ -41,19 +39,6 @@ void note_letter(uloop_timeout *timer) {
 void end_loop(uloop_timeout *) {
     uloop_end();
 }
-
-void run_rounds() {
-    for (int round = 0; round < 3; round++)
-        uloop_run_timeout(0);
-}
-
-sighandler_t disposition(int number) {
-    struct sigaction current;
-    sigaction(number, nullptr, &current);
-    return current.sa_handler;
-}
-
-} // namespace
 
 TEST_F(Uloop, RunsTimersInOrderOfExpiry) {
     Letter late{{}, 'd'}, first{{}, 'a'}, second{{}, 'b'}, again{{}, 'c'}, never{{}, 'x'};
@@ -80,41 +65,55 @@ TEST_F(Uloop, RunsTimersInOrderOfExpiry) {
     EXPECT_EQ(uloop_get_next_timeout(), -1);
 }
 
-TEST_F(Uloop, CallsOneDescriptorARoundAndDropsEventsOfDeletedOnes) {
-    static uloop_fd watches[3];
-    UniqueFd ends[3], peers[3];
-    for (int i = 0; i < 3; i++) {
-        int pair[2];
-        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
-        ends[i] = UniqueFd(pair[0]);
-        peers[i] = UniqueFd(pair[1]);
-        watches[i] = {};
-        watches[i].fd = pair[0];
-        watches[i].cb = [](uloop_fd *watch, unsigned int events) {
-            char byte;
-            EXPECT_EQ(events, static_cast<unsigned>(ULOOP_READ));
-            EXPECT_EQ(read(watch->fd, &byte, 1), 1);
-            trace += byte;
-            uloop_fd_delete(&watches[1]);
-        };
-        EXPECT_EQ(uloop_fd_add(&watches[i], ULOOP_READ), 0);
-        EXPECT_EQ(write(pair[1], &"abc"[i], 1), 1);
-    }
-    uloop_run_timeout(0);
-    EXPECT_EQ(trace, "a");
-    run_rounds();
-    EXPECT_EQ(trace, "ac");
+// One end of a connection, watched; the other end.
+struct Watched : uloop_fd {
+    UniqueFd end, peer;
 
-    watches[0].cb = [](uloop_fd *watch, unsigned int) {
+    explicit Watched(uloop_fd_handler handler) : uloop_fd{} {
+        int ends[2];
+        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+        end = UniqueFd(fd = ends[0]);
+        peer = UniqueFd(ends[1]);
+        cb = handler;
+        EXPECT_EQ(uloop_fd_add(this, ULOOP_READ), 0);
+    }
+    ~Watched() { uloop_fd_delete(this); }
+};
+
+TEST_F(Uloop, CallsOneDescriptorARoundAndDropsEventsOfDeletedOnes) {
+    static uloop_fd *deleted;
+    const auto note_byte = [](uloop_fd *watch, unsigned int events) {
+        char byte = '?';
+        EXPECT_EQ(events, static_cast<unsigned>(ULOOP_READ));
+        EXPECT_EQ(read(watch->fd, &byte, 1), 1);
+        trace += byte;
+        uloop_fd_delete(deleted);
+    };
+    Watched first(note_byte), second(note_byte), third(note_byte);
+    deleted = &second;
+    const char *byte = "abc";
+    for (const Watched *each : {&first, &second, &third})
+        EXPECT_EQ(write(each->peer.get(), byte++, 1), 1);
+    for (const char *expected : {"a", "a", "ac"}) {
+        uloop_run_timeout(0);
+        EXPECT_EQ(trace, expected);
+    }
+    first.cb = [](uloop_fd *watch, unsigned int) {
         trace += watch->error ? 'h' : watch->eof ? 'e' : '?';
         trace += watch->registered ? 'r' : '-';
     };
-    shutdown(peers[0].get(), SHUT_WR); // still watched now, no longer after a hang-up
+    shutdown(first.peer.get(), SHUT_WR); // still watched now, no longer after a hang-up
     uloop_run_timeout(0);
-    peers[0] = UniqueFd();
-    run_rounds();
+    first.peer = UniqueFd();
+    for (int round = 0; round < 2; round++)
+        uloop_run_timeout(0);
     EXPECT_EQ(trace, "acerh-");
-    uloop_fd_delete(&watches[2]);
+}
+
+sighandler_t disposition(int number) {
+    struct sigaction current;
+    sigaction(number, nullptr, &current);
+    return current.sa_handler;
 }
 
 TEST_F(Uloop, EndsOnSignalsWithDefaultDispositionOnly) {
@@ -130,7 +129,10 @@ TEST_F(Uloop, EndsOnSignalsWithDefaultDispositionOnly) {
     EXPECT_EQ(disposition(SIGPIPE), SIG_IGN);
 
     signal(SIGTERM, own);
+    uloop_handle_sigchld = false;
     ASSERT_EQ(uloop_init(), 0);
+    EXPECT_EQ(disposition(SIGCHLD), SIG_DFL);
+    uloop_handle_sigchld = true;
     signal(SIGINT, own); // set while the loop has the signal: the loop leaves it
     uloop_timeout_set(&timer, 1);
     uloop_timeout_set(&last, 10);
@@ -142,22 +144,4 @@ TEST_F(Uloop, EndsOnSignalsWithDefaultDispositionOnly) {
     signal(SIGINT, SIG_DFL);
 }
 
-TEST_F(Uloop, ReapsChildrenUnlessToldNotTo) {
-    uloop_process process = {};
-    process.cb = [](uloop_process *ended, int status) {
-        EXPECT_FALSE(ended->pending);
-        trace += static_cast<char>('0' + WEXITSTATUS(status));
-        uloop_end();
-    };
-    process.pid = fork();
-    if (process.pid == 0)
-        _exit(7);
-    EXPECT_EQ(uloop_process_add(&process), 0);
-    EXPECT_EQ(uloop_run(), 0);
-    EXPECT_EQ(trace, "7");
-    uloop_done();
-    uloop_handle_sigchld = false;
-    EXPECT_EQ(uloop_init(), 0);
-    EXPECT_EQ(disposition(SIGCHLD), SIG_DFL); // neither kept from before nor taken now
-    uloop_handle_sigchld = true;
-}
+} // namespace

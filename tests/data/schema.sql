@@ -1,0 +1,7 @@
+CREATE TABLE summary (id integer not null primary key autoincrement, req integer not null, blocked integer not null, reset integer not null, error integer not null)
+CREATE TABLE dns_traffic (id integer not null primary key autoincrement, fqdn varchar(256) not null, timestamp integer(4) default (cast(strftime('%%s','now') as int)), ip varchar(15) )
+CREATE TABLE black (id integer not null primary key autoincrement, frag varchar(256) not null, opt INT default 0, disabled BOOLEAN not null default false )
+CREATE UNIQUE INDEX black_frag_idx on black(frag)
+CREATE TABLE black_stats (id integer not null primary key autoincrement, frag_id integer not null, timestamp integer(4) default (cast(strftime('%s','now') as int)), ip varchar(15), foreign key (frag_id) references black (id) )
+CREATE TABLE black_fqdn (id integer not null primary key autoincrement, fqdn varchar(256) not null unique)
+CREATE TABLE black_hit (id integer not null primary key autoincrement, fqdn_id, stats_id, foreign key (fqdn_id) references black_fqdn (id), foreign key (stats_id) references black_stats (id) )
