@@ -11,6 +11,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <initializer_list>
 #include <iterator>
 #include <memory>
@@ -24,8 +25,10 @@ namespace {
 constexpr char DATABASE_NAME[] = "vantrelle.db";
 constexpr int FILE_NAME_SIZE = 254;
 constexpr int STATEMENT_SIZE = 300;
-// A reader in another process may hold the file for a moment; a row must not get lost by that.
-constexpr int BUSY_TIMEOUT_MS = 2000;
+// Another process may hold the file for a moment, and no row must get lost by that. But whoever
+// waits has the request lock: when that long was in vain, the rows that follow are not waited for.
+constexpr int64_t BUSY_TIMEOUT_MS = 1000;
+constexpr int64_t BUSY_PAUSE_MS = 10000;
 constexpr char NULL_MARKER[] = "(null)";
 constexpr char WORD_CHARACTERS[] =
     "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_";
@@ -272,6 +275,22 @@ Prepared query(Connection &connection, const Statement &sql) {
 
 // --- the file ------------------------------------------------------------------------------------
 
+// SQLite asks this whether to try again. Its caller has the connection to itself.
+int wait_for_other_process(void *, int tries) {
+    static int64_t begin, in_vain = -BUSY_PAUSE_MS;
+    timespec clock;
+    clock_gettime(CLOCK_MONOTONIC, &clock);
+    const int64_t now = int64_t{clock.tv_sec} * 1000 + clock.tv_nsec / 1000000;
+    if (tries == 0)
+        begin = now;
+    if (now - in_vain < BUSY_PAUSE_MS)
+        return 0;
+    if (now - begin < BUSY_TIMEOUT_MS)
+        return sqlite3_sleep(2);
+    in_vain = now;
+    return 0;
+}
+
 // Whether the database is in journal mode `mode` after an attempt to put it there.
 bool set_journal_mode(sqlite3 *db, const char *mode) {
     const Statement sql("pragma journal_mode=%s", mode);
@@ -342,7 +361,7 @@ int open_database(const char *file, sqlite3 **db) {
     const int result = sqlite3_open(file, db);
     if (result != SQLITE_OK)
         return result;
-    sqlite3_busy_timeout(*db, BUSY_TIMEOUT_MS);
+    sqlite3_busy_handler(*db, wait_for_other_process, nullptr);
     // A commit appends to the log without waiting for the flash. A power failure can take the last
     // rows away but cannot damage the file; a killed process loses nothing.
     if (can_share_memory(*db) && set_journal_mode(*db, "wal"))

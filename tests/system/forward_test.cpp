@@ -1,6 +1,7 @@
 // Queries on their way to the upstream servers and back: failover, exact bytes, nothing lost.
 #include "harness.h"
 
+#include <csignal>
 #include <map>
 #include <memory>
 
@@ -86,7 +87,7 @@ TEST_F(ForwardTest, PassesEveryByteAndCutsAt512) {
     };
     constexpr Case cases[] = {
         {29, 29, 300, 300}, {512, 512, 512, 512}, {600, 512, 600, 512},
-        {1, 1, 1, 1},       {0, 0, 45, 45},
+        {1, 1, 1, 1},       {0, 0, 45, 45},       {29, 29, 0, 0},
     };
     std::atomic<size_t> answer_size = 1;
     auto filled = [](size_t size) {
@@ -156,25 +157,88 @@ TEST_F(ForwardTest, LosesNothingOf10000QueriesOfSeveralClients) {
     EXPECT_EQ(daemon.stop(), 0);
 }
 
-TEST_F(ForwardTest, AFloodIsDroppedWithOneWarning) {
-    constexpr size_t bound = 4096;
+// How many datagrams wait in the daemon's socket or did not fit into it.
+unsigned long not_received() {
+    const std::string sockets = read_file("/proc/net/udp");
+    unsigned long waiting = 0, dropped = 0;
+    sscanf(sockets.c_str() + sockets.find("0108A8C0:0035"), // 192.168.8.1, port 53
+           "%*s %*s %*s %*x:%lx %*s %*s %*s %*s %*s %*s %*s %lu", &waiting, &dropped);
+    return waiting + dropped;
+}
+
+TEST_F(ForwardTest, AFloodDuringSilenceCostsAFewMegabytesAndPasses) {
+    constexpr size_t sent = 100'000, at_once = 250, bound = 4096, workers = 5;
     constexpr char warning[] = "Job queue is full, dropping queries";
+    std::atomic<bool> silent = false;
+    Upstream primary(1, [&](const Bytes &message) {
+        while (silent)
+            usleep(1000);
+        return Upstream::echo(message);
+    });
     configure({{"dns_timeout", "60000"}, {"socket_buffer_size", "200000"}});
     Daemon daemon;
-    Client client;
-    size_t sent = 0;
-    while (sent < 5 * bound && log_count(warning) == 0) {
-        for (int more = 0; more < 64; more++, sent++)
-            client.send(query("flood.example"));
-        usleep(2000);
+    Daemon::prime();
+    const size_t memory = daemon.figure("VmRSS");
+    silent = true;
+    const time_t begin = time(nullptr);
+    for (size_t number = 0; number < sent; number++) {
+        Client(20 + static_cast<int>(number) % 2).send(query("flood.example"));
+        ASSERT_TRUE(number % at_once != 0 || eventually([] { return not_received() == 0; }));
     }
-    EXPECT_GT(sent, bound);
+    EXPECT_LT(daemon.figure("VmRSS"), memory + 16384);
     EXPECT_EQ(log_priority(warning), 4);
-    for (int more = 0; more < 1000; more++)
-        client.send(query("flood.example"));
-    usleep(200'000);
-    EXPECT_EQ(log_count(warning), 1U);
-    EXPECT_TRUE(daemon.running());
+    EXPECT_LE(log_count(warning), 1 + static_cast<size_t>(time(nullptr) - begin) / 10);
+    silent = false;
+    EXPECT_TRUE(eventually([&] { return primary.count() == 1 + bound + workers; }));
+    EXPECT_TRUE(Client().ask(query("after.example")));
+}
+
+TEST_F(ForwardTest, AnInterfaceMayLoseItsAddressForAWhile) {
+    Upstream primary(1, [&](const Bytes &message) {
+        if (id_of(message) == 2)
+            run("ip addr del 192.168.8.1/24 dev apcli0");
+        return Upstream::echo(message);
+    });
+    configure();
+    Daemon daemon;
+    Daemon::prime();
+    const size_t failed = log_count("Received error: ");
+    const Client client;
+    client.send(query("gone.example", 2));
+    EXPECT_TRUE(wait_for_log("Received error: ", failed + 1));
+    run("ip addr add 192.168.8.1/24 dev apcli0");
+    EXPECT_EQ(client.ask(query("back.example")), Upstream::echo(query("back.example")));
+}
+
+TEST_F(ForwardTest, AClockThatIsSetBackLeadsToThePrimary) {
+    const auto move_clock = [](const char *seconds) { write_file("/tmp/clock", seconds); };
+    constexpr uint16_t lost = 9;
+    const auto answer = [](const Bytes &message) {
+        return id_of(message) == lost ? Upstream::silence(message) : Upstream::echo(message);
+    };
+    Upstream primary(1, answer), secondary(2, answer);
+    configure({{"dns_timeout", "200"}, {"dns_max_time_on_secondary", "600"}});
+    move_clock("0");
+    Daemon daemon({}, MOVED_CLOCK_DAEMON);
+    const Client client;
+    for (size_t times = 1; times <= 5; times++)
+        client.send(query("lost.example", lost));
+    ASSERT_TRUE(wait_for_log("Response timed out", 5));
+    for (const auto &[seconds, second_slot] : {std::pair{"0", 1U}, {"-599", 2U}, {"-3600", 2U}}) {
+        move_clock(seconds);
+        EXPECT_TRUE(client.ask(query("a.example")));
+        EXPECT_EQ(secondary.count(), second_slot) << seconds;
+    }
+    EXPECT_EQ(log_priority("Switching to Primary Upstream DNS (Max Time On Secondary)"), 6);
+    // Once more, while the pool waits for a worker.
+    client.send(query("lost.example", lost));
+    daemon.signal(SIGTERM);
+    ASSERT_TRUE(eventually([&] {
+        client.send(query("last.example"));
+        return log_count("Shutting down ...") > 0;
+    }));
+    move_clock("-7200");
+    EXPECT_EQ(daemon.wait(), 0);
 }
 
 } // namespace
