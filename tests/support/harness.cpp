@@ -221,15 +221,17 @@ std::optional<Bytes> Client::ask(const Bytes &message, const char *address) cons
     return receive();
 }
 
+bool passes(std::string_view name, int client) {
+    return Client(client).ask(query(name)) == Upstream::echo(query(name));
+}
+
 std::optional<Bytes> Upstream::echo(const Bytes &message) {
+    if (message.find("silent") != Bytes::npos)
+        return std::nullopt;
     Bytes answer = message;
     if (answer.size() > 2)
         answer[2] = static_cast<char>(answer[2] | 0x80);
     return answer;
-}
-
-std::optional<Bytes> Upstream::silence(const Bytes &) {
-    return std::nullopt;
 }
 
 Upstream::Upstream(int number, Answer what)

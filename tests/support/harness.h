@@ -81,13 +81,16 @@ class Client {
     int fd;
 };
 
+// Whether a query for the name gets the answer that Upstream::echo() gives.
+bool passes(std::string_view name, int client = 20);
+
 // An upstream server at 10.53.0.NUMBER (1 to 4), port 53, on a thread of its own.
 class Upstream {
   public:
     using Answer = std::function<std::optional<Bytes>(const Bytes &)>;
     // Called on the server's thread; no answer is sent when it returns nothing.
-    static std::optional<Bytes> echo(const Bytes &message); // the query, marked as a response
-    static std::optional<Bytes> silence(const Bytes &message);
+    // The query, marked as a response; nothing for one that contains "silent".
+    static std::optional<Bytes> echo(const Bytes &message);
 
     explicit Upstream(int number, Answer answer = echo);
     ~Upstream();
@@ -147,6 +150,10 @@ class Daemon : public Process {
     static void prime();
     // SIGTERM and the datagram that it takes to be seen; returns as wait() does.
     int stop();
+};
+
+struct PrimedDaemon : Daemon {
+    PrimedDaemon() { prime(); }
 };
 
 } // namespace harness

@@ -2,6 +2,7 @@
 // daemon's behaviour around it.
 #include "bus.h"
 
+#include <chrono>
 #include <csignal>
 
 #include <sys/resource.h>
@@ -18,7 +19,7 @@ struct Call {
     const char *method;
     std::string arguments;
     int exit_status;
-    std::string output; // the JSON text, and the start of what follows on standard error
+    std::string output; // how it begins: the JSON text, and what follows on standard error
 
     void run() const {
         SCOPED_TRACE(method + " "s + arguments);
@@ -27,7 +28,7 @@ struct Call {
             words.push_back(arguments);
         Process client(BUS_CLIENT, words);
         EXPECT_EQ(client.wait(), exit_status);
-        EXPECT_EQ(client.output(), output);
+        EXPECT_EQ(client.output().substr(0, output.size()), output);
     }
 };
 
@@ -78,15 +79,18 @@ TEST_F(Admin, EditsAndPagesThroughLists) {
         {"nine", "", 3, ""},
     };
     // A deferred answer comes after a second, not before and not much later.
-    const time_t begin = time(nullptr);
-    for (const Call &call : calls)
+    auto shortest = std::chrono::steady_clock::duration::max();
+    for (const Call &call : calls) {
+        const auto begin = std::chrono::steady_clock::now();
         call.run();
-    EXPECT_NEAR(static_cast<double>(time(nullptr) - begin), 10, 2);
-    Upstream upstream(1);
-    Daemon::prime();
-    EXPECT_EQ(rcode_of(Client(20).ask(query("www.ads.example")).value_or("")), 3);
-    EXPECT_EQ(rcode_of(Client(23).ask(query("plain.example")).value_or("")), 3);
-    EXPECT_EQ(rcode_of(Client(20).ask(query("plain.example")).value_or("")), 0);
+        if (*call.method == 'a' || *call.method == 'r')
+            shortest = std::min(shortest, std::chrono::steady_clock::now() - begin);
+    }
+    EXPECT_NEAR(std::chrono::duration<double>(shortest).count(), 1.25, 0.25);
+    for (const auto &[client, name, rcode] :
+         std::initializer_list<std::tuple<int, const char *, int>>{
+             {20, "www.ads.example", 3}, {23, "plain.example", 3}, {20, "plain.example", 0}})
+        EXPECT_EQ(rcode_of(Client(client).ask(query(name)).value_or("")), rcode) << name;
     EXPECT_EQ(daemon->stop(), 0);
 }
 
@@ -101,17 +105,16 @@ TEST_F(Admin, ReportsStatusAndSettings) {
          R"("dns4":"10.53.0.4","dns_timeout":2000,"dns_port":53,"threads":5,"log_level":6,)"
          R"("interface":"apcli0","job_queue_length":0,"disabled":0,"track":1,"remote_log":0}})"
          "\n"},
+        {"stats", "", 0,
+         R"({"stats":{"name":"Vantrelle-22AABBCC","version":"2.03a","board_version":"b1","count":1,)"
+         R"("blocked":0,"block_rate":0.000000,"resets":0,"errors":0,"bl":0,"main_bl":0,"wl":0,)"
+         R"("main_wl":0,"time":")"},
     };
     for (const Call &call : calls)
         call.run();
     Process stats(BUS_CLIENT, {"-S", "call", "vantrelle", "stats"});
-    EXPECT_EQ(stats.wait(), 0);
-    const std::string head = R"({"stats":{"name":"Vantrelle-22AABBCC","version":"2.03a",)"
-                             R"("board_version":"b1","count":0,"blocked":0,"block_rate":0.000000,)"
-                             R"("resets":0,"errors":0,"bl":0,"main_bl":0,"wl":0,"main_wl":0,)"
-                             R"("time":")";
-    EXPECT_EQ(stats.output().substr(0, head.size()), head);
-    EXPECT_EQ(stats.output().size(), head.size() + 8 + 4) << stats.output(); // hh:mm:ss"}}\n
+    stats.wait();
+    EXPECT_EQ(stats.output().size(), calls[3].output.size() + 8 + 4) << "hh:mm:ss\"}}\n";
 }
 
 TEST_F(Admin, StoredSettingsSurviveARestart) {
@@ -122,32 +125,29 @@ TEST_F(Admin, StoredSettingsSurviveARestart) {
     EXPECT_TRUE(read_file("/etc/config/system").ends_with("\toption log_remote '1'\n\n"));
     const std::string stored = read_file("/etc/config/vantrelle");
     Upstream third(3);
-    Daemon::prime();
-    EXPECT_EQ(Client().ask(query("a.example")), Upstream::echo(query("a.example")))
-        << "the new address is in use at once";
+    EXPECT_TRUE(passes("a.example"));
     // A writer that fails ends the chain and leaves the running settings alone.
     unlink("/etc/config/vantrelle");
     Call{"set_config", R"({"dns1":"10.53.0.4"})", 1, message("Error updating DNS configuration")}
         .run();
-    EXPECT_EQ(Client().ask(query("b.example")), Upstream::echo(query("b.example")));
+    EXPECT_TRUE(passes("b.example"));
+    EXPECT_EQ(third.count(), 2U) << "the new address is in use at once, and still is";
     EXPECT_EQ(daemon->stop(), 0);
     write_file("/etc/config/vantrelle", stored);
     start_daemon();
-    Process config(BUS_CLIENT, {"-S", "call", "vantrelle", "get_config"});
-    EXPECT_EQ(config.wait(), 0);
-    for (const char *part : {R"("dns1":"10.53.0.3")", R"("dns4":"%%")", R"("log_level":7)",
-                             R"("disabled":1)", R"("track":1)", R"("remote_log":1)"})
-        EXPECT_NE(config.output().find(part), std::string::npos) << part << config.output();
+    Call{"get_config", "", 0,
+         R"({"config":{"dns1":"10.53.0.3","dns2":"10.53.0.2","dns3":"10.53.0.1","dns4":"%%",)"
+         R"("dns_timeout":100,"dns_port":53,"threads":5,"log_level":7,"interface":"apcli0",)"
+         R"("job_queue_length":0,"disabled":1,"track":1,"remote_log":1}})"}
+        .run();
 }
 
 TEST_F(Admin, WithoutABusOnlyAdministrationIsMissing) {
     bus.reset();
     unlink("/var/run/ubus/ubus.sock");
     configure();
-    Daemon alone;
-    Upstream upstream(1);
-    Daemon::prime();
-    EXPECT_EQ(Client().ask(query("a.example")), Upstream::echo(query("a.example")));
+    PrimedDaemon alone;
+    EXPECT_TRUE(passes("a.example"));
     EXPECT_EQ(log_priority("Failed to connect to UBUS socket. Admin is disabled"), 3);
     EXPECT_EQ(alone.stop(), 0);
 }
@@ -157,40 +157,31 @@ TEST_F(Admin, ABusThatEndsTakesNothingWithIt) {
     daemon->signal(SIGINT); // the event loop of the bus thread must not swallow it
     EXPECT_EQ(daemon->wait(), 128 + SIGINT);
     start_daemon();
-    const Upstream upstream(1);
-    Daemon::prime();
     for (const int end : {SIGTERM, SIGKILL}) {
         bus->signal(end);
         EXPECT_EQ(bus->wait(), end == SIGTERM ? 0 : 128 + end);
-        EXPECT_EQ(Client().ask(query("gone.example")), Upstream::echo(query("gone.example")));
+        EXPECT_TRUE(passes("gone.example"));
         unlink("/var/run/ubus/ubus.sock");
         start_bus();
         // The daemon looks for no new bus, only one that starts anew is on it.
         Call{"ping", "", 4, ""}.run();
-        EXPECT_EQ(Client().ask(query("back.example")), Upstream::echo(query("back.example")));
+        EXPECT_TRUE(passes("back.example"));
         EXPECT_EQ(daemon->stop(), 0);
         start_daemon();
-        Daemon::prime();
         Call{"ping", "", 0, message("Ping Reply")}.run();
     }
 }
 
 TEST_F(Admin, WithoutDescriptorsQueriesAreStillAnswered) {
     start({{"dns_timeout", "100"}});
-    const Upstream upstream(1, [](const Bytes &message) {
-        const bool silent = message.find("silent") != Bytes::npos;
-        return silent ? Upstream::silence(message) : Upstream::echo(message);
-    });
-    Daemon::prime();
     const auto limit_to = [this](size_t count) {
         const rlimit limit{count, 4096};
         ASSERT_EQ(prlimit(daemon->pid(), RLIMIT_NOFILE, &limit, nullptr), 0);
     };
     Connection connection;
+    const std::string numbers = "/proc/" + std::to_string(daemon->pid()) + "/fd/";
     size_t none = 0; // the lowest number that is free
-    while (
-        access(("/proc/" + std::to_string(daemon->pid()) + "/fd/" + std::to_string(none)).c_str(),
-               F_OK) == 0)
+    while (access((numbers + std::to_string(none)).c_str(), F_OK) == 0)
         none++;
     const size_t open = daemon->descriptors();
     for (const size_t limit : {none, size_t{1024}}) {
@@ -198,7 +189,7 @@ TEST_F(Admin, WithoutDescriptorsQueriesAreStillAnswered) {
         EXPECT_EQ(connection.call("clients") == 0, limit > none);
         Client().send(query("silent.example"));
         // The upstream socket is replaced under the number that it had.
-        EXPECT_EQ(Client().ask(query("a.example")), Upstream::echo(query("a.example")));
+        EXPECT_TRUE(passes("a.example"));
         EXPECT_EQ(connection.call("set_config", R"({"dns1":"10.53.0.1"})") == 0, limit > none);
     }
     EXPECT_EQ(log_count("Response timed out"), 2U);
@@ -222,8 +213,7 @@ TEST_F(Admin, CallsLeaveNoDescriptorBehind) {
 
 TEST_F(Admin, EditsWhileQueriesFlow) {
     start({{"dns_timeout", "500"}});
-    Upstream first(1), second(2);
-    Daemon::prime();
+    const Upstream second(2);
     std::atomic<bool> done = false;
     std::atomic<int> answered = 0;
     std::thread queries([&] {

@@ -14,8 +14,9 @@ extern "C" {
 
 namespace harness {
 
-// A bus daemon runs; once start() has returned, ours has a database and is on the bus.
+// A bus daemon runs; once start() has returned, ours has a database, is on the bus and answers.
 struct BusTest : SystemTest {
+    const Upstream upstream{1};
     std::optional<Process> bus;
     std::optional<Daemon> daemon;
 
@@ -25,7 +26,8 @@ struct BusTest : SystemTest {
     }
     void start_daemon() {
         daemon.emplace();
-        ASSERT_EQ(Process(BUS_CLIENT, {"-t", "10", "wait_for", "vantrelle"}).wait(), 0);
+        run(BUS_CLIENT " -t 10 wait_for vantrelle");
+        Daemon::prime();
     }
     void start(const Options &main = {}) {
         Options all{{"stats_db_path", "/etc/vantrelle"}};

@@ -95,8 +95,7 @@ TEST_F(DatabaseSystemTest, AKillLosesNothingThatWasFinished) {
 
 TEST_F(DatabaseSystemTest, AnswersWhileAnotherProcessHoldsTheDatabase) {
     write_file("/etc/vantrelle/black.lst", "ads.example\n");
-    Daemon daemon;
-    Daemon::prime();
+    PrimedDaemon daemon;
     sqlite3 *other = nullptr;
     ASSERT_EQ(sqlite3_open(file.c_str(), &other), SQLITE_OK);
     ASSERT_EQ(sqlite3_exec(other, "begin immediate", nullptr, nullptr, nullptr), SQLITE_OK);
@@ -113,8 +112,7 @@ TEST_F(DatabaseSystemTest, AnswersWhileAnotherProcessHoldsTheDatabase) {
 
 TEST_F(DatabaseSystemTest, RestartContinuesTheCounters) {
     {
-        Daemon daemon;
-        Daemon::prime();
+        PrimedDaemon daemon;
         ask("a", 4);
         daemon.signal(SIGUSR2);
         EXPECT_TRUE(eventually([] { return number("select count(*) from summary") == 2; }));
@@ -126,8 +124,7 @@ TEST_F(DatabaseSystemTest, RestartContinuesTheCounters) {
     const int requests = number("select req from summary where id = 3");
     EXPECT_GE(requests, 5);
     {
-        Daemon daemon;
-        Daemon::prime(); // a datagram that is still queued when the daemon stops counts nothing
+        PrimedDaemon daemon; // a datagram that is still queued when the daemon stops counts nothing
         EXPECT_EQ(daemon.stop(), 0);
     }
     EXPECT_GT(number("select req from summary where id = 4"), requests);
@@ -154,8 +151,7 @@ TEST_F(DatabaseSystemTest, ServesWithoutAWorkingDatabase) {
     for (const auto &[location, error] : cases) {
         SCOPED_TRACE(error);
         configure({{"stats_db_path", location}});
-        Daemon daemon;
-        Daemon::prime();
+        PrimedDaemon daemon;
         ask("a", 2);
         EXPECT_EQ(log_priority(error), LOG_ERR);
         EXPECT_EQ(daemon.stop(), 0);
@@ -167,8 +163,7 @@ TEST_F(DatabaseSystemTest, ServesWithoutAWorkingDatabase) {
 
 TEST_F(DatabaseSystemTest, ServesOnAFileSystemThatStopsTakingRows) {
     ASSERT_EQ(mount("none", place.c_str(), "tmpfs", 0, "size=1m"), 0);
-    Daemon daemon;
-    Daemon::prime();
+    PrimedDaemon daemon;
     ask("before", 2);
     const auto errors = [](const char *reason) {
         return log_count("Couldn't execute sql statement: " + std::string(reason));
@@ -186,8 +181,7 @@ TEST_F(DatabaseSystemTest, ServesOnAFileSystemThatStopsTakingRows) {
     EXPECT_EQ(read("select count(*) from dns_traffic where fqdn like 'after0%'"), "1\n");
     EXPECT_EQ(daemon.stop(), 0);
     ASSERT_EQ(mount("none", place.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
-    Daemon again;
-    Daemon::prime();
+    PrimedDaemon again;
     ask("read-only", 2);
     EXPECT_GE(errors("attempt to write a readonly database"), 1U);
     EXPECT_EQ(again.stop(), 0);

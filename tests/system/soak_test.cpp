@@ -30,11 +30,6 @@ constexpr Question QUESTIONS[] = {
 };
 
 struct Soak : BusTest {
-    const Upstream upstream{1, [](const Bytes &message) {
-                                return message.find("silent") == Bytes::npos
-                                           ? Upstream::echo(message)
-                                           : Upstream::silence(message);
-                            }};
     const Client clients[3]{Client(20), Client(21), Client(22)};
 
     const Client &client_of(size_t number) const {
@@ -99,7 +94,6 @@ TEST_F(Soak, NothingGrows) {
     for (size_t life = 1; life <= LIVES; life++) {
         drop_in_lists();
         start({{"dns_timeout", "200"}});
-        Daemon::prime();
         Connection connection;
         std::optional<Use> before;
         for (size_t asked = 0; asked < each && !HasFailure(); asked += AT_ONCE) {
