@@ -120,31 +120,27 @@ class Command {
     UniqueFd out_, err_;
     std::chrono::steady_clock::time_point started_ = std::chrono::steady_clock::now();
 
-    static std::pair<UniqueFd, UniqueFd> make_pipe(bool is_terminal) {
-        int ends[2] = {-1, -1};
-        termios raw{};
-        cfmakeraw(&raw);
-        const int result =
-            is_terminal ? openpty(&ends[0], &ends[1], nullptr, &raw, nullptr) : pipe(ends);
-        EXPECT_EQ(result, 0);
-        return {UniqueFd(ends[0]), UniqueFd(ends[1])};
-    }
-
   public:
     Command(const json &recorded, const std::string &socket) : recorded_(recorded) {
-        auto [out, out_end] = make_pipe(false);
-        auto [err, err_end] = make_pipe(recorded["stderr_is_terminal"]);
+        int out[2], err[2];
+        termios raw{};
+        cfmakeraw(&raw);
+        const bool is_terminal = recorded["stderr_is_terminal"];
+        EXPECT_EQ(pipe(out), 0);
+        EXPECT_EQ(is_terminal ? openpty(&err[0], &err[1], nullptr, &raw, nullptr) : pipe(err), 0);
         std::vector<std::string> texts = recorded["argv"];
         texts.insert(texts.begin() + 1, {"-s", socket});
         std::vector<char *> argv(texts.size() + 1);
         std::ranges::transform(texts, argv.begin(), [](auto &text) { return text.data(); });
-        program_.start([&argv, to = out_end.get(), errors_to = err_end.get()] {
-            dup2(to, STDOUT_FILENO);
-            dup2(errors_to, STDERR_FILENO);
+        program_.start([&] {
+            dup2(out[1], STDOUT_FILENO);
+            dup2(err[1], STDERR_FILENO);
             execv(UBUS_PROGRAM, argv.data());
         });
-        out_ = std::move(out);
-        err_ = std::move(err);
+        out_ = UniqueFd(out[0]);
+        err_ = UniqueFd(err[0]);
+        close(out[1]);
+        close(err[1]);
     }
     void expect_end() {
         SCOPED_TRACE(recorded_["argv"].dump());
