@@ -160,7 +160,7 @@ static Node *unlink_node(Node *&link, List *list) {
 }
 
 static void log_expiry(const char *format, const Node *node) {
-    const time_t expiry = static_cast<time_t>(node->exp_time);
+    const auto expiry = static_cast<time_t>(node->exp_time);
     struct tm local {};
     char text[80] = "";
     localtime_r(&expiry, &local);

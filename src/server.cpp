@@ -244,7 +244,7 @@ void divert(const uint8_t *message, int32_t length, sockaddr_in client, int bloc
     const ssize_t sent =
         send_datagram(oDNS.listenfd, reply, length + static_cast<int32_t>(sizeof ANSWER), client);
     if (sent < 0)
-        syslog(LOG_ERR, "[%lu] Divert Received error: %s %d\n", thread_id(), std::strerror(errno),
+        syslog(LOG_ERR, "[%lu] Divert Received error: %s %d\n", thread_id(), error_text(),
                static_cast<int>(sent));
 }
 
