@@ -5,13 +5,10 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
-#include <vector>
-
-namespace fs = std::filesystem;
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
 
-static void run(const fs::path &path) {
+static void run(const std::filesystem::path &path) {
     std::ifstream in(path, std::ios::binary);
     const std::string input(std::istreambuf_iterator<char>(in), {});
     std::printf("%s\n", path.c_str()); // the last one is the one that fails
@@ -19,12 +16,11 @@ static void run(const fs::path &path) {
     LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t *>(input.data()), input.size());
 }
 
-int main(int argc, char **argv) {
-    for (const fs::path path : std::vector<std::string>(argv + 1, argv + argc)) {
-        if (fs::is_directory(path))
-            for (const auto &entry : fs::directory_iterator(path))
+int main(int, char **argv) {
+    while (const char *argument = *++argv)
+        if (std::filesystem::is_directory(argument))
+            for (const auto &entry : std::filesystem::directory_iterator(argument))
                 run(entry.path());
-        else if (!path.string().starts_with("-"))
-            run(path);
-    }
+        else if (*argument != '-')
+            run(argument);
 }
