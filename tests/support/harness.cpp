@@ -1,44 +1,20 @@
 #include "harness.h"
 
 #include <algorithm>
-#include <array>
-#include <chrono>
-#include <csignal>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
 
 #include <arpa/inet.h>
 #include <poll.h>
 #include <spawn.h>
 #include <sys/un.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
-namespace fs = std::filesystem;
-using namespace std::string_literals;
 using sandbox::must;
 
 namespace harness {
 namespace {
 
 constexpr uint16_t dns_port = 53;
-
-sockaddr_in socket_address(const std::string &text, uint16_t port) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    must(inet_aton(text.c_str(), &address.sin_addr) == 1, "read the address " + text);
-    return address;
-}
-
-int bound_socket(const std::string &text, uint16_t port) {
-    int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address = socket_address(text, port);
-    must(fd >= 0 && bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0,
-         "bind to " + text);
-    return fd;
-}
 
 // The log file only grows: what was read once is kept.
 struct LogReader {
@@ -141,11 +117,15 @@ bool wait_for_log(std::string_view text, size_t times, int timeout) {
 }
 
 int log_priority(std::string_view text) {
-    for (const auto &line : log_lines()) {
+    for (const auto &line : log_lines())
         if (line.text == text)
             return line.priority;
-    }
     return -1;
+}
+
+void expect_logged(int priority, std::initializer_list<std::string_view> texts) {
+    for (const std::string_view text : texts)
+        EXPECT_EQ(log_priority(text), priority) << text;
 }
 
 bool eventually(const std::function<bool()> &condition, int timeout) {
@@ -193,27 +173,47 @@ Bytes with_id(Bytes message, uint16_t id) {
     return message;
 }
 
-Client::Client(int number) : fd(bound_socket(sandbox::client_prefix + std::to_string(number), 0)) {}
+sockaddr_in socket_address(const std::string &text, uint16_t port) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    must(inet_aton(text.c_str(), &address.sin_addr) == 1, "read the address " + text);
+    return address;
+}
 
-Client::~Client() {
+Socket::Socket(const std::string &address, uint16_t port)
+    : fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+    const sockaddr_in own = socket_address(address, port);
+    must(bind(fd, reinterpret_cast<const sockaddr *>(&own), sizeof own) == 0, "bind to " + address);
+}
+
+Socket::~Socket() {
     close(fd);
 }
 
-void Client::send(const Bytes &message, const char *address) const {
-    sockaddr_in to = socket_address(address, dns_port);
-    must(sendto(fd, message.data(), message.size(), 0, reinterpret_cast<sockaddr *>(&to),
+void Socket::send_to(const Bytes &message, const sockaddr_in &to) const {
+    must(sendto(fd, message.data(), message.size(), 0, reinterpret_cast<const sockaddr *>(&to),
                 sizeof to) == static_cast<ssize_t>(message.size()),
-         "send a query");
+         "send a message");
 }
 
-std::optional<Bytes> Client::receive(int timeout) const {
+std::optional<Bytes> Socket::receive(int timeout, sockaddr_in *from) const {
     pollfd waiting{fd, POLLIN, 0};
     if (poll(&waiting, 1, timeout) != 1)
         return std::nullopt;
-    std::array<char, 4096> buffer;
-    ssize_t size = recv(fd, buffer.data(), buffer.size(), 0);
-    must(size >= 0, "receive an answer");
-    return Bytes(buffer.data(), static_cast<size_t>(size));
+    Bytes message(4096, '\0');
+    socklen_t length = sizeof(sockaddr_in);
+    const ssize_t size = recvfrom(fd, message.data(), message.size(), 0,
+                                  reinterpret_cast<sockaddr *>(from), from ? &length : nullptr);
+    must(size >= 0, "receive a message");
+    message.resize(static_cast<size_t>(size));
+    return message;
+}
+
+Client::Client(int number) : Socket(sandbox::client_prefix + std::to_string(number), 0) {}
+
+void Client::send(const Bytes &message, const char *address) const {
+    send_to(message, socket_address(address, dns_port));
 }
 
 std::optional<Bytes> Client::ask(const Bytes &message, const char *address) const {
@@ -235,14 +235,12 @@ std::optional<Bytes> Upstream::echo(const Bytes &message) {
 }
 
 Upstream::Upstream(int number, Answer what)
-    : answer(std::move(what)),
-      fd(bound_socket(sandbox::upstream_prefix + std::to_string(number), dns_port)),
+    : answer(std::move(what)), socket(sandbox::upstream_prefix + std::to_string(number), dns_port),
       thread([this] { serve(); }) {}
 
 Upstream::~Upstream() {
     stopping = true;
     thread.join();
-    close(fd);
 }
 
 std::vector<Bytes> Upstream::received() const {
@@ -256,26 +254,17 @@ size_t Upstream::count() const {
 }
 
 void Upstream::serve() {
-    std::array<char, 4096> buffer;
     while (!stopping) {
-        pollfd waiting{fd, POLLIN, 0};
-        if (poll(&waiting, 1, 20) != 1)
-            continue;
         sockaddr_in from{};
-        socklen_t length = sizeof from;
-        ssize_t size = recvfrom(fd, buffer.data(), buffer.size(), 0,
-                                reinterpret_cast<sockaddr *>(&from), &length);
-        if (size < 0)
+        const std::optional<Bytes> message = socket.receive(20, &from);
+        if (!message)
             continue;
-        const Bytes message(buffer.data(), static_cast<size_t>(size));
         {
             std::lock_guard guard(mutex);
-            messages.push_back(message);
+            messages.push_back(*message);
         }
-        const std::optional<Bytes> reply = answer(message);
-        if (reply)
-            sendto(fd, reply->data(), reply->size(), 0, reinterpret_cast<sockaddr *>(&from),
-                   length);
+        if (const std::optional<Bytes> reply = answer(*message))
+            socket.send_to(*reply, from);
     }
 }
 
@@ -375,7 +364,7 @@ int main(int argc, char **argv) {
         return strcmp(argument, "--gtest_list_tests") == 0;
     });
     if (!listing && !sandbox::inside()) {
-        std::string self = fs::read_symlink("/proc/self/exe");
+        std::string self = harness::fs::read_symlink("/proc/self/exe");
         argv[0] = self.data();
         return sandbox::run(argv);
     }

@@ -6,7 +6,11 @@
 #include "sandbox.h"
 
 #include <atomic>
+#include <chrono>
+#include <csignal>
 #include <cstdint>
+#include <filesystem>
+#include <fstream>
 #include <functional>
 #include <mutex>
 #include <optional>
@@ -18,9 +22,13 @@
 
 #include <gtest/gtest.h>
 #include <netinet/in.h>
-#include <sys/types.h>
+#include <syslog.h>
+#include <unistd.h>
 
 namespace harness {
+
+namespace fs = std::filesystem;
+using namespace std::string_literals;
 
 using Bytes = std::string; // a message; text comparison shows differences readably
 
@@ -38,6 +46,9 @@ using Options = std::vector<std::pair<std::string, std::string>>;
 // addresses and log_level 6, unless they are given) and in the section logging.
 void configure(const Options &main = {}, const Options &logging = {});
 std::string read_file(const std::string &path);
+inline bool contains(std::string_view text, std::string_view part) {
+    return text.find(part) != text.npos;
+}
 using sandbox::write_file;
 
 // The system log since the test began
@@ -55,6 +66,7 @@ size_t log_count(std::string_view text); // lines that contain the text
 bool wait_for_log(std::string_view text, size_t times = 1, int timeout = 10000);
 // The priority of the first line with exactly this text, -1 when there is none.
 int log_priority(std::string_view text);
+void expect_logged(int priority, std::initializer_list<std::string_view> texts);
 
 // Waits until the condition holds; false when it still does not after that many milliseconds.
 bool eventually(const std::function<bool()> &condition, int timeout = 10000);
@@ -65,20 +77,29 @@ uint16_t id_of(const Bytes &message); // 0 for a message without a whole header
 int rcode_of(const Bytes &message);   // -1 likewise
 Bytes with_id(Bytes message, uint16_t id);
 
-// A client at 192.168.8.NUMBER (20 to 29), on a port of its own.
-class Client {
-  public:
-    explicit Client(int number = 20);
-    ~Client();
-    Client(const Client &) = delete;
-    Client &operator=(const Client &) = delete;
+sockaddr_in socket_address(const std::string &text, uint16_t port);
 
-    void send(const Bytes &message, const char *address = sandbox::router) const;
-    std::optional<Bytes> receive(int timeout = 3000) const; // nothing when the time is over
-    std::optional<Bytes> ask(const Bytes &message, const char *address = sandbox::router) const;
+// A UDP socket with an address of its own.
+class Socket {
+  public:
+    Socket(const std::string &address, uint16_t port);
+    ~Socket();
+    Socket(const Socket &) = delete;
+    Socket &operator=(const Socket &) = delete;
+
+    void send_to(const Bytes &message, const sockaddr_in &to) const;
+    // Nothing when the time (milliseconds) is over. Tells the sender's address, if asked for it.
+    std::optional<Bytes> receive(int timeout = 3000, sockaddr_in *from = nullptr) const;
 
   private:
     int fd;
+};
+
+// A client at 192.168.8.NUMBER (20 to 29), on a port of its own.
+struct Client : Socket {
+    explicit Client(int number = 20);
+    void send(const Bytes &message, const char *address = sandbox::router) const;
+    std::optional<Bytes> ask(const Bytes &message, const char *address = sandbox::router) const;
 };
 
 // Whether a query for the name gets the answer that Upstream::echo() gives.
@@ -94,9 +115,6 @@ class Upstream {
 
     explicit Upstream(int number, Answer answer = echo);
     ~Upstream();
-    Upstream(const Upstream &) = delete;
-    Upstream &operator=(const Upstream &) = delete;
-
     std::vector<Bytes> received() const;
     size_t count() const;
 
@@ -104,7 +122,7 @@ class Upstream {
     void serve();
 
     Answer answer;
-    int fd;
+    Socket socket;
     mutable std::mutex mutex;
     std::vector<Bytes> messages;
     std::atomic<bool> stopping = false;

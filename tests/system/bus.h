@@ -21,6 +21,7 @@ struct BusTest : SystemTest {
     std::optional<Daemon> daemon;
 
     void start_bus() {
+        unlink("/var/run/ubus/ubus.sock");
         bus.emplace(BUS_PROGRAM, std::vector<std::string>{});
         ASSERT_TRUE(eventually([] { return access("/var/run/ubus/ubus.sock", F_OK) == 0; }));
     }

@@ -3,14 +3,11 @@
 #include "database.h"
 #include "harness.h"
 
-#include <sys/stat.h>
-
 using namespace harness;
-using namespace std::string_literals;
 
 namespace {
 
-constexpr char BASE[] = "/etc/vantrelle";
+const std::string BASE = "/etc/vantrelle";
 
 // Name pointer, type A, class IN, 1345 seconds, 255.255.255.255.
 const Bytes LOCAL_ANSWER = "\xC0\x0C\x00\x01\x00\x01\x00\x00\x05\x41\x00\x04\xFF\xFF\xFF\xFF"s;
@@ -28,7 +25,7 @@ Bytes diverted(const Bytes &query) {
 
 // Rows that the daemon left.
 std::string rows(const std::string &sql) {
-    return read_rows(BASE + "/vantrelle.db"s, sql);
+    return read_rows(BASE + "/vantrelle.db", sql);
 }
 
 // Which entry of a list decided which name for which client.
@@ -38,18 +35,18 @@ std::string hits(const std::string &list) {
                 list + " l on l.id = s.frag_id order by h.id");
 }
 
-class Filter : public SystemTest {
-  protected:
+struct Filter : SystemTest {
+    const Upstream upstream{1};
+
     void SetUp() override {
         SystemTest::SetUp();
-        const std::string base = BASE;
-        mkdir(BASE, 0700);
-        write_file(base + "/black.lst", "ads\nboth.example,4\n");
-        write_file(base + "/local_black.lst", "tracker.example,1\n");
-        write_file(base + "/white.lst", "good-ads.example,4\n");
-        write_file(base + "/local_white.lst", "both.example,4\n");
-        write_file(base + "/blocked_device.lst", "192.168.8.21,4\n");
-        write_file(base + "/local_device.lst", "192.168.8.22,4\n192.168.8.21,4\n");
+        fs::create_directory(BASE);
+        write_file(BASE + "/black.lst", "ads\nboth.example,4\n");
+        write_file(BASE + "/local_black.lst", "tracker.example,1\n");
+        write_file(BASE + "/white.lst", "good-ads.example,4\n");
+        write_file(BASE + "/local_white.lst", "both.example,4\n");
+        write_file(BASE + "/blocked_device.lst", "192.168.8.21,4\n");
+        write_file(BASE + "/local_device.lst", "192.168.8.22,4\n192.168.8.21,4\n");
         configure({{"stats_db_path", BASE}});
     }
 };
@@ -58,14 +55,14 @@ struct Case {
     int client;
     const char *name;
     bool blocked;
-    const char *line; // that the decision logs, null for none
+    const char *line; // that the decision logs, if any
 };
 
 const Case CASES[] = {
-    {20, "plain.example", false, nullptr},
+    {20, "plain.example", false, ""},
     {20, "ads.example", true, "ads.example blacklisted (192.168.8.20)"},
     {20, "x.tracker.example", true, "x.tracker.example locally blacklisted (192.168.8.20)"},
-    {20, "ADS.example", false, nullptr},
+    {20, "ADS.example", false, ""},
     {20, "good-ads.example", false, "good-ads.example whitelisted (192.168.8.20)"},
     {20, "both.example", false, "both.example locally whitelisted (192.168.8.20)"},
     {21, "plain.example", true, "192.168.8.21 is blocked client, plain.example"},
@@ -75,13 +72,12 @@ const Case CASES[] = {
     {20, "VANTRELLE-22aabbcc", false, "VANTRELLE-22aabbcc is local server (192.168.8.20)"},
     {20, "vantrelle-22AABBCC.loca", false,
      "vantrelle-22AABBCC.loca is local server (192.168.8.20)"},
-    {20, "1.0.168.192.in-addr.arpa.ads", false, nullptr}, // a reverse lookup is never filtered
+    {20, "1.0.168.192.in-addr.arpa.ads", false, ""}, // a reverse lookup is never filtered
 };
 
 } // namespace
 
 TEST_F(Filter, DecidesInOrderAndRecords) {
-    const Upstream upstream(1);
     PrimedDaemon daemon;
     uint16_t id = 100;
     for (const Case &c : CASES) {
@@ -89,9 +85,7 @@ TEST_F(Filter, DecidesInOrderAndRecords) {
         const Bytes question = query(c.name, ++id, 1, true);
         EXPECT_EQ(Client(c.client).ask(question),
                   c.blocked ? diverted(question) : Upstream::echo(question));
-        if (c.line) {
-            EXPECT_EQ(log_priority(c.line), 6);
-        }
+        EXPECT_EQ(log_priority(c.line), *c.line ? 6 : -1);
     }
     EXPECT_EQ(daemon.stop(), 0);
     EXPECT_EQ(
@@ -117,7 +111,6 @@ TEST_F(Filter, DecidesInOrderAndRecords) {
 
 TEST_F(Filter, DisabledForwardsAndRecordsNothing) {
     configure({{"stats_db_path", BASE}, {"disabled", "1"}});
-    const Upstream upstream(1);
     PrimedDaemon daemon;
     for (const int client : {20, 21})
         EXPECT_TRUE(passes("ads.example", client));
@@ -126,7 +119,6 @@ TEST_F(Filter, DisabledForwardsAndRecordsNothing) {
 }
 
 TEST_F(Filter, TakesMessagesOfAnySizeAndAnyName) {
-    const Upstream upstream(1);
     PrimedDaemon daemon;
     const Client client;
     for (size_t size = 0; size < 12; size++)

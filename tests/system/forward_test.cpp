@@ -1,10 +1,7 @@
 // Queries on their way to the upstream servers and back: failover, exact bytes, nothing lost.
 #include "harness.h"
 
-#include <csignal>
 #include <map>
-
-#include <unistd.h>
 
 using namespace harness;
 
@@ -17,17 +14,14 @@ TEST_F(ForwardTest, MovesRoundTheRingAndLeavesNoDescriptorBehind) {
     configure({{"dns_timeout", "2"}});
     Daemon daemon;
     Client client;
-    constexpr std::array moves{
-        "Switching to Secondary Upstream DNS", "Switching to Tertiary Upstream DNS",
-        "Switching to Quaternary Upstream DNS", "Switching to Primary Upstream DNS"};
     for (size_t sent = 1; sent <= 21; sent++) {
         client.send(query("silent.example"));
         ASSERT_TRUE(wait_for_log("Response timed out", sent));
         // The move comes at the start of the sixth query, not with the fifth time-out.
         EXPECT_EQ(log_count("Switching to"), (sent - 1) / 5) << "after " << sent;
     }
-    for (const char *move : moves)
-        EXPECT_EQ(log_priority(move), 6) << move;
+    expect_logged(6, {"Switching to Secondary Upstream DNS", "Switching to Tertiary Upstream DNS",
+                      "Switching to Quaternary Upstream DNS", "Switching to Primary Upstream DNS"});
     for (const Upstream *server : {&first, &second, &third, &fourth})
         EXPECT_TRUE(eventually([&] { return server->count() == (server == &first ? 6 : 5); }));
     for (const auto &[count, times] : std::map<int, size_t>{{1, 5}, {5, 4}, {6, 0}}) {

@@ -4,14 +4,7 @@
 #include "harness.h"
 #include "ledutils.h"
 
-#include <filesystem>
-#include <fstream>
-
-#include <syslog.h>
-#include <unistd.h>
-
 using namespace harness;
-namespace fs = std::filesystem;
 
 namespace {
 

@@ -1,12 +1,11 @@
 // Settings written back to the configuration store: the files that result, byte for byte, the
-// result codes and the log lines. The writers know only the system's own /etc/config.
+// result codes and the log lines. The writers know only the system's own /etc/config. And what the
+// package ships: settings that are the built-in defaults, spelled as the daemon reads them.
+#include "config.h"
 #include "guards.h"
 #include "harness.h"
+#include "ledutils.h"
 #include "uciutils.h"
-
-#include <filesystem>
-
-#include <syslog.h>
 
 using namespace harness;
 
@@ -22,7 +21,6 @@ constexpr char system_before[] = "config system\n\toption log_remote '0'\n";
 struct SettingsTest : SystemTest {
     void SetUp() override {
         SystemTest::SetUp();
-        std::filesystem::remove_all("/tmp/.uci");
         openlog("settings", LOG_PID, LOG_LOCAL0);
         write_file(settings_file, before);
         write_file(system_file, system_before);
@@ -68,11 +66,10 @@ TEST_F(SettingsTest, WriteTheFilesAnew) {
     EXPECT_EQ(set_remote_log(1), 0);
     EXPECT_EQ(read_file(system_file), "\nconfig system\n\toption log_remote '1'\n\n");
     EXPECT_EQ(errors(), "");
-    for (const char *line :
-         {"Remote Logging inside set: 1", "Inside set_dns 4 : it's", "sec: vantrelle.@main[0]",
-          "dns_option: upstream_dns4", "About to set option",
-          "config.option/config.value: upstream_dns4, it's", "About to commit", "Commit was OK"})
-        EXPECT_EQ(log_priority(line), LOG_DEBUG) << line;
+    expect_logged(LOG_DEBUG, {"Remote Logging inside set: 1", "Inside set_dns 4 : it's",
+                              "sec: vantrelle.@main[0]", "dns_option: upstream_dns4",
+                              "config.option/config.value: upstream_dns4, it's",
+                              "About to set option", "About to commit", "Commit was OK"});
 }
 
 // All five that the bus uses, as one text of their results.
@@ -94,8 +91,8 @@ TEST_F(SettingsTest, FailWithoutTheirSection) {
     const std::string main = missing + "vantrelle.@main[0]";
     EXPECT_EQ(errors(), main + "\n" + main + "\n" + main + "\n" + missing + "system.@system[0]\n" +
                             main + " 1\n" + main + ".stats_db_path 1\n");
-    std::filesystem::remove(settings_file);
-    std::filesystem::remove(system_file);
+    fs::remove(settings_file);
+    fs::remove(system_file);
     EXPECT_EQ(results(), "55551");
 }
 
@@ -128,7 +125,43 @@ TEST_F(SettingsTest, DatabaseLocationIsNotStored) {
     EXPECT_EQ(errors(), "");
     // What the attempts left behind harms nothing, and the next change clears it away.
     EXPECT_EQ(set_loglevel(5), 0);
-    EXPECT_EQ(std::filesystem::file_size("/tmp/.uci/vantrelle"), 0U);
+    EXPECT_EQ(fs::file_size("/tmp/.uci/vantrelle"), 0U);
+}
+
+// What load_config() makes of a settings file.
+std::vector<std::string> settings_from(const std::string &file) {
+    write_file("/etc/config/vantrelle", file);
+    oDNS.log_level = 0;
+    load_config();
+    std::vector<std::string> all;
+    for (char **text :
+         {&oDNS.path, &oDNS.interface, &oDNS.hostname, &oDNS.board, &oDNS.upstream_dns[0],
+          &oDNS.upstream_dns[1], &oDNS.upstream_dns[2], &oDNS.upstream_dns[3]})
+        all.emplace_back(OwnedText(std::exchange(*text, nullptr)).get());
+    for (const int number :
+         {oDNS.port, oDNS.dns_timeout, oDNS.socket_buffer_size, oDNS.thread_pool,
+          oDNS.log_level.load(), oDNS.log_stats_interval, oDNS.record_traffic.load(),
+          oDNS.disabled.load(), oDNS.dns_max_time_on_secondary, oDNS.debug, oDNS.debug_sql})
+        all.push_back(std::to_string(number));
+    return all;
+}
+
+TEST_F(SettingsTest, ShippedOnesAreTheBuiltInDefaults) {
+    std::string shipped = read_file(SHIPPED_FILES "/etc/config/vantrelle");
+    EXPECT_EQ(settings_from(shipped), settings_from(""));
+
+    SetUp();
+    // A misspelt option got its default above; with everything logged it is a failed reading.
+    const std::string quiet = "option log_level '0'";
+    ASSERT_NE(shipped.find(quiet), std::string::npos);
+    settings_from(shipped.replace(shipped.find(quiet), quiet.size(), "option log_level '7'"));
+    start_init_leds();
+    shutdown_multi_led();
+    const OwnedText database(get_stats_db_location());
+    EXPECT_STREQ(database.get(), "/etc/vantrelle") << "there is no default to fall back to";
+    EXPECT_EQ(log_count("Done Load Config") + log_count("GPIO Mux returned 0"), 2U);
+    for (const LogLine &line : log_lines())
+        EXPECT_EQ(line.text.find("Failed"), std::string::npos) << line.text;
 }
 
 } // namespace
