@@ -4,6 +4,7 @@
 #include "list.h"
 #include "listindex.h"
 #include "listload.h"
+#include "names.h"
 #include "statsdb.h"
 
 #include <algorithm>
@@ -30,21 +31,6 @@ enum Mixture { ALL_MODES, ALL_CONTAIN };
 enum Method { WALK, INDEX };
 enum Answer { MISS, HIT };
 
-std::string random_label(std::mt19937 &random, size_t shortest, size_t longest) {
-    std::string label(shortest + random() % (longest - shortest + 1), 'a');
-    for (char &c : label)
-        c = static_cast<char>('a' + random() % 26);
-    return label;
-}
-
-// Like the entries of real lists: 10 to 28 bytes, two or three labels.
-std::string random_name(std::mt19937 &random) {
-    std::string name = random_label(random, 6, 15) + '.' + random_label(random, 3, 3);
-    if (random() % 3 == 0)
-        name = random_label(random, 2, 8) + '.' + name;
-    return name;
-}
-
 struct Patterns {
     List *list = create_list();
     size_t text_bytes = 0;
@@ -68,7 +54,7 @@ struct Patterns {
             static_cast<double>(allocated() - before - text_bytes) / static_cast<double>(count);
         for (const Node *node = list->head; node; node = node->next) {
             const size_t missing = KEY_LENGTH - strlen(node->frag);
-            if (node->opt > MATCH_ENDS_WITH || random() % (count / 500) != 0)
+            if (node->opt > MATCH_ENDS_WITH || random() % std::max<size_t>(count / 500, 1) != 0)
                 continue;
             hits.push_back(random_label(random, missing, missing) + node->frag);
             misses.push_back(random_label(random, 17, 17) + '.' + random_label(random, 8, 8) +
@@ -112,6 +98,12 @@ BENCHMARK(BM_Lookup)
     ->ArgNames({"patterns", "contain", "index", "hit"})
     ->ArgsProduct({{100000}, {ALL_MODES, ALL_CONTAIN}, {WALK, INDEX}, {MISS, HIT}})
     ->ArgsProduct({{1000, 1000000}, {ALL_MODES, ALL_CONTAIN}, {INDEX}, {MISS, HIT}});
+
+// For the plot: misses, which walk the whole list.
+BENCHMARK(BM_Lookup)
+    ->Name("Growth")
+    ->ArgNames({"patterns", "contain", "index", "hit"})
+    ->ArgsProduct({{100, 1000, 10000, 100000, 1000000}, {ALL_CONTAIN}, {WALK, INDEX}, {MISS}});
 
 // One pattern comes and goes in a list of the given size.
 void BM_Edit(benchmark::State &state) {

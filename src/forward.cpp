@@ -4,10 +4,9 @@
 #include "ledutils.h"
 #include "netutils.h"
 #include "server.h"
+#include "utils.h"
 
-#include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <ctime>
 #include <poll.h>
 #include <sys/socket.h>
@@ -96,12 +95,12 @@ static void relay_answer(sockaddr_in client) {
     uint8_t reply[MAX_MESSAGE + 1] = {};
     const ssize_t length = recv(oDNS.upstreamfd, reply, MAX_MESSAGE, 0);
     if (length < 0) {
-        syslog(LOG_ERR, "Received error: %s %d\n", std::strerror(errno), static_cast<int>(length));
+        syslog(LOG_ERR, "Received error: %s %d\n", error_text(), static_cast<int>(length));
         return;
     }
     const ssize_t sent = send_datagram(oDNS.listenfd, reply, static_cast<int32_t>(length), client);
     if (sent < 0)
-        syslog(LOG_ERR, "Received error: %s %d\n", std::strerror(errno), static_cast<int>(sent));
+        syslog(LOG_ERR, "Received error: %s %d\n", error_text(), static_cast<int>(sent));
     else if (oDNS.debug == 1)
         syslog(LOG_DEBUG, "Received: %s", reinterpret_cast<const char *>(reply));
 }
@@ -119,7 +118,7 @@ void forward_request(const uint8_t *message, int32_t length, sockaddr_in client)
     const ssize_t sent = send_datagram(oDNS.upstreamfd, message, length, upstream);
     if (sent < 0) {
         syslog(LOG_ERR, "[%lu] Sendto Error: %s %d\n", static_cast<unsigned long>(pthread_self()),
-               std::strerror(errno), static_cast<int>(sent));
+               error_text(), static_cast<int>(sent));
         return;
     }
     if (wait_for_answer()) {

@@ -5,6 +5,7 @@
 #include "statsdb.h"
 #include "strutils.h"
 #include "uciutils.h"
+#include "utils.h"
 
 #include <cstddef>
 #include <cstdio>
@@ -159,7 +160,7 @@ static Node *unlink_node(Node *&link, List *list) {
 }
 
 static void log_expiry(const char *format, const Node *node) {
-    const time_t expiry = static_cast<time_t>(node->exp_time);
+    const auto expiry = static_cast<time_t>(node->exp_time);
     struct tm local {};
     char text[80] = "";
     localtime_r(&expiry, &local);
@@ -233,9 +234,8 @@ static Node *walk(const char *key, size_t length, List *list, Node *&expired) {
 
 // Whether traces of a lookup, which are those of a walk, would reach the log.
 static bool is_traced() {
-    const int mask = setlogmask(0); // changes nothing
-    return (is_debug() && mask & LOG_MASK(LOG_DEBUG)) ||
-           (is_sql_debug() && mask & LOG_MASK(LOG_INFO)); // that of the expiry
+    return (is_debug() && is_logged(LOG_DEBUG)) ||
+           (is_sql_debug() && is_logged(LOG_INFO)); // that of the expiry
 }
 
 static Node *find_node(const char *key, List *list, Node *&expired) {

@@ -151,6 +151,7 @@ int main(int argc, char **argv) {
     std::atexit(cleanup);
     setlogmask(127);
     openlog("vantrelled", LOG_PID | LOG_CONS | LOG_NDELAY, LOG_LOCAL0);
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): no other thread runs yet
     for (int option; (option = getopt(argc, argv, "abc:i:l:m:np:rs:t:u:vx:y:?")) != -1;)
         apply_option(option, optarg);
     block_daemon_signals();

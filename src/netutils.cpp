@@ -43,8 +43,13 @@ Address address_of(const ifaddrs *entry) {
 } // namespace
 
 const char *socket2ip(sockaddr_in address) {
-    static thread_local char text[INET_ADDRSTRLEN];
-    inet_ntop(AF_INET, &address.sin_addr, text, sizeof text);
+    // Every list asks for the same client's text, which takes a formatted print to make.
+    static thread_local in_addr_t written = INADDR_ANY;
+    static thread_local char text[INET_ADDRSTRLEN] = "0.0.0.0";
+    if (address.sin_addr.s_addr != written) {
+        written = address.sin_addr.s_addr;
+        inet_ntop(AF_INET, &address.sin_addr, text, sizeof text);
+    }
     return text;
 }
 

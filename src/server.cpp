@@ -35,6 +35,8 @@ std::atomic<int> shutting_down;
 // Waiting jobs beyond which datagrams are dropped: while an upstream is silent a flood then costs a
 // few megabytes and not the router.
 static constexpr int MAX_WAITING_JOBS = 4096;
+// Datagrams that are taken from a steady stream before signals are let in.
+static constexpr int MAX_WITHOUT_SIGNALS = 32;
 static constexpr time_t DROP_WARNING_INTERVAL = 10; // seconds
 
 static const char *shown(const char *text) {
@@ -198,18 +200,23 @@ static int is_reverse(const char *name, sockaddr_in client) {
     return 1;
 }
 
-static int is_local(const char *name, sockaddr_in client) {
+static bool is_own_name(const char *name) {
+    if (strcasecmp(name, "vantrelle") == 0 || strcasecmp(name, "vantrelle.localdomain") == 0)
+        return true;
+    const size_t length = std::strlen(oDNS.hostname);
+    if (strncasecmp(name, oDNS.hostname, length) != 0)
+        return false;
     // The buffer cuts the suffix to ".loca"; queries for the full name go through the lists. Kept.
     char with_suffix[24];
     std::snprintf(with_suffix, sizeof with_suffix, "%s.local", oDNS.hostname);
-    for (const char *own : {static_cast<const char *>(oDNS.hostname), "vantrelle",
-                            "vantrelle.localdomain", static_cast<const char *>(with_suffix)}) {
-        if (strcasecmp(name, own) == 0) {
-            syslog(LOG_INFO, "%s is local server (%s)", name, socket2ip(client));
-            return 1;
-        }
-    }
-    return 0;
+    return !name[length] || strcasecmp(name, with_suffix) == 0;
+}
+
+static int is_local(const char *name, sockaddr_in client) {
+    if (!is_own_name(name))
+        return 0;
+    syslog(LOG_INFO, "%s is local server (%s)", name, socket2ip(client));
+    return 1;
 }
 
 void divert(const uint8_t *message, int32_t length, sockaddr_in client, int blocked) {
@@ -237,7 +244,7 @@ void divert(const uint8_t *message, int32_t length, sockaddr_in client, int bloc
     const ssize_t sent =
         send_datagram(oDNS.listenfd, reply, length + static_cast<int32_t>(sizeof ANSWER), client);
     if (sent < 0)
-        syslog(LOG_ERR, "[%lu] Divert Received error: %s %d\n", thread_id(), std::strerror(errno),
+        syslog(LOG_ERR, "[%lu] Divert Received error: %s %d\n", thread_id(), error_text(),
                static_cast<int>(sent));
 }
 
@@ -269,16 +276,21 @@ static void answer(const DnsRequest &request, const char *name) {
 
 void *_process_request(void *job) {
     const MutexGuard guard(lock);
-    const clock_t start = clock();
-    debugLog("Request Start", start);
+    const bool timed = is_logged(LOG_DEBUG); // reading the processor clock is a system call
+    const clock_t start = timed ? clock() : 0;
+    if (timed)
+        debugLog("Request Start", start);
     {
         const std::unique_ptr<DnsRequest, FreeMemory> request(static_cast<DnsRequest *>(job));
         char name[QUERY_NAME_SIZE] = "";
         extract_url(name, request->message, QUESTION_OFFSET, request->client);
         answer(*request, name);
     }
-    syslog(LOG_DEBUG, "Request End: %lf", static_cast<double>(clock() - start) / CLOCKS_PER_SEC);
-    syslog(LOG_DEBUG, "_____________________________________________________________");
+    if (timed) {
+        syslog(LOG_DEBUG, "Request End: %lf",
+               static_cast<double>(clock() - start) / CLOCKS_PER_SEC);
+        syslog(LOG_DEBUG, "_____________________________________________________________");
+    }
     return nullptr;
 }
 
@@ -309,12 +321,31 @@ static void log_receive_error(int code) {
 
 // Signals are handled here and do not end the wait: a stop shows after the next datagram only.
 static void wait_for_datagram(const sigset_t &mask) {
-    // ppoll() leaves a signal pending when a datagram is there already, so that a steady stream of
-    // queries would keep SIGTERM out for ever.
-    admit_pending_signals(true);
     pollfd waiting = {.fd = oDNS.listenfd, .events = POLLIN, .revents = 0};
     while (ppoll(&waiting, 1, nullptr, &mask) < 0 && errno == EINTR)
         continue;
+}
+
+// Receives the next datagram, for which it waits only when none is there. Sets its length, and the
+// sender's address as far as `address_length` allows.
+static void receive(DnsRequest &received, socklen_t &address_length, const sigset_t &mask) {
+    static int in_a_row;
+    // While a steady stream of queries makes waiting needless, signals come in here.
+    if (++in_a_row > MAX_WITHOUT_SIGNALS) {
+        admit_pending_signals(true);
+        in_a_row = 0;
+    }
+    ssize_t length;
+    while ((length = recvfrom(oDNS.listenfd, received.message, MAX_MESSAGE, MSG_DONTWAIT,
+                              reinterpret_cast<sockaddr *>(&received.client), &address_length)) <
+               0 &&
+           errno == EAGAIN) {
+        wait_for_datagram(mask);
+        in_a_row = 0;
+    }
+    received.length = static_cast<int32_t>(length);
+    const size_t filled = length > 0 ? static_cast<size_t>(length) : 0;
+    std::memset(received.message + filled, 0, sizeof received.message - filled);
 }
 
 static bool queue_is_full() {
@@ -351,11 +382,7 @@ static void main_loop() {
     socklen_t address_length = 0;
     const sigset_t mask = waiting_signal_mask();
     while (!shutting_down) {
-        std::memset(received.message, 0, sizeof received.message);
-        wait_for_datagram(mask);
-        received.length = static_cast<int32_t>(
-            recvfrom(oDNS.listenfd, received.message, MAX_MESSAGE, 0,
-                     reinterpret_cast<sockaddr *>(&received.client), &address_length));
+        receive(received, address_length, mask);
         if (received.length < 0 && !shutting_down)
             log_receive_error(errno);
         else
@@ -431,6 +458,7 @@ static void server_init() {
     init_lists_and_stats();
     admit_pending_signals(false);
     oDNS.pool = thpool_init(oDNS.thread_pool);
+    thpool_run_in_turn(oDNS.pool); // `lock` would make them wait for each other anyway
     init_lock();
     open_admin_gate();
     log_config(0);

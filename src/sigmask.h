@@ -2,8 +2,9 @@
 //
 // The signal handlers log, and one of them writes to the database, so they must never run in the
 // middle of such a call. Once the options are parsed every thread keeps the daemon's signals
-// blocked; the main thread lets them in between the steps of its start-up and while it waits for a
-// datagram, and workers let in SIGUSR1 alone, their pause signal.
+// blocked; the main thread lets them in between the steps of its start-up, while it waits for a
+// datagram and now and then when it need not wait, and workers let in SIGUSR1 alone, their pause
+// signal.
 #pragma once
 
 #include <csignal>

@@ -6,14 +6,17 @@
 #include "server.h"
 #include "uciutils.h"
 
+#include <algorithm>
 #include <climits>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <initializer_list>
 #include <iterator>
 #include <memory>
 #include <sqlite3.h>
+#include <string_view>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -22,8 +25,10 @@ namespace {
 constexpr char DATABASE_NAME[] = "vantrelle.db";
 constexpr int FILE_NAME_SIZE = 254;
 constexpr int STATEMENT_SIZE = 300;
-// A reader in another process may hold the file for a moment; a row must not get lost by that.
-constexpr int BUSY_TIMEOUT_MS = 2000;
+// Another process may hold the file for a moment, and no row must get lost by that. But whoever
+// waits has the request lock: when that long was in vain, the rows that follow are not waited for.
+constexpr int64_t BUSY_TIMEOUT_MS = 1000;
+constexpr int64_t BUSY_PAUSE_MS = 10000;
 constexpr char NULL_MARKER[] = "(null)";
 constexpr char WORD_CHARACTERS[] =
     "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_";
@@ -79,8 +84,80 @@ struct FinalizeStatement {
 };
 using Prepared = std::unique_ptr<sqlite3_stmt, FinalizeStatement>;
 
-// Guards the handle in oDNS.db: the bus thread runs before it is opened and while it is closed.
+// Guards the handle in oDNS.db and what was compiled for it: the bus thread runs before it is
+// opened and while it is closed.
 RecursiveMutex handle_lock;
+
+// What every recorded query runs is compiled once per table and then run with bound values, since
+// compiling costs several times as much as running. The text with the values pasted in still
+// decides whether they are acceptable, and is what the log shows.
+struct Compiled {
+    const char *format;
+    char table[24];
+    sqlite3_stmt *statement;
+};
+Compiled compiled[32]; // room for four statements of each of six lists, and for those without list
+
+struct ResetStatement {
+    void operator()(sqlite3_stmt *statement) const { sqlite3_reset(statement); }
+};
+using Running = std::unique_ptr<sqlite3_stmt, ResetStatement>;
+
+// The text of a statement with a parameter where its format has a value.
+void parametrise(const char *format, const char *table, char (&text)[STATEMENT_SIZE]) {
+    size_t length = 0;
+    const auto add = [&](const char *piece, size_t size) {
+        size = std::min(size, sizeof text - 1 - length);
+        memcpy(text + length, piece, size);
+        length += size;
+    };
+    for (const char *at = format; *at;) {
+        constexpr std::string_view VALUES[] = {"'%s'", "%lld", "%ld"};
+        const auto *value = std::find_if(std::begin(VALUES), std::end(VALUES), [at](auto pattern) {
+            return strncmp(at, pattern.data(), pattern.size()) == 0;
+        });
+        if (value != std::end(VALUES)) {
+            add("?", 1);
+            at += value->size();
+        } else if (strncmp(at, "%s", 2) == 0) {
+            add(table, strlen(table));
+            at += 2;
+        } else {
+            add(at++, 1);
+        }
+    }
+    text[length] = '\0';
+}
+
+void drop_compiled() {
+    for (Compiled &entry : compiled) {
+        sqlite3_finalize(entry.statement);
+        entry = {};
+    }
+}
+
+// The compiled statement of a format for a table; null when it does not compile.
+sqlite3_stmt *compile_once(sqlite3 *db, const char *format, const char *table) {
+    Compiled *entry = compiled;
+    for (; entry != std::end(compiled) && entry->statement; entry++)
+        if (entry->format == format && strcmp(entry->table, table) == 0)
+            return entry->statement;
+    if (entry == std::end(compiled)) { // more tables than lists
+        drop_compiled();
+        entry = compiled;
+    }
+    char text[STATEMENT_SIZE];
+    parametrise(format, table, text);
+    sqlite3_prepare_v3(db, text, -1, SQLITE_PREPARE_PERSISTENT, &entry->statement, nullptr);
+    entry->format = format;
+    snprintf(entry->table, sizeof entry->table, "%s", table);
+    return entry->statement;
+}
+
+// Runs statements that may fail without harm.
+void attempt(sqlite3 *db, const char *sql) {
+    sqlite3_exec(db, sql, nullptr, nullptr, nullptr);
+}
 
 // The connection for the life of a scope. Meanwhile no other thread can close it, replace the
 // message of a failed statement or insert between an insert and the asking for its row id.
@@ -89,7 +166,35 @@ class Connection {
     sqlite3 *const db_ = hold_.get();
     int refusal_ = SQLITE_OK;
 
+    static const char *table_of(Table table) { return table.name; }
+    template <typename Value>
+    static const char *table_of(Value) {
+        return nullptr;
+    }
+    static void bind(sqlite3_stmt *, int &, Table) {}
+    static void bind(sqlite3_stmt *statement, int &at, const char *text) {
+        sqlite3_bind_text(statement, ++at, text, -1, SQLITE_STATIC);
+    }
+    static void bind(sqlite3_stmt *statement, int &at, long long number) {
+        sqlite3_bind_int64(statement, ++at, number);
+    }
+
   public:
+    // The same as prepare(Statement(format, values...)), for a format that recurs; `sql` is that
+    // statement. The values must outlive the result.
+    template <typename... Values>
+    Running recur(const Statement &sql, const char *format, Values... values) {
+        refusal_ = db_ ? sql.refusal() : SQLITE_CANTOPEN;
+        if (refusal_ != SQLITE_OK)
+            return nullptr;
+        const char *table = "";
+        ((table = table_of(values) ? table_of(values) : table), ...);
+        Running statement(compile_once(db_, format, table));
+        [[maybe_unused]] int at = 0; // some have no values
+        if (statement)
+            (bind(statement.get(), at, values), ...);
+        return statement;
+    }
     // Null on failure. Whatever follows the first statement of a text is not compiled.
     Prepared prepare(const Statement &sql) {
         refusal_ = db_ ? sql.refusal() : SQLITE_CANTOPEN;
@@ -107,6 +212,12 @@ class Connection {
         return refusal_ == SQLITE_OK ? sqlite3_errmsg(db_) : sqlite3_errstr(refusal_);
     }
     long long last_row_id() const { return sqlite3_last_insert_rowid(db_); }
+    void end_transaction() {
+        if (db_ && !sqlite3_get_autocommit(db_))
+            attempt(db_, "commit");
+        if (db_ && !sqlite3_get_autocommit(db_))
+            attempt(db_, "rollback");
+    }
 };
 
 // A debug line of the database's own switch.
@@ -129,11 +240,28 @@ const char *first_text(const Prepared &statement) {
     return text ? text : "";
 }
 
-// Runs an insert whose failure is reported with the message and the statement.
-bool insert(Connection &connection, const Statement &sql) {
+void report_failure(const Connection &connection, const Statement &sql) {
+    syslog(LOG_ERR, "Couldn't execute sql statement: %s, %s", connection.message(), sql.text());
+}
+
+// Runs a statement that recurs and whose failure is reported with the message and the statement.
+template <typename... Values>
+bool execute(Connection &connection, const char *format, Values... values) {
+    const Statement sql(format, values...);
+    {
+        const Running statement = connection.recur(sql, format, values...);
+        if (statement && sqlite3_step(statement.get()) == SQLITE_DONE)
+            return true;
+    }
+    report_failure(connection, sql);
+    return false;
+}
+
+// The same for one that is rarely run.
+bool run_or_report(Connection &connection, const Statement &sql) {
     if (connection.run(sql))
         return true;
-    syslog(LOG_ERR, "Couldn't execute sql statement: %s, %s", connection.message(), sql.text());
+    report_failure(connection, sql);
     return false;
 }
 
@@ -147,9 +275,20 @@ Prepared query(Connection &connection, const Statement &sql) {
 
 // --- the file ------------------------------------------------------------------------------------
 
-// Runs statements that may fail without harm.
-void attempt(sqlite3 *db, const char *sql) {
-    sqlite3_exec(db, sql, nullptr, nullptr, nullptr);
+// SQLite asks this whether to try again. Its caller has the connection to itself.
+int wait_for_other_process(void *, int tries) {
+    static int64_t begin, in_vain = -BUSY_PAUSE_MS;
+    timespec clock;
+    clock_gettime(CLOCK_MONOTONIC, &clock);
+    const int64_t now = int64_t{clock.tv_sec} * 1000 + clock.tv_nsec / 1000000;
+    if (tries == 0)
+        begin = now;
+    if (now - in_vain < BUSY_PAUSE_MS)
+        return 0;
+    if (now - begin < BUSY_TIMEOUT_MS)
+        return sqlite3_sleep(2);
+    in_vain = now;
+    return 0;
 }
 
 // Whether the database is in journal mode `mode` after an attempt to put it there.
@@ -222,7 +361,7 @@ int open_database(const char *file, sqlite3 **db) {
     const int result = sqlite3_open(file, db);
     if (result != SQLITE_OK)
         return result;
-    sqlite3_busy_timeout(*db, BUSY_TIMEOUT_MS);
+    sqlite3_busy_handler(*db, wait_for_other_process, nullptr);
     // A commit appends to the log without waiting for the flash. A power failure can take the last
     // rows away but cannot damage the file; a killed process loses nothing.
     if (can_share_memory(*db) && set_journal_mode(*db, "wal"))
@@ -270,6 +409,7 @@ void close_database() {
     const MutexGuard guard(handle_lock);
     if (!oDNS.db)
         return;
+    drop_compiled();
     set_journal_mode(oDNS.db, "delete");
     sqlite3_close(oDNS.db);
     oDNS.db = nullptr;
@@ -415,6 +555,37 @@ char *get_frag_by_id(long id, const char *table) {
 
 // --- hits and requests ---------------------------------------------------------------------------
 
+// The id of an entry; 0 when there is none. False when that could not be asked.
+static bool find_entry(Connection &connection, const char *table, const char *frag, long &id) {
+    static constexpr char FORMAT[] = "select id from %s where frag = '%s'";
+    const Running statement =
+        connection.recur(Statement(FORMAT, Table{table}, frag), FORMAT, Table{table}, frag);
+    const int result = statement ? sqlite3_step(statement.get()) : SQLITE_ERROR;
+    id = result == SQLITE_ROW ? sqlite3_column_int(statement.get(), 0) : 0;
+    // One that was compiled earlier fails here when its table is gone.
+    if (result == SQLITE_ERROR)
+        syslog(LOG_ERR, "Couldn't prepare sql statement: %s", connection.message());
+    return result != SQLITE_ERROR;
+}
+
+// The three rows of one hit. The caller puts one transaction around them, since every commit costs
+// about as much as the rest; when one of them fails, those before it stay all the same.
+static bool insert_hit(Connection &connection, const char *table, long id, const char *fqdn,
+                       const char *ip) {
+    if (!execute(connection, "insert into %s_stats ('frag_id', 'ip') values(%ld , '%s')",
+                 Table{table}, id, ip))
+        return false;
+    const long long stats_id = connection.last_row_id();
+    // A name seen before gets a fresh row; older hits keep the id of the row it had then.
+    if (!execute(connection, "insert or replace into %s_fqdn ('fqdn') values('%s')", Table{table},
+                 fqdn))
+        return false;
+    const long long fqdn_id = connection.last_row_id();
+    trace("FQDN_ID: %lld", fqdn_id);
+    return execute(connection, "insert into %s_hit ('fqdn_id', 'stats_id') values(%lld, %lld)",
+                   Table{table}, fqdn_id, stats_id);
+}
+
 int insert_list_record(const char *fqdn, const char *table, const char *frag, const char *ip) {
     if (!oDNS.record_traffic)
         return 1;
@@ -428,42 +599,26 @@ int insert_list_record(const char *fqdn, const char *table, const char *frag, co
     }
     Connection connection;
     long id = 0;
-    {
-        const Prepared statement =
-            query(connection, Statement("select id from %s where frag = '%s'", Table{table}, frag));
-        if (!statement)
-            return 0;
-        if (step_to_row(statement))
-            id = sqlite3_column_int(statement.get(), 0);
-    }
+    if (!find_entry(connection, table, frag, id))
+        return 0;
     if (id <= 0) {
         syslog(LOG_ERR,
                "Stats record insert cannot locate %s record for frag: %s. This should never happen",
                table, frag);
         return 0;
     }
-    if (!insert(connection, Statement("insert into %s_stats ('frag_id', 'ip') values(%ld , '%s')",
-                                      Table{table}, id, ip)))
-        return 0;
-    const long long stats_id = connection.last_row_id();
-    // A name seen before gets a fresh row; older hits keep the id of the row it had then.
-    if (!insert(connection, Statement("insert or replace into %s_fqdn ('fqdn') values('%s')",
-                                      Table{table}, fqdn)))
-        return 0;
-    const long long fqdn_id = connection.last_row_id();
-    trace("FQDN_ID: %lld", fqdn_id);
-    if (!insert(connection,
-                Statement("insert into %s_hit ('fqdn_id', 'stats_id') values(%lld, %lld)",
-                          Table{table}, fqdn_id, stats_id)))
-        return 0;
-    trace("Done doing the inserts");
-    return 1;
+    const bool done = execute(connection, "begin immediate") &&
+                      insert_hit(connection, table, id, fqdn, ip) && execute(connection, "commit");
+    connection.end_transaction();
+    if (done)
+        trace("Done doing the inserts");
+    return done;
 }
 
 int record_request(const char *fqdn, struct sockaddr_in client) {
     Connection connection;
-    return insert(connection, Statement("insert into dns_traffic ('fqdn', 'ip') values('%s', '%s')",
-                                        fqdn, socket2ip(client)));
+    return execute(connection, "insert into dns_traffic ('fqdn', 'ip') values('%s', '%s')", fqdn,
+                   socket2ip(client));
 }
 
 int64_t get_unique_client_count() {
@@ -493,7 +648,7 @@ int insert_stats_summary_record(uint64_t requests, uint64_t blocked, uint64_t re
                         static_cast<long long>(resets), static_cast<long long>(errors));
     trace("%s", sql.text());
     Connection connection;
-    return insert(connection, sql);
+    return run_or_report(connection, sql);
 }
 
 int get_stats_summary(uint64_t *requests, uint64_t *blocked, uint64_t *resets, uint64_t *errors) {

@@ -1,6 +1,7 @@
 #include "svrutils.h"
 
 #include "netutils.h"
+#include "utils.h"
 
 #include <cstring>
 #include <syslog.h>
@@ -29,6 +30,8 @@ static void decode_name(char (&name)[QUERY_NAME_SIZE], const uint8_t *message, u
 void extract_url(char (&name)[QUERY_NAME_SIZE], const uint8_t *message, uint8_t start,
                  sockaddr_in client) {
     decode_name(name, message, start);
+    if (!is_logged(LOG_DEBUG))
+        return;
     const char *address = socket2ip(client);
     syslog(LOG_DEBUG, "FQDN: %s, from: %s\n", name, address);
     // All other names are traced a second time; log readers count on the pair.

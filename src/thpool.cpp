@@ -3,6 +3,7 @@
 #include "guards.h"
 #include "sigmask.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -48,6 +49,9 @@ static void bsem_post_all(bsem *s, int waiters) {
 }
 
 static void bsem_wait(bsem *s) {
+    // Under load the next post is a moment away: whoever makes it gets the processor now, and both
+    // are spared a sleep and a wake-up.
+    sched_yield();
     while (sem_wait(&s->semaphore) != 0) // a pause signal interrupts the wait
         continue;
 }
@@ -57,6 +61,7 @@ static void bsem_wait(bsem *s) {
 static int jobqueue_init(jobqueue *queue) {
     queue->len = 0;
     queue->head = queue->tail = nullptr;
+    queue->in_turn = queue->turn_taken = false;
     queue->jobs_available = allocate<bsem>();
     if (!queue->jobs_available)
         return -1;
@@ -74,26 +79,31 @@ static void jobqueue_push(jobqueue *queue, job *added) {
         queue->tail->next_job = added;
     queue->tail = added;
     queue->len++;
-    bsem_post(queue->jobs_available);
+    if (!queue->turn_taken)
+        bsem_post(queue->jobs_available);
 }
 
-// The oldest job, null when there is none. Posts again when more are waiting, so that wake-ups
-// chain from worker to worker.
-static job *jobqueue_pull(jobqueue *queue) {
+// The oldest job, null when there is none or another worker has the turn; `again` when the caller
+// has it. Without turns it posts when more are waiting, so that wake-ups chain from worker to
+// worker.
+static job *jobqueue_pull(jobqueue *queue, bool again) {
     const MutexGuard guard(queue->queue_lock);
+    if (queue->turn_taken && !again)
+        return nullptr;
     job *taken = queue->head;
+    queue->turn_taken = queue->in_turn && taken;
     if (!taken)
         return nullptr;
     queue->head = taken->next_job;
     if (!queue->head)
         queue->tail = nullptr;
-    if (--queue->len > 0)
+    if (--queue->len > 0 && !queue->in_turn)
         bsem_post(queue->jobs_available);
     return taken;
 }
 
 static void jobqueue_clear(jobqueue *queue, void (*drop)(void *)) {
-    while (job *left = jobqueue_pull(queue)) {
+    while (job *left = jobqueue_pull(queue, true)) {
         if (drop)
             drop(left->arg);
         std::free(left);
@@ -134,12 +144,18 @@ static void count_working(thpool *pool, int change) {
         pthread_cond_signal(&pool->all_idle);
 }
 
-static void run_next_job(thpool *pool) {
+// Runs the next job, and with turns all that follow.
+static void run_jobs(thpool *pool) {
     count_working(pool, +1);
-    if (job *taken = jobqueue_pull(&pool->jobqueue)) {
+    bool again = false;
+    do {
+        job *taken = jobqueue_pull(&pool->jobqueue, again);
+        if (!taken)
+            break;
         taken->function(taken->arg);
         std::free(taken);
-    }
+        again = pool->jobqueue.in_turn;
+    } while (again && threads_keepalive);
     count_working(pool, -1);
 }
 
@@ -158,7 +174,7 @@ static void *thread_do(void *record) {
     while (threads_keepalive) {
         bsem_wait(pool->jobqueue.jobs_available);
         if (threads_keepalive)
-            run_next_job(pool);
+            run_jobs(pool);
     }
     block_daemon_signals(); // a pause signal must not catch a worker that is gone from the pool
     const MutexGuard guard(pool->count_lock);
@@ -217,6 +233,11 @@ thpool *thpool_init(int num_threads) {
     return pool;
 }
 
+void thpool_run_in_turn(thpool *pool) {
+    if (pool)
+        pool->jobqueue.in_turn = true;
+}
+
 int thpool_add_work(thpool *pool, void *(*function)(void *), void *arg) {
     if (!pool)
         return -1;
@@ -270,10 +291,22 @@ void thpool_destroy(thpool *pool, void (*drop)(void *)) {
     std::free(pool);
 }
 
+// Every job that has not ended; in turn, all but the first of them could as well be waiting in a
+// worker each.
+static int jobs_of(const thpool *pool) {
+    return pool->working_count + pool->jobqueue.len;
+}
+
 int thpool_num_threads_working(thpool *pool) {
-    return pool ? pool->working_count.load() : 0;
+    if (!pool)
+        return 0;
+    return pool->jobqueue.in_turn ? std::min<int>(jobs_of(pool), pool->alive_count)
+                                  : pool->working_count.load();
 }
 
 int thpool_jobqueue_length(thpool *pool) {
-    return pool ? pool->jobqueue.len.load() : 0;
+    if (!pool)
+        return 0;
+    return pool->jobqueue.in_turn ? std::max<int>(jobs_of(pool) - pool->alive_count, 0)
+                                  : pool->jobqueue.len.load();
 }

@@ -1,7 +1,9 @@
 #include "utils.h"
 
+#include <cerrno>
 #include <clocale>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <syslog.h>
 
@@ -24,6 +26,7 @@ char *commaprint(uint64_t number) {
     static char separator;
     static char buffer[30];
     if (!separator) {
+        // NOLINTNEXTLINE(concurrency-mt-unsafe): the main thread reports
         const char *of_locale = localeconv()->thousands_sep;
         separator = of_locale && *of_locale ? *of_locale : ',';
     }
@@ -38,6 +41,14 @@ char *commaprint(uint64_t number) {
         digits++;
     } while (number);
     return p;
+}
+
+const char *error_text() {
+    return std::strerror(errno); // NOLINT(concurrency-mt-unsafe): it is safe in glibc and musl
+}
+
+bool is_logged(int priority) {
+    return setlogmask(0) & LOG_MASK(priority); // 0 changes nothing
 }
 
 void debugLog(const char *label, int64_t value) {

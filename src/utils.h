@@ -19,6 +19,13 @@ int getTimeAsString(char *buffer);
 // Returns a static buffer that the next call overwrites: main thread only.
 char *commaprint(uint64_t number);
 
+// The text of errno. Any thread.
+const char *error_text();
+
+// Whether lines of a priority reach the log now: asked where the line's arguments cost more than
+// the line. Any thread.
+bool is_logged(int priority);
+
 // Logs label and value at debug level with a format that lacks its conversion letter, so that what
 // is shown of the value is up to the C library. Any thread.
 void debugLog(const char *label, int64_t value);

@@ -188,32 +188,32 @@ static inline struct uci_element *uci_find_element(struct uci_list *list, const 
         if (strcmp(e->name, name) == 0)
             return e;
     }
-    return NULL;
+    return nullptr;
 }
 
 static inline struct uci_package *uci_lookup_package(struct uci_context *ctx, const char *name) {
     struct uci_element *e = uci_find_element(&ctx->root, name);
-    return e ? uci_to_package(e) : NULL;
+    return e ? uci_to_package(e) : nullptr;
 }
 
 static inline struct uci_section *uci_lookup_section(struct uci_context *ctx, struct uci_package *p,
                                                      const char *name) {
     struct uci_element *e = uci_find_element(&p->sections, name);
     (void)ctx;
-    return e ? uci_to_section(e) : NULL;
+    return e ? uci_to_section(e) : nullptr;
 }
 
 static inline struct uci_option *uci_lookup_option(struct uci_context *ctx, struct uci_section *s,
                                                    const char *name) {
     struct uci_element *e = uci_find_element(&s->options, name);
     (void)ctx;
-    return e ? uci_to_option(e) : NULL;
+    return e ? uci_to_option(e) : nullptr;
 }
 
 static inline const char *uci_lookup_option_string(struct uci_context *ctx, struct uci_section *s,
                                                    const char *name) {
     struct uci_option *o = uci_lookup_option(ctx, s, name);
-    return o && o->type == UCI_TYPE_STRING ? o->v.string : NULL;
+    return o && o->type == UCI_TYPE_STRING ? o->v.string : nullptr;
 }
 
 #ifdef __cplusplus

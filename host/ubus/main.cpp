@@ -52,6 +52,7 @@ int run_command(ubus_context *ctx, const Options &options, Arguments arguments) 
 int main(int argc, char **argv) {
     Options options;
     const char *path = nullptr;
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): the program has one thread
     for (int option; (option = getopt(argc, argv, "vs:t:Sm:M:")) != -1;) {
         switch (option) {
         case 's':

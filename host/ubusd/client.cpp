@@ -93,8 +93,10 @@ bool identify(Client &client, int fd) {
     socklen_t length = sizeof(peer);
     if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0)
         return false;
+    // NOLINTBEGIN(concurrency-mt-unsafe): the bus daemon has one thread
     const passwd *user = getpwuid(peer.uid);
     const group *group = getgrgid(peer.gid);
+    // NOLINTEND(concurrency-mt-unsafe)
     if (!user || !group)
         return false;
     client.user = user->pw_name;

@@ -52,6 +52,7 @@ void make_directory() {
 
 int main(int argc, char **argv) {
     const char *path = UBUS_UNIX_SOCKET;
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): the program has one thread
     for (int option; (option = getopt(argc, argv, "A:s:")) != -1;) {
         switch (option) {
         case 's':
@@ -79,6 +80,7 @@ int main(int argc, char **argv) {
     listener.cb = handle_listener;
     listener.fd = listen_at(path);
     if (listener.fd < 0) {
+        // NOLINTNEXTLINE(concurrency-mt-unsafe): the bus daemon has one thread
         syslog(LOG_ERR, "cannot listen on %s: %s", path, strerror(errno));
         perror(path);
         return -1;

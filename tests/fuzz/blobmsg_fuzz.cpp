@@ -1,20 +1,14 @@
 // Arbitrary bytes as a message from the bus and as JSON text: nothing is read outside them, and
 // what the JSON reader accepts can be printed and read again.
-#include <cstdlib>
-#include <cstring>
+#include "fuzz.h"
+
 #include <memory>
-#include <string>
 
 extern "C" {
 #include <libubox/blobmsg_json.h>
 }
 
 namespace {
-
-void expect(bool holds) {
-    if (!holds)
-        std::abort();
-}
 
 using Text = std::unique_ptr<char, decltype(&std::free)>;
 
@@ -29,7 +23,7 @@ void read_message(blob_attr *message, size_t size) {
     blobmsg_parse(policy, 3, found, message, static_cast<unsigned int>(size));
     for (blob_attr *field : found)
         if (field && blobmsg_type(field) == BLOBMSG_TYPE_STRING)
-            expect(std::strlen(blobmsg_get_string(field)) < blobmsg_data_len(field));
+            check(std::strlen(blobmsg_get_string(field)) < blobmsg_data_len(field));
     blobmsg_parse_array(policy, 3, found, message, static_cast<unsigned int>(size));
     if (!blobmsg_check_attr_len(message, false, size))
         return;
@@ -45,10 +39,10 @@ void read_text(const std::string &text) {
         Text printed(blobmsg_format_json(message.head, true), &std::free);
         // Not everything printed is JSON: a member with an empty name is printed without it.
         if (blobmsg_add_json_from_string(&again, printed.get()))
-            expect(std::strcmp(printed.get(),
-                               Text(blobmsg_format_json(again.head, true), &std::free).get()) == 0);
+            check(std::strcmp(printed.get(),
+                              Text(blobmsg_format_json(again.head, true), &std::free).get()) == 0);
     } else {
-        expect(blob_raw_len(message.head) == sizeof(blob_attr));
+        check(blob_raw_len(message.head) == sizeof(blob_attr));
     }
     blob_buf_free(&message);
     blob_buf_free(&again);

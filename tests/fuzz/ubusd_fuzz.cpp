@@ -1,29 +1,27 @@
 // Arbitrary bytes as what two clients send to the bus, and as what a bus sends to a client.
 #include "bus.h"
+#include "fuzz.h"
 
 extern "C" {
 #include <libubus.h>
 }
-#include <filesystem>
-#include <string_view>
 #include <sys/random.h>
 #include <sys/socket.h>
-#include <sys/un.h>
-#include <thread>
 #include <unistd.h>
 
 namespace {
 
 uint32_t next_id;
+std::string_view from_bus;
+int far_end;
 
 // Bytes change hands between the two clients at each marker. Neither reads, so that answers pile
 // up.
 void feed_bus(std::string_view input) {
     static constexpr std::string_view marker = "\xff\xff\xff\xff";
     int first[2], second[2];
-    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, first) != 0 ||
-        socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, second) != 0)
-        return;
+    check(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, first) == 0 &&
+          socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, second) == 0);
     accept_client(first[0]);
     accept_client(second[0]);
     for (bool turn = false; !input.empty(); turn = !turn) {
@@ -36,6 +34,7 @@ void feed_bus(std::string_view input) {
     uloop_run_timeout(0);
     close_clients();
     close(second[1]);
+    check(bus.objects.empty() && bus.paths.empty()); // of clients that have left
 }
 
 int answer_call(ubus_context *ctx, ubus_object *, ubus_request_data *req, const char *,
@@ -46,44 +45,35 @@ int answer_call(ubus_context *ctx, ubus_object *, ubus_request_data *req, const 
 // The bus greets, sends the input and ends its side, while the client registers an object and looks
 // around.
 void feed_client(std::string_view input) {
-    static char directory[] = "/tmp/ubusd_fuzz.XXXXXX";
-    static std::string path;
-    static int listener = -1;
-    if (listener < 0) {
-        path = std::string(mkdtemp(directory)) + "/bus";
-        atexit([] { std::filesystem::remove_all(directory); });
-        sockaddr_un address{AF_UNIX, {}};
-        path.copy(address.sun_path, sizeof(address.sun_path) - 1);
-        listener = socket(AF_UNIX, SOCK_STREAM, 0);
-        if (bind(listener, reinterpret_cast<sockaddr *>(&address), sizeof(address)) ||
-            listen(listener, 1))
-            abort();
-    }
-    std::thread server([input] {
-        int fd = accept(listener, nullptr, nullptr);
-        send(fd, "\0\0\0\0\1\2\3\4\0\0\0\4", 12, MSG_NOSIGNAL);
-        send(fd, input.data(), input.size(), MSG_NOSIGNAL);
-        shutdown(fd, SHUT_WR);
-        for (char requests[512]; recv(fd, requests, sizeof(requests), 0) > 0;) {
-        }
-        close(fd);
-    });
     static constexpr ubus_method methods[] = {{nullptr, answer_call, 0, 0, nullptr, 0}};
     ubus_object_type type = UBUS_OBJECT_TYPE("probe", methods);
     ubus_object object{{}, "probe", 0, nullptr, &type, nullptr, false, methods, 1};
     ubus_subscriber subscriber{};
     uint32_t id = 0;
-    ubus_context *ctx = ubus_connect(path.c_str());
+    from_bus = input;
+    ubus_context *ctx = ubus_connect("");
     ubus_add_object(ctx, &object);
     ubus_register_subscriber(ctx, &subscriber);
     ubus_lookup_id(ctx, nullptr, &id);
     ubus_notify(ctx, &object, "tick", nullptr, 0);
     ubus_handle_event(ctx);
     ubus_free(ctx);
-    server.join();
+    close(far_end);
 }
 
 } // namespace
+
+// The far end of a connection is a socket that has sent everything already.
+extern "C" int connect(int fd, const sockaddr *, socklen_t) {
+    static constexpr std::string_view greeting{"\0\0\0\0\1\2\3\4\0\0\0\4", 12};
+    int ends[2];
+    check(socketpair(AF_UNIX, SOCK_STREAM, 0, ends) == 0 && dup2(ends[0], fd) == fd);
+    close(ends[0]);
+    far_end = ends[1];
+    for (const std::string_view bytes : {greeting, from_bus})
+        send(far_end, bytes.data(), bytes.size(), 0);
+    return shutdown(far_end, SHUT_WR);
+}
 
 // Ids count up from the lowest, so that inputs can name them.
 extern "C" ssize_t getrandom(void *buffer, size_t length, unsigned) {

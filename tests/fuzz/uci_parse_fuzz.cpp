@@ -1,19 +1,12 @@
 // Reads hostile configuration files, delta files and keys with the configuration library. An input
 // is a configuration file and, after a line "----", a text that serves as delta file, key and
 // value.
+#include "fuzz.h"
 #include "internal.h"
-
-#include <cstdint>
-#include <cstdlib>
 
 namespace {
 
 using uci::OwnedPackage;
-
-void require(bool holds) {
-    if (!holds)
-        std::abort();
-}
 
 OwnedPackage parse(uci::Context &ctx, std::string_view text) {
     OwnedPackage package = uci::new_package(ctx, "p", "/p", true);
@@ -36,7 +29,7 @@ bool survives(const uci::Package &package) {
 void round_trip(uci::Context &ctx, uci::Package &package, const std::string &value) {
     const std::string written = uci::export_package(package);
     const OwnedPackage again = parse(ctx, written);
-    require(again && uci::export_package(*again) == written);
+    check(again && uci::export_package(*again) == written);
 
     uci_ptr ptr = {};
     ptr.p = &package;
@@ -46,9 +39,9 @@ void round_trip(uci::Context &ctx, uci::Package &package, const std::string &val
     ptr.flags = uci_ptr::UCI_LOOKUP_EXTENDED;
     if (uci_list_empty(&package.sections) || !*ptr.value || !uci_validate_text(ptr.value))
         return;
-    require(uci::set(ctx, ptr, true) == UCI_OK);
-    require(uci::apply_delta(ctx, *again, package.pending) == !package.pending.empty());
-    require(uci::export_package(*again) == uci::export_package(package));
+    check(uci::set(ctx, ptr, true) == UCI_OK);
+    check(uci::apply_delta(ctx, *again, package.pending) == !package.pending.empty());
+    check(uci::export_package(*again) == uci::export_package(package));
 }
 
 void find(uci::Context &ctx, uci::Package &package, std::string key) {
@@ -57,7 +50,7 @@ void find(uci::Context &ctx, uci::Package &package, std::string key) {
         return;
     ptr.p = &package;
     if (uci::lookup(ctx, ptr, true) == UCI_OK && (ptr.flags & uci_ptr::UCI_LOOKUP_COMPLETE))
-        require(ptr.last && (!ptr.option || ptr.o) && (!ptr.section || ptr.s));
+        check(ptr.last && (!ptr.option || ptr.o) && (!ptr.section || ptr.s));
 }
 
 } // namespace

@@ -2,38 +2,27 @@
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <poll.h>
 #include <spawn.h>
-#include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 namespace fs = std::filesystem;
 using namespace std::string_literals;
+using sandbox::must;
 
 namespace harness {
 namespace {
 
 constexpr uint16_t dns_port = 53;
-
-void must(bool done, const std::string &step) {
-    if (done)
-        return;
-    fprintf(stderr, "harness: cannot %s: %s\n", step.c_str(), strerror(errno));
-    exit(1);
-}
 
 sockaddr_in socket_address(const std::string &text, uint16_t port) {
     sockaddr_in address{};
@@ -58,26 +47,21 @@ struct LogReader {
     std::streamoff position = 0;
     std::vector<LogLine> lines;
 
-    // "<134>Nov 21 09:33:57 ident[4]: text"
-    void add(const std::string &line) {
-        unsigned priority = 0;
-        char ident[40] = "";
-        pid_t process = 0;
-        int text = 0;
-        if (sscanf(line.c_str(), "<%u>%*15c %39[^[][%d]: %n", &priority, ident, &process, &text) ==
-            3)
-            lines.push_back({static_cast<int>(priority & 7), ident, process,
-                             line.substr(static_cast<size_t>(text))});
-    }
-
     void read() {
         std::ifstream file(sandbox::log_file);
         file.seekg(position);
-        std::string line;
-        while (std::getline(file, line) && !file.eof()) {
+        for (std::string line; std::getline(file, line) && !file.eof();) {
             position += static_cast<std::streamoff>(line.size() + 1);
             marks += line == mark;
-            add(line);
+            // "<134>Nov 21 09:33:57 ident[4]: text"
+            unsigned priority = 0;
+            char ident[40] = "";
+            pid_t process = 0;
+            int text = 0;
+            if (sscanf(line.c_str(), "<%u>%*15c %39[^[][%d]: %n", &priority, ident, &process,
+                       &text) == 3)
+                lines.push_back({static_cast<int>(priority & 7), ident, process,
+                                 line.substr(static_cast<size_t>(text))});
         }
     }
 
@@ -93,9 +77,11 @@ struct LogReader {
         close(fd);
     }
 
-    size_t count(std::string_view text) const {
-        return static_cast<size_t>(std::count_if(lines.begin(), lines.end(), [text](auto &line) {
-            return line.text.find(text) != std::string::npos;
+    // Lines that contain the text; a process of 0 is any.
+    size_t count(std::string_view text, pid_t process = 0) const {
+        return static_cast<size_t>(std::count_if(lines.begin(), lines.end(), [&](auto &line) {
+            return (process == 0 || line.process == process) &&
+                   line.text.find(text) != std::string::npos;
         }));
     }
 };
@@ -141,28 +127,17 @@ std::string read_file(const std::string &path) {
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
-void write_file(const std::string &path, std::string_view text) {
-    std::ofstream file(path, std::ios::binary);
-    must(static_cast<bool>((file << text).flush()), "write " + path);
-}
-
 std::vector<LogLine> log_lines() {
     reader.catch_up();
     return reader.lines;
 }
 
 size_t log_count(std::string_view text) {
-    reader.catch_up();
-    return reader.count(text);
+    return reader.catch_up(), reader.count(text);
 }
 
 bool wait_for_log(std::string_view text, size_t times, int timeout) {
-    return eventually(
-        [&] {
-            reader.read();
-            return reader.count(text) >= times;
-        },
-        timeout);
+    return eventually([&] { return reader.read(), reader.count(text) >= times; }, timeout);
 }
 
 int log_priority(std::string_view text) {
@@ -246,15 +221,17 @@ std::optional<Bytes> Client::ask(const Bytes &message, const char *address) cons
     return receive();
 }
 
+bool passes(std::string_view name, int client) {
+    return Client(client).ask(query(name)) == Upstream::echo(query(name));
+}
+
 std::optional<Bytes> Upstream::echo(const Bytes &message) {
+    if (message.find("silent") != Bytes::npos)
+        return std::nullopt;
     Bytes answer = message;
     if (answer.size() > 2)
         answer[2] = static_cast<char>(answer[2] | 0x80);
     return answer;
-}
-
-std::optional<Bytes> Upstream::silence(const Bytes &) {
-    return std::nullopt;
 }
 
 Upstream::Upstream(int number, Answer what)
@@ -271,6 +248,11 @@ Upstream::~Upstream() {
 std::vector<Bytes> Upstream::received() const {
     std::lock_guard guard(mutex);
     return messages;
+}
+
+size_t Upstream::count() const {
+    std::lock_guard guard(mutex);
+    return messages.size();
 }
 
 void Upstream::serve() {
@@ -299,23 +281,17 @@ void Upstream::serve() {
 
 Process::Process(const std::string &program, std::vector<std::string> arguments) {
     must(sandbox::inside(), "start anything outside of the sandbox");
-    static int number;
+    static std::atomic<int> number;
     output_file = "/tmp/output." + std::to_string(++number);
-    arguments.insert(arguments.begin(), program);
-    std::vector<char *> argv;
-    argv.reserve(arguments.size() + 1);
-    for (auto &argument : arguments)
-        argv.push_back(argument.data());
-    argv.push_back(nullptr);
-    posix_spawn_file_actions_t files;
-    posix_spawn_file_actions_init(&files);
-    posix_spawn_file_actions_addopen(&files, 0, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&files, 1, output_file.c_str(), O_WRONLY | O_CREAT | O_APPEND,
-                                     0644);
-    posix_spawn_file_actions_adddup2(&files, 1, 2);
-    errno = posix_spawnp(&id, argv[0], &files, nullptr, argv.data(), environ);
-    must(errno == 0, "start " + program);
-    posix_spawn_file_actions_destroy(&files);
+    // The shell redirects, and then becomes the program.
+    arguments.insert(
+        arguments.begin(),
+        {"/bin/sh", "-c", "exec \"$0\" \"$@\" </dev/null >>" + output_file + " 2>&1", program});
+    std::vector<char *> argv(arguments.size() + 1);
+    std::transform(arguments.begin(), arguments.end(), argv.begin(),
+                   [](std::string &argument) { return argument.data(); });
+    must(posix_spawn(&id, argv[0], nullptr, nullptr, argv.data(), environ) == 0,
+         "start " + program);
 }
 
 Process::~Process() {
@@ -349,19 +325,25 @@ std::string Process::output() const {
     return read_file(output_file);
 }
 
+size_t Process::figure(const std::string &name) const {
+    const std::string all = read_file("/proc/" + std::to_string(id) + "/status");
+    const size_t at = all.find("\n" + name + ":");
+    must(at != std::string::npos, "read " + name);
+    return std::stoul(all.substr(at + name.size() + 2));
+}
+
 size_t Process::descriptors() const {
     fs::directory_iterator entries("/proc/" + std::to_string(id) + "/fd");
     return static_cast<size_t>(std::distance(begin(entries), end(entries)));
 }
 
-Daemon::Daemon(const std::vector<std::string> &arguments) : Process(DAEMON_PROGRAM, arguments) {
-    auto up = [this] {
-        reader.read();
-        const auto &lines = reader.lines;
-        return std::any_of(lines.begin(), lines.end(), [this](const auto &line) {
-            return line.process == pid() && line.text == "Startup Complete.";
-        });
-    };
+void run(const std::string &command) {
+    must(Process("/bin/sh", {"-c", command}).wait() == 0, command);
+}
+
+Daemon::Daemon(const std::vector<std::string> &arguments, const char *program)
+    : Process(program, arguments) {
+    auto up = [this] { return reader.read(), reader.count("Startup Complete.", pid()) > 0; };
     if (!eventually([&] { return up() || !running(); }, 20000) || !running())
         ADD_FAILURE() << "the daemon did not start";
 }

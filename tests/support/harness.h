@@ -38,7 +38,7 @@ using Options = std::vector<std::pair<std::string, std::string>>;
 // addresses and log_level 6, unless they are given) and in the section logging.
 void configure(const Options &main = {}, const Options &logging = {});
 std::string read_file(const std::string &path);
-void write_file(const std::string &path, std::string_view text);
+using sandbox::write_file;
 
 // The system log since the test began
 
@@ -81,13 +81,16 @@ class Client {
     int fd;
 };
 
+// Whether a query for the name gets the answer that Upstream::echo() gives.
+bool passes(std::string_view name, int client = 20);
+
 // An upstream server at 10.53.0.NUMBER (1 to 4), port 53, on a thread of its own.
 class Upstream {
   public:
     using Answer = std::function<std::optional<Bytes>(const Bytes &)>;
     // Called on the server's thread; no answer is sent when it returns nothing.
-    static std::optional<Bytes> echo(const Bytes &message); // the query, marked as a response
-    static std::optional<Bytes> silence(const Bytes &message);
+    // The query, marked as a response; nothing for one that contains "silent".
+    static std::optional<Bytes> echo(const Bytes &message);
 
     explicit Upstream(int number, Answer answer = echo);
     ~Upstream();
@@ -95,7 +98,7 @@ class Upstream {
     Upstream &operator=(const Upstream &) = delete;
 
     std::vector<Bytes> received() const;
-    size_t count() const { return received().size(); }
+    size_t count() const;
 
   private:
     void serve();
@@ -122,6 +125,8 @@ class Process {
     void signal(int number) const;
     std::string output() const; // both standard output and standard error so far
     size_t descriptors() const; // open ones
+    // A number of /proc/PID/status: "VmRSS" (resident memory in KiB), "Threads".
+    size_t figure(const std::string &name) const;
     pid_t pid() const { return id; }
 
   private:
@@ -130,17 +135,25 @@ class Process {
     int status = -1;
 };
 
+extern const char *const daemon_program;
+
+// Runs a shell command, which must succeed.
+void run(const std::string &command);
+
 class Daemon : public Process {
   public:
     // Starts it and waits until it is up. For one that will not come up use Process with
     // daemon_program.
-    explicit Daemon(const std::vector<std::string> &arguments = {});
+    explicit Daemon(const std::vector<std::string> &arguments = {},
+                    const char *program = daemon_program);
     // Sends the first datagram, whose sender is never answered, and waits until it is done with.
     static void prime();
     // SIGTERM and the datagram that it takes to be seen; returns as wait() does.
     int stop();
 };
 
-extern const char *const daemon_program;
+struct PrimedDaemon : Daemon {
+    PrimedDaemon() { prime(); }
+};
 
 } // namespace harness

@@ -7,7 +7,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <string>
 #include <utility>
 #include <vector>
 
@@ -31,24 +30,6 @@ namespace {
 
 constexpr int cannot_make = 125;
 constexpr char stash[] = "/run/sandbox/etc"; // where the machine's own /etc can be read
-
-// Ends this process: half a sandbox must never run anything.
-[[noreturn]] void fail(const std::string &step) {
-    fprintf(stderr, "sandbox: cannot %s: %s\n", step.c_str(), strerror(errno));
-    _exit(cannot_make);
-}
-
-void must(bool done, const std::string &step) {
-    if (!done)
-        fail(step);
-}
-
-void write_file(const std::string &path, const std::string &text) {
-    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
-    must(fd >= 0 && write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size()),
-         "write " + path);
-    close(fd);
-}
 
 // Like fork(), but the child is the first process of new namespaces. The system call is made
 // directly because unshare() refuses a user namespace to a process that has threads, and some
@@ -175,8 +156,7 @@ void make_files() {
 }
 
 void make_network() {
-    // An ordinary user's PATH often lacks the directory of ip.
-    FILE *ip = popen("PATH=$PATH:/usr/sbin:/sbin ip -batch -", "we");
+    FILE *ip = popen("ip -batch -", "we");
     must(ip, "run ip (package iproute2)");
     fprintf(ip,
             "link set lo up\n"
@@ -266,6 +246,20 @@ int exit_code(int status) {
 
 } // namespace
 
+void must(bool done, const std::string &step) {
+    if (done)
+        return;
+    fprintf(stderr, "sandbox: cannot %s: %s\n", step.c_str(), strerror(errno));
+    _exit(cannot_make);
+}
+
+void write_file(const std::string &path, std::string_view text) {
+    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    must(fd >= 0 && write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size()),
+         "write " + path);
+    close(fd);
+}
+
 bool inside() {
     return access(stash, F_OK) == 0;
 }
@@ -300,6 +294,9 @@ int run(char *const *command) {
     umask(022);
     if (own_user)
         become_root(uid, gid);
+    // An ordinary user's PATH often lacks the directories of ip.
+    const char *path = getenv("PATH");
+    setenv("PATH", (std::string(path ? path : "/usr/bin:/bin") + ":/usr/sbin:/sbin").c_str(), 1);
     enter_copy_of_root();
     make_files();
     make_network();

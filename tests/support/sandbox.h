@@ -12,6 +12,9 @@
 // pair, all addresses are local: whoever binds to one of them is that machine.
 #pragma once
 
+#include <string>
+#include <string_view>
+
 namespace sandbox {
 
 inline constexpr char interface_name[] = "apcli0";    // hardware address 00:11:22:AA:BB:CC
@@ -24,6 +27,13 @@ inline constexpr char log_file[] = "/run/sandbox/log";
 
 // Whether the calling process is inside.
 bool inside();
+
+// Ends the process at once, with status 125 and the step that failed on standard error: half a
+// sandbox must never run anything.
+void must(bool done, const std::string &step);
+
+// Writes a file anew; it must succeed.
+void write_file(const std::string &path, std::string_view text);
 
 // Makes the place, runs the command (null-terminated, looked up in PATH) in it as a child and
 // waits for it. Everything that still runs inside ends with it, or with the calling process.

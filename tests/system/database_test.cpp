@@ -4,10 +4,12 @@
 #include "harness.h"
 #include "statsdb.h"
 
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <random>
 
 #include <sys/mount.h>
 #include <syslog.h>
@@ -25,7 +27,8 @@ struct DatabaseSystemTest : SystemTest {
 
     void SetUp() override {
         SystemTest::SetUp();
-        std::filesystem::create_directory(place);
+        for (const std::string &directory : {place, std::string("/etc/vantrelle")})
+            std::filesystem::create_directory(directory);
         configure({{"stats_db_path", place}});
     }
     void TearDown() override {
@@ -41,32 +44,75 @@ struct DatabaseSystemTest : SystemTest {
     static int number(const std::string &sql) { return std::stoi("0" + read(sql)); }
 };
 
-TEST_F(DatabaseSystemTest, KilledUnderLoadKeepsEveryFinishedRow) {
-    constexpr int SENT = 300, WAITED_FOR = 100;
-    int answered = 0;
-    for (int run = 1; run <= 3; run++) {
-        Daemon daemon;
-        Daemon::prime();
-        for (int i = 0; i < SENT; i++)
+// The odd rounds end within the time of a start with an import, the others while it records.
+TEST_F(DatabaseSystemTest, AKillLosesNothingThatWasFinished) {
+    using namespace std::chrono;
+    constexpr int ROUNDS = 20, LINES = 3000;
+    const std::string list = "/etc/vantrelle/black.lst";
+    const char *given = getenv("TEST_SEED");
+    const auto seed = given ? std::stoul(given) : std::random_device()();
+    SCOPED_TRACE("TEST_SEED=" + std::to_string(seed));
+    std::mt19937 random(static_cast<unsigned>(seed));
+    const auto part_of = [&](microseconds time) {
+        return time * static_cast<int>(random() % 1000) / 1000;
+    };
+    int lines = 0, answered = 0;
+    microseconds start_time = hours(1); // the shortest one so far
+    for (int round = 0; round < ROUNDS && !HasFailure(); round++) {
+        std::string text;
+        for (int line = 0; line < LINES; line++)
+            text += std::to_string(round) + "-" + std::to_string(line) + ".example,4\n";
+        write_file(list, text);
+        const auto begin = steady_clock::now();
+        auto end = begin + (round % 2 ? part_of(start_time) : microseconds(hours(1)));
+        Process daemon(daemon_program, {});
+        for (bool up = false; steady_clock::now() < end;) {
             client.send(query("a.example"));
-        for (int i = 0; i < WAITED_FOR; i++)
-            answered += client.receive().has_value();
+            if (!client.receive(5))
+                continue;
+            answered++;
+            if (round % 2 == 0 && !std::exchange(up, true)) {
+                const auto now = steady_clock::now();
+                start_time = std::min(start_time, duration_cast<microseconds>(now - begin));
+                end = now + part_of(milliseconds(50));
+            }
+        }
         daemon.signal(SIGKILL);
-        EXPECT_EQ(daemon.wait(), 128 + SIGKILL);
-        while (client.receive(50))
+        daemon.wait();
+        while (client.receive(0))
             answered++;
         EXPECT_EQ(read("pragma integrity_check"), "ok\n");
         // The last answer leaves before its row is written; those before it have theirs.
-        EXPECT_GE(number("select count(*) from dns_traffic where fqdn = 'a.example'"),
-                  answered - run);
-        EXPECT_GE(answered, run * WAITED_FOR);
+        EXPECT_GE(number("select count(*) from dns_traffic"), answered - round - 1);
+        const int rows = number("select count(*) from black");
+        EXPECT_TRUE(rows == lines + LINES || (rows == lines && std::filesystem::exists(list)))
+            << rows << " after " << lines;
+        lines = rows;
     }
+    EXPECT_GE(lines, LINES * ROUNDS / 2);
+    EXPECT_LT(lines, LINES * ROUNDS) << "no kill came before the end of an import";
+}
+
+TEST_F(DatabaseSystemTest, AnswersWhileAnotherProcessHoldsTheDatabase) {
+    write_file("/etc/vantrelle/black.lst", "ads.example\n");
+    PrimedDaemon daemon;
+    sqlite3 *other = nullptr;
+    ASSERT_EQ(sqlite3_open(file.c_str(), &other), SQLITE_OK);
+    ASSERT_EQ(sqlite3_exec(other, "begin immediate", nullptr, nullptr, nullptr), SQLITE_OK);
+    const time_t begin = time(nullptr);
+    for (const char *name : {"a", "ads", "b", "c", "ads", "d"})
+        ask(name, 1);
+    EXPECT_LE(time(nullptr) - begin, 4) << "the wait is for once, and not for every row";
+    EXPECT_GE(log_count("Couldn't execute sql statement: database is locked"), 4U);
+    sqlite3_close(other);
+    ask("after", 2);
+    EXPECT_EQ(read("select count(*) from dns_traffic where fqdn like 'after0%'"), "1\n");
+    EXPECT_EQ(daemon.stop(), 0);
 }
 
 TEST_F(DatabaseSystemTest, RestartContinuesTheCounters) {
     {
-        Daemon daemon;
-        Daemon::prime();
+        PrimedDaemon daemon;
         ask("a", 4);
         daemon.signal(SIGUSR2);
         EXPECT_TRUE(eventually([] { return number("select count(*) from summary") == 2; }));
@@ -78,8 +124,7 @@ TEST_F(DatabaseSystemTest, RestartContinuesTheCounters) {
     const int requests = number("select req from summary where id = 3");
     EXPECT_GE(requests, 5);
     {
-        Daemon daemon;
-        Daemon::prime(); // a datagram that is still queued when the daemon stops counts nothing
+        PrimedDaemon daemon; // a datagram that is still queued when the daemon stops counts nothing
         EXPECT_EQ(daemon.stop(), 0);
     }
     EXPECT_GT(number("select req from summary where id = 4"), requests);
@@ -106,8 +151,7 @@ TEST_F(DatabaseSystemTest, ServesWithoutAWorkingDatabase) {
     for (const auto &[location, error] : cases) {
         SCOPED_TRACE(error);
         configure({{"stats_db_path", location}});
-        Daemon daemon;
-        Daemon::prime();
+        PrimedDaemon daemon;
         ask("a", 2);
         EXPECT_EQ(log_priority(error), LOG_ERR);
         EXPECT_EQ(daemon.stop(), 0);
@@ -119,8 +163,7 @@ TEST_F(DatabaseSystemTest, ServesWithoutAWorkingDatabase) {
 
 TEST_F(DatabaseSystemTest, ServesOnAFileSystemThatStopsTakingRows) {
     ASSERT_EQ(mount("none", place.c_str(), "tmpfs", 0, "size=1m"), 0);
-    Daemon daemon;
-    Daemon::prime();
+    PrimedDaemon daemon;
     ask("before", 2);
     const auto errors = [](const char *reason) {
         return log_count("Couldn't execute sql statement: " + std::string(reason));
@@ -138,8 +181,7 @@ TEST_F(DatabaseSystemTest, ServesOnAFileSystemThatStopsTakingRows) {
     EXPECT_EQ(read("select count(*) from dns_traffic where fqdn like 'after0%'"), "1\n");
     EXPECT_EQ(daemon.stop(), 0);
     ASSERT_EQ(mount("none", place.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
-    Daemon again;
-    Daemon::prime();
+    PrimedDaemon again;
     ask("read-only", 2);
     EXPECT_GE(errors("attempt to write a readonly database"), 1U);
     EXPECT_EQ(again.stop(), 0);

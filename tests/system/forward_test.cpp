@@ -1,8 +1,8 @@
 // Queries on their way to the upstream servers and back: failover, exact bytes, nothing lost.
 #include "harness.h"
 
+#include <csignal>
 #include <map>
-#include <memory>
 
 #include <unistd.h>
 
@@ -12,15 +12,8 @@ namespace {
 
 struct ForwardTest : SystemTest {};
 
-std::vector<std::unique_ptr<Upstream>> four_upstreams(const Upstream::Answer &answer) {
-    std::vector<std::unique_ptr<Upstream>> servers;
-    for (int number = 1; number <= 4; number++)
-        servers.push_back(std::make_unique<Upstream>(number, answer));
-    return servers;
-}
-
 TEST_F(ForwardTest, MovesRoundTheRingAndLeavesNoDescriptorBehind) {
-    auto servers = four_upstreams(Upstream::silence);
+    const Upstream first(1), second(2), third(3), fourth(4);
     configure({{"dns_timeout", "2"}});
     Daemon daemon;
     Client client;
@@ -28,15 +21,15 @@ TEST_F(ForwardTest, MovesRoundTheRingAndLeavesNoDescriptorBehind) {
         "Switching to Secondary Upstream DNS", "Switching to Tertiary Upstream DNS",
         "Switching to Quaternary Upstream DNS", "Switching to Primary Upstream DNS"};
     for (size_t sent = 1; sent <= 21; sent++) {
-        client.send(query("slow.example"));
+        client.send(query("silent.example"));
         ASSERT_TRUE(wait_for_log("Response timed out", sent));
         // The move comes at the start of the sixth query, not with the fifth time-out.
         EXPECT_EQ(log_count("Switching to"), (sent - 1) / 5) << "after " << sent;
     }
     for (const char *move : moves)
         EXPECT_EQ(log_priority(move), 6) << move;
-    for (size_t slot = 0; slot < 4; slot++)
-        EXPECT_TRUE(eventually([&] { return servers[slot]->count() == (slot == 0 ? 6 : 5); }));
+    for (const Upstream *server : {&first, &second, &third, &fourth})
+        EXPECT_TRUE(eventually([&] { return server->count() == (server == &first ? 6 : 5); }));
     for (const auto &[count, times] : std::map<int, size_t>{{1, 5}, {5, 4}, {6, 0}}) {
         std::string text = "ERROR: Upstream DNS Response timed out, Resetting connection (" +
                            std::to_string(count) + ")";
@@ -48,7 +41,7 @@ TEST_F(ForwardTest, MovesRoundTheRingAndLeavesNoDescriptorBehind) {
     EXPECT_EQ(log_count("Message Count: 21"), 1U);
     const size_t descriptors = daemon.descriptors();
     for (size_t sent = 22; sent <= 2000; sent++) {
-        client.send(query("gone.example"));
+        client.send(query("silent.example"));
         // One in time now and then: the socket's buffer holds some hundred datagrams only.
         ASSERT_TRUE(sent % 50 != 0 || wait_for_log("Response timed out", sent));
     }
@@ -58,20 +51,21 @@ TEST_F(ForwardTest, MovesRoundTheRingAndLeavesNoDescriptorBehind) {
 
 TEST_F(ForwardTest, AnAnswerClearsTheCountAndLateOnesReachNobody) {
     constexpr uint16_t late = 9, in_time = 2;
-    Upstream primary(1, [](const Bytes &message) {
-        if (id_of(message) == late)
-            usleep(200'000);
+    std::atomic<int> answers = 0;
+    const Upstream primary(1, [&](const Bytes &message) {
+        while (id_of(message) == late && answers == 0)
+            usleep(1000);
+        answers -= id_of(message) == late;
         return Upstream::echo(message);
     });
-    Upstream secondary(2);
-    configure({{"dns_timeout", "100"}});
-    Daemon daemon;
-    Daemon::prime();
-    Client first(20), second(21);
+    const Upstream secondary(2);
+    configure({{"dns_timeout", "300"}});
+    PrimedDaemon daemon;
+    const Client first(20), second(21);
     for (size_t lost = 1; lost <= 8; lost++) {
         first.send(query("late.example", late));
         ASSERT_TRUE(wait_for_log("Response timed out", lost));
-        usleep(200'000); // the answer has come by now, and nobody waits for it
+        answers++; // now that nobody waits for it
         if (lost % 4 == 0) {
             EXPECT_EQ(id_of(second.ask(query("next.example", in_time)).value_or("")), in_time);
         }
@@ -86,13 +80,13 @@ TEST_F(ForwardTest, PassesEveryByteAndCutsAt512) {
     };
     constexpr Case cases[] = {
         {29, 29, 300, 300}, {512, 512, 512, 512}, {600, 512, 600, 512},
-        {1, 1, 1, 1},       {0, 0, 45, 45},
+        {1, 1, 1, 1},       {0, 0, 45, 45},       {29, 29, 0, 0},
     };
     std::atomic<size_t> answer_size = 1;
     auto filled = [](size_t size) {
-        Bytes bytes(size, '\0');
-        for (size_t at = 0; at < size; at++)
-            bytes[at] = static_cast<char>(at * 7 + size);
+        Bytes bytes;
+        while (bytes.size() < size)
+            bytes += static_cast<char>(bytes.size() * 7 + size);
         return bytes;
     };
     Upstream primary(1, [&](const Bytes &) { return filled(answer_size); });
@@ -139,8 +133,7 @@ TEST_F(ForwardTest, LosesNothingOf10000QueriesOfSeveralClients) {
     for (size_t number = 0; number < 6 * names; number++)
         expected.push_back(direct.ask(asked(number), "10.53.0.1").value_or(""));
     configure();
-    Daemon daemon;
-    Daemon::prime();
+    PrimedDaemon daemon;
     std::atomic<size_t> right = 0;
     std::vector<std::thread> clients;
     for (size_t which = 0; which < 5; which++)
@@ -156,25 +149,82 @@ TEST_F(ForwardTest, LosesNothingOf10000QueriesOfSeveralClients) {
     EXPECT_EQ(daemon.stop(), 0);
 }
 
-TEST_F(ForwardTest, AFloodIsDroppedWithOneWarning) {
-    constexpr size_t bound = 4096;
+// How many datagrams wait in the daemon's socket or did not fit into it.
+unsigned long not_received() {
+    const std::string sockets = read_file("/proc/net/udp");
+    unsigned long waiting = 0, dropped = 0;
+    sscanf(sockets.c_str() + sockets.find("0108A8C0:0035"), // 192.168.8.1, port 53
+           "%*s %*s %*s %*x:%lx %*s %*s %*s %*s %*s %*s %*s %lu", &waiting, &dropped);
+    return waiting + dropped;
+}
+
+TEST_F(ForwardTest, AFloodDuringSilenceCostsAFewMegabytesAndPasses) {
+    constexpr size_t sent = 100'000, at_once = 250, bound = 4096, workers = 5;
     constexpr char warning[] = "Job queue is full, dropping queries";
+    std::atomic<bool> silent = false;
+    Upstream primary(1, [&](const Bytes &message) {
+        while (silent)
+            usleep(1000);
+        return Upstream::echo(message);
+    });
     configure({{"dns_timeout", "60000"}, {"socket_buffer_size", "200000"}});
-    Daemon daemon;
-    Client client;
-    size_t sent = 0;
-    while (sent < 5 * bound && log_count(warning) == 0) {
-        for (int more = 0; more < 64; more++, sent++)
-            client.send(query("flood.example"));
-        usleep(2000);
-    }
-    EXPECT_GT(sent, bound);
-    EXPECT_EQ(log_priority(warning), 4);
-    for (int more = 0; more < 1000; more++)
+    PrimedDaemon daemon;
+    const size_t memory = daemon.figure("VmRSS");
+    silent = true;
+    const time_t begin = time(nullptr);
+    const Client client;
+    for (size_t number = 0; number < sent; number++) {
         client.send(query("flood.example"));
-    usleep(200'000);
-    EXPECT_EQ(log_count(warning), 1U);
-    EXPECT_TRUE(daemon.running());
+        ASSERT_TRUE(number % at_once != 0 || eventually([] { return not_received() == 0; }));
+    }
+    EXPECT_LT(daemon.figure("VmRSS"), memory + 16384);
+    EXPECT_EQ(log_priority(warning), 4);
+    EXPECT_LE(log_count(warning), 1 + static_cast<size_t>(time(nullptr) - begin) / 10);
+    silent = false;
+    EXPECT_TRUE(eventually([&] { return primary.count() == 1 + bound + workers; }));
+    EXPECT_TRUE(passes("after.example"));
+}
+
+TEST_F(ForwardTest, AnInterfaceMayLoseItsAddressForAWhile) {
+    Upstream primary(1, [&](const Bytes &message) {
+        if (id_of(message) == 2)
+            run("ip addr del 192.168.8.1/24 dev apcli0");
+        return Upstream::echo(message);
+    });
+    configure();
+    PrimedDaemon daemon;
+    const size_t failed = log_count("Received error: ");
+    Client().send(query("gone.example", 2));
+    EXPECT_TRUE(wait_for_log("Received error: ", failed + 1));
+    run("ip addr add 192.168.8.1/24 dev apcli0");
+    EXPECT_TRUE(passes("back.example"));
+}
+
+TEST_F(ForwardTest, AClockThatIsSetBackLeadsToThePrimary) {
+    const auto move_clock = [](const char *seconds) { write_file("/tmp/clock", seconds); };
+    const Upstream primary(1), secondary(2);
+    configure({{"dns_timeout", "200"}, {"dns_max_time_on_secondary", "600"}});
+    move_clock("0");
+    Daemon daemon({}, MOVED_CLOCK_DAEMON);
+    const Client client;
+    for (size_t times = 1; times <= 5; times++)
+        client.send(query("silent.example"));
+    ASSERT_TRUE(wait_for_log("Response timed out", 5));
+    for (const auto &[seconds, second_slot] : {std::pair{"0", 1U}, {"-599", 2U}, {"-3600", 2U}}) {
+        move_clock(seconds);
+        EXPECT_TRUE(passes("a.example"));
+        EXPECT_EQ(secondary.count(), second_slot) << seconds;
+    }
+    EXPECT_EQ(log_priority("Switching to Primary Upstream DNS (Max Time On Secondary)"), 6);
+    // Once more, while the pool waits for a worker.
+    client.send(query("silent.example"));
+    daemon.signal(SIGTERM);
+    ASSERT_TRUE(eventually([&] {
+        client.send(query("last.example"));
+        return log_count("Shutting down ...") > 0;
+    }));
+    move_clock("-7200");
+    EXPECT_EQ(daemon.wait(), 0);
 }
 
 } // namespace

@@ -154,12 +154,8 @@ TEST_F(LedTest, ChainFollowsTheRun) {
     configure({{"first_boot", "1"}, {"dns_timeout", "200"}, {"stats_db_path", "/etc/vantrelle"}});
     fs::create_directory("/etc/vantrelle");
     write_file("/etc/vantrelle/black.lst", "ads.example\n");
-    const Upstream upstream(1, [](const Bytes &message) {
-        const bool silent = message.find("silent") != Bytes::npos;
-        return silent ? Upstream::silence(message) : Upstream::echo(message);
-    });
-    Daemon daemon;
-    Daemon::prime();
+    const Upstream upstream(1);
+    PrimedDaemon daemon;
     EXPECT_EQ(frames(), "660066 fff000 ff0000 0000ff ");
     const Client client;
     EXPECT_TRUE(client.ask(query("ads.example")));

@@ -1,0 +1,97 @@
+// The system bus for tests: its daemon beside ours, and a connection for many calls.
+#pragma once
+
+#include "harness.h"
+
+#include <map>
+
+#include <sys/stat.h>
+
+extern "C" {
+#include <libubox/blobmsg_json.h>
+#include <libubus.h>
+}
+
+namespace harness {
+
+// A bus daemon runs; once start() has returned, ours has a database, is on the bus and answers.
+struct BusTest : SystemTest {
+    const Upstream upstream{1};
+    std::optional<Process> bus;
+    std::optional<Daemon> daemon;
+
+    void start_bus() {
+        bus.emplace(BUS_PROGRAM, std::vector<std::string>{});
+        ASSERT_TRUE(eventually([] { return access("/var/run/ubus/ubus.sock", F_OK) == 0; }));
+    }
+    void start_daemon() {
+        daemon.emplace();
+        run(BUS_CLIENT " -t 10 wait_for vantrelle");
+        Daemon::prime();
+    }
+    void start(const Options &main = {}) {
+        Options all{{"stats_db_path", "/etc/vantrelle"}};
+        all.insert(all.end(), main.begin(), main.end());
+        configure(all);
+        start_daemon();
+    }
+    void SetUp() override {
+        SystemTest::SetUp();
+        mkdir("/var/run/ubus", 0755);
+        mkdir("/etc/vantrelle", 0700);
+        write_file("/etc/config/system", "config system\n\toption log_remote '0'\n");
+        start_bus();
+    }
+};
+
+// A connection of the test's own.
+class Connection {
+  public:
+    Connection() : context(ubus_connect(nullptr)) {
+        ubus_add_uloop(context);
+        EXPECT_EQ(ubus_lookup_id(context, "vantrelle", &object), 0);
+    }
+    ~Connection() {
+        blob_buf_free(&arguments);
+        ubus_free(context);
+        uloop_done();
+    }
+    int call(const char *method, const char *json = "{}") {
+        set(json);
+        return ubus_invoke(context, object, method, arguments.head, nullptr, nullptr, 20000);
+    }
+    // Starts a call that takes its time; its status is counted while serve() runs.
+    void start(const char *method, const std::string &json = "{}") {
+        set(json.c_str());
+        auto *request = new ubus_request{};
+        EXPECT_EQ(ubus_invoke_async(context, object, method, arguments.head, request), 0);
+        request->priv = this;
+        request->complete_cb = [](ubus_request *done, int status) {
+            auto *self = static_cast<Connection *>(done->priv);
+            self->statuses[status]++;
+            self->pending--;
+            delete done;
+        };
+        ubus_complete_request_async(context, request);
+        pending++;
+    }
+    // Takes replies while any are due, for so many times so many milliseconds at most.
+    void serve(int times, int milliseconds = 10) {
+        while (pending > 0 && times-- > 0)
+            uloop_run_timeout(milliseconds);
+    }
+
+    int pending = 0;
+    std::map<int, int> statuses;
+
+  private:
+    void set(const char *json) {
+        blob_buf_init(&arguments, 0);
+        EXPECT_TRUE(blobmsg_add_json_from_string(&arguments, json));
+    }
+    ubus_context *context;
+    uint32_t object = 0;
+    blob_buf arguments{};
+};
+
+} // namespace harness
