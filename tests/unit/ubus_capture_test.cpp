@@ -36,18 +36,28 @@ json load(const std::string &name) {
     return json::parse(std::ifstream(TEST_DATA "/captures/" + name + ".json"));
 }
 
-bool to_bus(const json &entry) {
-    return entry.value("dir", "") == "client>bus";
-}
-
 uint32_t word_at(const Bytes &message, size_t at) {
     return static_cast<uint32_t>(blob_read_number_(message.data() + at, 4));
 }
 
-wire::Attributes attributes_of(Bytes &message) {
-    return wire::parse(reinterpret_cast<blob_attr *>(message.data() + sizeof(ubus_msghdr)),
-                       message.size() - sizeof(ubus_msghdr));
-}
+// A recorded message, or another event on a connection.
+struct Entry {
+    std::string who, note, event;
+    bool to_bus;
+    Bytes bytes;
+
+    explicit Entry(const json &from)
+        : who(from["who"]), note(from.value("note", "")), event(from.value("event", "message")),
+          to_bus(from.value("dir", "") == "client>bus"), bytes(from_hex(from.value("hex", ""))) {}
+    int type() const { return bytes.empty() ? -1 : bytes[1]; }
+    uint16_t seq() const { return static_cast<uint16_t>(word_at(bytes, 0)); }
+    uint32_t peer() const { return word_at(bytes, 4); }
+    blob_attr *operator[](ubus_msg_attr id) {
+        return wire::parse(reinterpret_cast<blob_attr *>(bytes.data() + sizeof(ubus_msghdr)),
+                           bytes.size() - sizeof(ubus_msghdr))[id];
+    }
+};
+using Entries = std::vector<Entry>;
 
 // ---- Descriptors and processes ----
 
@@ -162,7 +172,7 @@ class Command {
 // ---- The library, driven to do what a recorded program did with it ----
 
 struct Answer {
-    std::vector<Bytes> data;
+    std::vector<blob_attr *> data;
     std::optional<int> status; // none: the answer never came
 };
 
@@ -180,8 +190,8 @@ int play_answer(ubus_context *ctx, ubus_object *, ubus_request_data *req, const 
         ubus_defer_request(ctx, req, &later);
         req = &later;
     }
-    for (Bytes &each : data)
-        ubus_send_reply(ctx, req, reinterpret_cast<blob_attr *>(each.data()));
+    for (blob_attr *each : data)
+        ubus_send_reply(ctx, req, each);
     if (req == &later && status)
         ubus_complete_deferred_request(ctx, req, *status);
     return status.value_or(UBUS_STATUS_OK); // of no consequence for a deferred call
@@ -194,10 +204,10 @@ struct PlayedObject {
     std::vector<ubus_method> methods;
     std::deque<std::vector<blobmsg_policy>> policies;
 
-    explicit PlayedObject(const wire::Attributes &found) {
+    explicit PlayedObject(Entry &entry) {
         blob_attr *method, *argument;
         size_t rem, inner;
-        blob_for_each_attr(method, found[UBUS_ATTR_SIGNATURE], rem) {
+        blob_for_each_attr(method, entry[UBUS_ATTR_SIGNATURE], rem) {
             auto &policy = policies.emplace_back();
             blobmsg_for_each_attr(argument, method, inner)
                 policy.push_back({blobmsg_name(argument),
@@ -205,7 +215,7 @@ struct PlayedObject {
             methods.push_back({blobmsg_name(method), play_answer, 0, 0, policy.data(),
                                static_cast<int>(policy.size())});
         }
-        object.name = type.name = wire::text(found[UBUS_ATTR_OBJPATH]);
+        object.name = type.name = wire::text(entry[UBUS_ATTR_OBJPATH]);
         object.type = &type;
         object.methods = type.methods = methods.data();
         object.n_methods = type.n_methods = static_cast<int>(methods.size());
@@ -213,52 +223,45 @@ struct PlayedObject {
 };
 
 // Repeats a request of a recorded client; the library's status of it.
-int repeat_request(ubus_context *ctx, Bytes &message) {
+int repeat_request(ubus_context *ctx, Entry &entry) {
     static std::deque<PlayedObject> objects;
     static ubus_subscriber subscriber;
-    const wire::Attributes found = attributes_of(message);
-    switch (message[1]) {
-    case UBUS_MSG_REMOVE_OBJECT:
+    if (entry.type() == UBUS_MSG_REMOVE_OBJECT)
         return ubus_remove_object(ctx, &objects.back().object);
-    case UBUS_MSG_NOTIFY:
-        return ubus_notify(ctx, &objects.back().object, wire::text(found[UBUS_ATTR_METHOD]),
-                           found[UBUS_ATTR_DATA], found[UBUS_ATTR_NO_REPLY] ? -1 : PATIENCE);
-    default:
-        return found[UBUS_ATTR_OBJPATH] ? ubus_add_object(ctx, &objects.emplace_back(found).object)
-                                        : ubus_register_subscriber(ctx, &subscriber);
-    }
+    if (entry.type() == UBUS_MSG_NOTIFY)
+        return ubus_notify(ctx, &objects.back().object, wire::text(entry[UBUS_ATTR_METHOD]),
+                           entry[UBUS_ATTR_DATA], entry[UBUS_ATTR_NO_REPLY] ? -1 : PATIENCE);
+    if (entry[UBUS_ATTR_OBJPATH])
+        return ubus_add_object(ctx, &objects.emplace_back(entry).object);
+    return ubus_register_subscriber(ctx, &subscriber);
 }
 
 // Does what the recorded client `who` did, until told to end. Returns the number of requests that
 // did not end as recorded.
-int drive_library(const std::string &path, const json &messages, const std::string &who) {
+int drive_library(const std::string &path, Entries &entries, const std::string &who) {
     // A signal that comes before uloop_run() would be lost on uloop's own handler.
     static volatile sig_atomic_t asked_to_end;
     signal(SIGTERM, [](int) { asked_to_end = 1; });
     std::map<uint16_t, int> statuses; // of the client's own requests
-    std::deque<Bytes> requests;
-    for (const json &entry : messages) {
-        if (entry["who"] != who || !entry.contains("hex"))
+    std::vector<Entry *> requests;
+    for (Entry &entry : entries) {
+        if (entry.who != who || entry.event != "message")
             continue;
-        Bytes message = from_hex(entry["hex"]);
-        const wire::Attributes found = attributes_of(message);
-        const auto seq = static_cast<uint16_t>(word_at(message, 0));
-        const auto status = static_cast<int>(wire::number(found[UBUS_ATTR_STATUS]));
-        Answer &answer = answers[{word_at(message, 4), seq}];
-        if (!to_bus(entry))
-            statuses[seq] = status; // the last one is STATUS
-        else if (message[1] == UBUS_MSG_DATA)
-            answer.data.emplace_back(reinterpret_cast<char *>(found[UBUS_ATTR_DATA]),
-                                     blob_pad_len(found[UBUS_ATTR_DATA]));
-        else if (message[1] == UBUS_MSG_STATUS)
+        const auto status = static_cast<int>(wire::number(entry[UBUS_ATTR_STATUS]));
+        Answer &answer = answers[{entry.peer(), entry.seq()}];
+        if (!entry.to_bus)
+            statuses[entry.seq()] = status; // the last one is STATUS
+        else if (entry.type() == UBUS_MSG_DATA)
+            answer.data.push_back(entry[UBUS_ATTR_DATA]);
+        else if (entry.type() == UBUS_MSG_STATUS)
             answer.status = status;
         else
-            requests.push_back(message);
+            requests.push_back(&entry);
     }
     ubus_context *ctx = ubus_connect(path.c_str());
     int mistakes = !ctx;
-    for (Bytes &message : requests)
-        mistakes += repeat_request(ctx, message) != statuses[word_at(message, 0) & 0xffff];
+    for (Entry *entry : requests)
+        mistakes += repeat_request(ctx, *entry) != statuses[entry->seq()];
     ubus_add_uloop(ctx);
     while (!asked_to_end)
         uloop_run_timeout(10);
@@ -275,17 +278,15 @@ class Ids {
     std::map<uint32_t, uint32_t> live_;
 
   public:
-    explicit Ids(const json &messages) {
-        for (const json &entry : messages) {
-            if (to_bus(entry) || !entry.contains("hex"))
+    explicit Ids(Entries &entries) {
+        for (Entry &entry : entries) {
+            if (entry.to_bus)
                 continue;
-            Bytes message = from_hex(entry["hex"]);
-            const wire::Attributes found = attributes_of(message);
-            if (message[1] == UBUS_MSG_HELLO || message[1] == UBUS_MSG_INVOKE)
-                recorded_.insert(word_at(message, 4));
-            if (message[1] == UBUS_MSG_DATA)
-                recorded_.insert(
-                    {wire::number(found[UBUS_ATTR_OBJID]), wire::number(found[UBUS_ATTR_OBJTYPE])});
+            if (entry.type() == UBUS_MSG_HELLO || entry.type() == UBUS_MSG_INVOKE)
+                recorded_.insert(entry.peer());
+            for (const auto id : {UBUS_ATTR_OBJID, UBUS_ATTR_OBJTYPE})
+                if (entry.type() == UBUS_MSG_DATA)
+                    recorded_.insert(wire::number(entry[id]));
         }
         recorded_.erase(0);
     }
@@ -331,7 +332,8 @@ class Capture : public testing::TestWithParam<std::string> {
     const json capture = load(GetParam());
     const json messages = capture.value("messages", json::array());
     const json commands = capture.value("commands", json::array());
-    Ids ids{messages};
+    Entries entries{messages.begin(), messages.end()};
+    Ids ids{entries};
     Program bus, owner;
     UniqueFd listener;
     std::map<std::string, Connection> connections;
@@ -362,35 +364,33 @@ class Capture : public testing::TestWithParam<std::string> {
             if (command["connection"] == who)
                 connection.command.emplace(command, path);
         if (who == "owner" || who == "second")
-            connection.program.start([&] { _exit(drive_library(path, messages, who)); });
+            connection.program.start([&] { _exit(drive_library(path, entries, who)); });
         else if (!connection.command)
             return;
         ASSERT_TRUE(readable(listener, PATIENCE));
         connection.client = UniqueFd(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
     }
 
-    void relay(const Connection &connection, const json &entry) {
-        const Bytes recorded = from_hex(entry["hex"]);
-        if (to_bus(entry)) {
-            const Bytes sent = connection.client ? read_message(connection.client) : recorded;
-            ASSERT_EQ(sent, recorded);
-            ASSERT_TRUE(send_bytes(connection.bus, ids.translate(recorded)));
+    void relay(const Connection &connection, const Entry &entry) {
+        if (entry.to_bus) {
+            const Bytes sent = connection.client ? read_message(connection.client) : entry.bytes;
+            ASSERT_EQ(sent, entry.bytes);
+            ASSERT_TRUE(send_bytes(connection.bus, ids.translate(entry.bytes)));
         } else {
             const Bytes message = read_message(connection.bus);
-            ASSERT_EQ(ids.translate(recorded, message), message);
-            ASSERT_TRUE(!connection.client || send_bytes(connection.client, recorded));
+            ASSERT_EQ(ids.translate(entry.bytes, message), message);
+            ASSERT_TRUE(!connection.client || send_bytes(connection.client, entry.bytes));
         }
     }
 
     // A greeting, with an id of its own, and a look-up: recorded for the client's first run only.
     void relay_beginning(const Connection &connection) {
         ASSERT_TRUE(send_bytes(connection.client, read_message(connection.bus)));
-        const auto is_first_run = [](const json &entry) { return entry["who"] == "cli"; };
-        const auto greeting = std::find_if(messages.begin(), messages.end(), is_first_run);
-        for (int i = 1; i < 4; i++) {
-            if (i == 1 && ended(connection.client)) // its arguments were refused
+        const auto greeting = std::ranges::find(entries, "cli", &Entry::who);
+        for (auto entry = greeting + 1; entry != greeting + 4; ++entry) {
+            if (entry->to_bus && ended(connection.client)) // its arguments were refused
                 return;
-            relay(connection, greeting[i]);
+            relay(connection, *entry);
         }
     }
 
@@ -412,27 +412,26 @@ class Capture : public testing::TestWithParam<std::string> {
 TEST_P(Capture, IsRepeated) {
     if (GetParam() == "33_raw_bus_answers") { // its objects are another recording's
         owner.start([this] {
-            const json registration = load("28_subscription_target_gone")["messages"][1];
-            _exit(drive_library(bus_path, json::array({registration}), "owner"));
+            Entries registration{Entry(load("28_subscription_target_gone")["messages"][1])};
+            _exit(drive_library(bus_path, registration, "owner"));
         });
         ASSERT_EQ(std::system((UBUS_PROGRAM " -s " + bus_path + " wait_for probe").c_str()), 0);
     }
-    for (const json &entry : messages) {
-        const std::string who = entry["who"], event = entry.value("event", "message");
-        SCOPED_TRACE(who + ": " + entry.value("note", ""));
-        const auto [at, is_new] = connections.try_emplace(who);
+    for (const Entry &entry : entries) {
+        SCOPED_TRACE(entry.who + ": " + entry.note);
+        const auto [at, is_new] = connections.try_emplace(entry.who);
         Connection &connection = at->second;
         if (is_new)
-            start(connection, who);
-        if (is_new && who.starts_with("cli#") && capture.contains("messages_omitted"))
+            start(connection, entry.who);
+        if (is_new && entry.who.starts_with("cli#") && capture.contains("messages_omitted"))
             relay_beginning(connection);
-        if (event == "message")
+        if (entry.event == "message")
             relay(connection, entry);
-        if (event == "close")
-            close(connection, to_bus(entry));
-        if (event == "half-close")
+        if (entry.event == "close")
+            close(connection, entry.to_bus);
+        if (entry.event == "half-close")
             shutdown(connection.bus.get(), SHUT_WR);
-        EXPECT_FALSE(event == "nothing" && readable(connection.bus, 150));
+        EXPECT_FALSE(entry.event == "nothing" && readable(connection.bus, 150));
         if (HasFatalFailure())
             return;
     }
