@@ -102,7 +102,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     check(sent == expected);
     // At most a hit on a white list, its name, both together, and the question.
     check(sqlite3_total_changes(oDNS.db) - changes <= (oDNS.record_traffic ? 4 : 0));
-    if (++round % 8192 == 0) {
+    if (++round % 8192 == 16) { // also among the seeds
         check(fixed_rows() == fixed);
         sqlite3_exec(oDNS.db, "delete from dns_traffic", nullptr, nullptr, nullptr);
     }
