@@ -138,7 +138,7 @@ TEST_F(Admin, StoredSettingsSurviveARestart) {
         .run();
 }
 
-TEST_F(Admin, WithoutABusOnlyAdministrationIsMissing) {
+TEST_F(Admin, ABusThatEndsTakesNothingWithIt) {
     start();
     daemon->signal(SIGINT); // the event loop of the bus thread must not swallow it
     EXPECT_EQ(daemon->wait(), 128 + SIGINT);
