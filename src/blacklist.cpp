@@ -33,8 +33,8 @@ int _load_local_black_list() {
 }
 
 void init_black_list() {
-    loaded(MAIN);
-    loaded(LOCAL);
+    load_if_missing(MAIN);
+    load_if_missing(LOCAL);
 }
 
 void black_list_cleanup() {

@@ -18,7 +18,7 @@ int _load_blocked_device_list() {
 }
 
 void init_blocked_device_list() {
-    loaded(DEVICES);
+    load_if_missing(DEVICES);
 }
 
 void blocked_device_list_cleanup() {

@@ -35,6 +35,11 @@ ListHold loaded(const FilterList &filter) {
     return ListHold(filter.variable);
 }
 
+void load_if_missing(const FilterList &filter) {
+    if (!is_published(filter.variable))
+        loaded(filter);
+}
+
 void unload(const FilterList &filter) {
     const MutexGuard guard(list_loading);
     free_list(filter.variable);

@@ -30,6 +30,9 @@ int load_filter_list(List *&variable, const char *path);
 // The list, which is loaded first if it is not. Empty only without memory.
 ListHold loaded(const FilterList &filter);
 
+// Loads the list if it is not loaded.
+void load_if_missing(const FilterList &filter);
+
 // Frees the list and sets the variable to null.
 void unload(const FilterList &filter);
 

@@ -53,9 +53,13 @@ void publish_list(List *&variable, List *fresh) {
     List *old = nullptr;
     {
         const MutexGuard guard(variables);
-        old = std::exchange(variable, fresh);
+        old = __atomic_exchange_n(&variable, fresh, __ATOMIC_RELEASE); // for is_published()
     }
     release(old);
+}
+
+bool is_published(List *const &variable) {
+    return __atomic_load_n(&variable, __ATOMIC_ACQUIRE);
 }
 
 void free_list(List *&variable) {

@@ -74,6 +74,9 @@ void free_list(List *&variable);
 // Puts `fresh` into a variable that other threads read and lets go of the list that it held.
 void publish_list(List *&variable, List *fresh);
 
+// Whether the variable holds a list at this moment. Takes no lock.
+bool is_published(List *const &variable);
+
 uint16_t get_list_size(const List *list); // 0 for null
 bool _is_empty(List *list);               // true for null
 

@@ -46,6 +46,8 @@ static void restart() {
 
 // Runs only where sigmask.h lets it, but for SIGSEGV.
 static void sig_handler(int number) {
+    if (is_deferred(number))
+        return;
     const int saved = errno;
     block_daemon_signals(); // one at a time: they share the logger and the database
     if (number == SIGSEGV) {

@@ -25,7 +25,6 @@
 #include <ctime>
 #include <fcntl.h>
 #include <initializer_list>
-#include <poll.h>
 #include <strings.h>
 #include <sys/stat.h>
 #include <syslog.h>
@@ -35,8 +34,6 @@ std::atomic<int> shutting_down;
 // Waiting jobs beyond which datagrams are dropped: while an upstream is silent a flood then costs a
 // few megabytes and not the router.
 static constexpr int MAX_WAITING_JOBS = 4096;
-// Datagrams that are taken from a steady stream before signals are let in.
-static constexpr int MAX_WITHOUT_SIGNALS = 32;
 static constexpr time_t DROP_WARNING_INTERVAL = 10; // seconds
 
 static const char *shown(const char *text) {
@@ -319,32 +316,15 @@ static void log_receive_error(int code) {
     }
 }
 
-// Signals are handled here and do not end the wait: a stop shows after the next datagram only.
-static void wait_for_datagram(const sigset_t &mask) {
-    pollfd waiting = {.fd = oDNS.listenfd, .events = POLLIN, .revents = 0};
-    while (ppoll(&waiting, 1, nullptr, &mask) < 0 && errno == EINTR)
-        continue;
-}
-
-// Receives the next datagram, for which it waits only when none is there. Sets its length, and the
-// sender's address as far as `address_length` allows.
-static void receive(DnsRequest &received, socklen_t &address_length, const sigset_t &mask) {
-    static int in_a_row;
-    // While a steady stream of queries makes waiting needless, signals come in here.
-    if (++in_a_row > MAX_WITHOUT_SIGNALS) {
-        admit_pending_signals(true);
-        in_a_row = 0;
-    }
-    ssize_t length;
-    while ((length = recvfrom(oDNS.listenfd, received.message, MAX_MESSAGE, MSG_DONTWAIT,
-                              reinterpret_cast<sockaddr *>(&received.client), &address_length)) <
-               0 &&
-           errno == EAGAIN) {
-        wait_for_datagram(mask);
-        in_a_row = 0;
-    }
-    received.length = static_cast<int32_t>(length);
-    const size_t filled = length > 0 ? static_cast<size_t>(length) : 0;
+// Waits for the next datagram. Sets its length, and the sender's address as far as `address_length`
+// allows. Signals are handled here and do not end the wait: a stop shows after the next datagram
+// only.
+static void receive(DnsRequest &received, socklen_t &address_length) {
+    const SignalWindow window;
+    received.length = static_cast<int32_t>(
+        recvfrom(oDNS.listenfd, received.message, MAX_MESSAGE, 0,
+                 reinterpret_cast<sockaddr *>(&received.client), &address_length));
+    const size_t filled = received.length > 0 ? static_cast<size_t>(received.length) : 0;
     std::memset(received.message + filled, 0, sizeof received.message - filled);
 }
 
@@ -380,14 +360,15 @@ static void main_loop() {
     // 0 for the first receive only, which therefore takes no address: the client of the first
     // datagram is never answered. Kept; whoever starts the daemon sends one query to prime it.
     socklen_t address_length = 0;
-    const sigset_t mask = waiting_signal_mask();
+    defer_signals();
     while (!shutting_down) {
-        receive(received, address_length, mask);
+        receive(received, address_length);
         if (received.length < 0 && !shutting_down)
             log_receive_error(errno);
         else
             queue_request(received);
     }
+    block_daemon_signals();
     syslog(LOG_DEBUG, "Exiting Main Loop");
 }
 

@@ -1,12 +1,18 @@
 #include "sigmask.h"
 
-#include <initializer_list>
+#include <iterator>
 #include <pthread.h>
+
+static constexpr int DAEMON_SIGNALS[] = {SIGTERM, SIGHUP, SIGUSR1, SIGUSR2};
+
+// Of the main thread and its handlers alone.
+static volatile std::sig_atomic_t deferring;
+static volatile std::sig_atomic_t deferred[std::size(DAEMON_SIGNALS)];
 
 static sigset_t set_of_daemon_signals() {
     sigset_t set;
     sigemptyset(&set);
-    for (const int number : {SIGTERM, SIGHUP, SIGUSR1, SIGUSR2})
+    for (const int number : DAEMON_SIGNALS)
         sigaddset(&set, number);
     return set;
 }
@@ -25,12 +31,34 @@ void admit_pending_signals(bool pool_exists) {
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
-sigset_t waiting_signal_mask() {
-    sigset_t mask;
-    pthread_sigmask(SIG_SETMASK, nullptr, &mask);
-    for (const int number : {SIGTERM, SIGHUP, SIGUSR2})
-        sigdelset(&mask, number);
-    return mask;
+void defer_signals() {
+    deferring = 1;
+    sigset_t set = set_of_daemon_signals();
+    sigdelset(&set, SIGUSR1);
+    pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+}
+
+bool is_deferred(int number) {
+    bool noted = false;
+    for (size_t i = 0; deferring && i < std::size(DAEMON_SIGNALS); i++)
+        if (DAEMON_SIGNALS[i] == number) {
+            deferred[i] = 1;
+            noted = true;
+        }
+    return noted;
+}
+
+SignalWindow::SignalWindow() {
+    deferring = 0; // first: a signal that comes during the loop is handled or found by it
+    for (size_t i = 0; i < std::size(DAEMON_SIGNALS); i++)
+        if (deferred[i]) {
+            deferred[i] = 0;
+            raise(DAEMON_SIGNALS[i]); // returns when the handler has
+        }
+}
+
+SignalWindow::~SignalWindow() {
+    deferring = 1;
 }
 
 void open_pause_signal() {

@@ -2,9 +2,8 @@
 //
 // The signal handlers log, and one of them writes to the database, so they must never run in the
 // middle of such a call. Once the options are parsed every thread keeps the daemon's signals
-// blocked; the main thread lets them in between the steps of its start-up, while it waits for a
-// datagram and now and then when it need not wait, and workers let in SIGUSR1 alone, their pause
-// signal.
+// blocked; the main thread lets them in between the steps of its start-up and while it waits for a
+// datagram, and workers let in SIGUSR1 alone, their pause signal.
 #pragma once
 
 #include <csignal>
@@ -16,8 +15,22 @@ void block_daemon_signals();
 // from then on it is the workers' pause signal. Main thread.
 void admit_pending_signals(bool pool_exists);
 
-// The mask for ppoll() in the main thread's wait for a datagram.
-sigset_t waiting_signal_mask();
+// From now on signals other than SIGUSR1 reach the main thread's handler at any time, which has to
+// ask is_deferred() first, and are handled within a SignalWindow: that takes no system calls, as a
+// mask of its own for every wait would. Main thread; block_daemon_signals() ends it.
+void defer_signals();
+
+// Whether the handler of a signal must return at once: it will be called again in the next window.
+// Handlers.
+bool is_deferred(int number);
+
+// Signals are handled while one lives, those that were deferred in its constructor. Main thread.
+struct SignalWindow {
+    SignalWindow();
+    ~SignalWindow();
+    SignalWindow(const SignalWindow &) = delete;
+    SignalWindow &operator=(const SignalWindow &) = delete;
+};
 
 // Lets the pause signal in. Worker threads, once they have installed its handler.
 void open_pause_signal();

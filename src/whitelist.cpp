@@ -37,8 +37,8 @@ int _load_local_white_list() {
 }
 
 void init_white_list() {
-    loaded(MAIN);
-    loaded(LOCAL);
+    load_if_missing(MAIN);
+    load_if_missing(LOCAL);
 }
 
 void white_list_cleanup() {
