@@ -245,10 +245,6 @@ void divert(const uint8_t *message, int32_t length, sockaddr_in client, int bloc
                static_cast<int>(sent));
 }
 
-namespace {
-enum class Decision { FORWARD, FORWARD_AND_RECORD, DIVERT };
-} // namespace
-
 // The first rule that matches decides. Blocked devices win over everything, white over black.
 static Decision decide(const char *name, sockaddr_in client) {
     if (oDNS.disabled == 1 || is_local(name, client) || is_reverse(name, client))
@@ -260,14 +256,23 @@ static Decision decide(const char *name, sockaddr_in client) {
     return is_blacklisted(name, client) ? Decision::DIVERT : Decision::FORWARD_AND_RECORD;
 }
 
-static void answer(const DnsRequest &request, const char *name) {
-    const Decision decision = decide(name, request.client);
-    if (decision == Decision::DIVERT) {
-        divert(request.message, request.length, request.client, 1);
+// Decides unless that is done, and diverts. Returns whether it did. Sets the name.
+static bool is_diverted(DnsRequest &request, char (&name)[QUERY_NAME_SIZE]) {
+    extract_url(name, request.message, QUESTION_OFFSET, request.client);
+    if (request.decision == Decision::OPEN)
+        request.decision = decide(name, request.client);
+    if (request.decision != Decision::DIVERT)
+        return false;
+    divert(request.message, request.length, request.client, 1);
+    return true;
+}
+
+static void answer(DnsRequest &request) {
+    char name[QUERY_NAME_SIZE] = "";
+    if (is_diverted(request, name))
         return;
-    }
     forward_request(request.message, request.length, request.client);
-    if (decision == Decision::FORWARD_AND_RECORD && oDNS.record_traffic == 1)
+    if (request.decision == Decision::FORWARD_AND_RECORD && oDNS.record_traffic == 1)
         record_request(name, request.client);
 }
 
@@ -279,9 +284,7 @@ void *_process_request(void *job) {
         debugLog("Request Start", start);
     {
         const std::unique_ptr<DnsRequest, FreeMemory> request(static_cast<DnsRequest *>(job));
-        char name[QUERY_NAME_SIZE] = "";
-        extract_url(name, request->message, QUESTION_OFFSET, request->client);
-        answer(*request, name);
+        answer(*request);
     }
     if (timed) {
         syslog(LOG_DEBUG, "Request End: %lf",
@@ -321,9 +324,9 @@ static void log_receive_error(int code) {
 // only.
 static void receive(DnsRequest &received, socklen_t &address_length) {
     const SignalWindow window;
-    received.length = static_cast<int32_t>(
-        recvfrom(oDNS.listenfd, received.message, MAX_MESSAGE, 0,
-                 reinterpret_cast<sockaddr *>(&received.client), &address_length));
+    received.length = static_cast<int32_t>(recvfrom(oDNS.listenfd, received.message, MAX_MESSAGE, 0,
+                                                    reinterpret_cast<sockaddr *>(&received.client),
+                                                    &address_length));
     const size_t filled = received.length > 0 ? static_cast<size_t>(received.length) : 0;
     std::memset(received.message + filled, 0, sizeof received.message - filled);
 }
@@ -341,8 +344,24 @@ static bool queue_is_full() {
     return true;
 }
 
+// Diverts a query here and now when no other is being answered or waits: handing it to a worker
+// costs more than all the rest. What may have to wait is left to a worker, an upstream server's
+// answer and the rows of a hit, and so is everything while each step is traced.
+static bool is_diverted_at_once(DnsRequest &received) {
+    received.decision = Decision::OPEN;
+    if (oDNS.record_traffic || is_logged(LOG_DEBUG) || !thpool_take_turn(oDNS.pool))
+        return false;
+    bool diverted = false;
+    {
+        const MutexGuard guard(lock);
+        char name[QUERY_NAME_SIZE] = "";
+        diverted = is_diverted(received, name);
+    }
+    thpool_end_turn(oDNS.pool);
+    return diverted;
+}
+
 static void queue_request(const DnsRequest &received) {
-    syslog(LOG_DEBUG, "Request size: %ld", static_cast<long>(received.length));
     if (queue_is_full())
         return;
     auto *job = static_cast<DnsRequest *>(std::malloc(sizeof(DnsRequest)));
@@ -351,6 +370,12 @@ static void queue_request(const DnsRequest &received) {
     *job = received;
     if (thpool_add_work(oDNS.pool, _process_request, job) != 0)
         std::free(job);
+}
+
+static void take_request(DnsRequest &received) {
+    syslog(LOG_DEBUG, "Request size: %ld", static_cast<long>(received.length));
+    if (!is_diverted_at_once(received))
+        queue_request(received);
 }
 
 static void main_loop() {
@@ -366,7 +391,7 @@ static void main_loop() {
         if (received.length < 0 && !shutting_down)
             log_receive_error(errno);
         else
-            queue_request(received);
+            take_request(received);
     }
     block_daemon_signals();
     syslog(LOG_DEBUG, "Exiting Main Loop");

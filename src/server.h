@@ -15,12 +15,16 @@
 // Longest datagram taken, without EDNS (RFC 1035, 4.2.1); longer ones are cut.
 inline constexpr int MAX_MESSAGE = 512;
 
+// What becomes of a request.
+enum class Decision : uint8_t { OPEN, FORWARD, FORWARD_AND_RECORD, DIVERT };
+
 // One received datagram. The receive loop allocates it with malloc(); the worker that runs it, or
 // the pool's destruction, frees it.
 struct DnsRequest {
     uint8_t message[MAX_MESSAGE + 4]; // zero-filled behind the datagram
     int32_t length;                   // as the receive returned it
     sockaddr_in client;               // all zero for the first datagram after the start
+    Decision decision;                // OPEN unless the receive loop made it
 };
 
 // 1 once the daemon shall stop; the receive loop sees it after the next datagram.
@@ -36,11 +40,11 @@ void *_process_request(void *job);
 
 // Sends the local answer to a query: the query itself with response code 3 (name error) and one A
 // record for 255.255.255.255 behind it. `blocked` is 1 when a list decided it, which counts.
-// `message` has `length` bytes. Worker.
+// `message` has `length` bytes. Holder of `lock`.
 void divert(const uint8_t *message, int32_t length, sockaddr_in client, int blocked);
 
 // Adds to the counters; writes and logs them whenever `requests` is a multiple of
-// log_stats_interval, also when it did not change. Worker.
+// log_stats_interval, also when it did not change. Holder of `lock`.
 void update_stats(int32_t requests, int32_t blocked, int32_t resets, int32_t errors);
 
 // Appends the counters to the summary table, if there is a database. Any thread.

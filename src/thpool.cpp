@@ -238,6 +238,29 @@ void thpool_run_in_turn(thpool *pool) {
         pool->jobqueue.in_turn = true;
 }
 
+bool thpool_take_turn(thpool *pool) {
+    if (!pool || pool->alive_count == 0 || threads_on_hold)
+        return false;
+    {
+        jobqueue &queue = pool->jobqueue;
+        const MutexGuard guard(queue.queue_lock);
+        if (!queue.in_turn || queue.turn_taken || queue.len > 0)
+            return false;
+        queue.turn_taken = true;
+    }
+    count_working(pool, +1);
+    return true;
+}
+
+void thpool_end_turn(thpool *pool) {
+    count_working(pool, -1);
+    jobqueue &queue = pool->jobqueue;
+    const MutexGuard guard(queue.queue_lock);
+    queue.turn_taken = false;
+    if (queue.len > 0)
+        bsem_post(queue.jobs_available);
+}
+
 int thpool_add_work(thpool *pool, void *(*function)(void *), void *arg) {
     if (!pool)
         return -1;

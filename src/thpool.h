@@ -39,7 +39,7 @@ struct jobqueue {
     bsem *jobs_available;
     std::atomic<int> len;      // written under queue_lock, read anywhere
     std::atomic<bool> in_turn; // likewise; see thpool_run_in_turn()
-    bool turn_taken;           // a worker runs jobs in turn and will look for the next one
+    bool turn_taken;           // its holder runs a job and will see to the next one
 };
 
 struct thpool;
@@ -68,6 +68,13 @@ thpool *thpool_init(int num_threads);
 // two switches of context. The counts at the end of this file tell what they would otherwise. To be
 // called before the first job.
 void thpool_run_in_turn(thpool *pool);
+
+// Takes the turn for the caller, who then does the next job itself, without the switches of context
+// that a worker costs. Only where jobs run in turn, and false when one runs or waits, or no worker
+// could have taken it. Until thpool_end_turn() the caller counts as a busy worker and no job runs.
+// Any thread.
+bool thpool_take_turn(thpool *pool);
+void thpool_end_turn(thpool *pool);
 
 // Queues function(arg). Returns 0, or -1 when there is no pool or no memory for the job. Any
 // thread.

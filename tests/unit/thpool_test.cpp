@@ -66,6 +66,37 @@ TEST_F(Pool, OneWorkerRunsJobsInQueueOrder) {
     EXPECT_TRUE(std::is_sorted(order.begin(), order.end()));
 }
 
+TEST_F(Pool, TurnsRunOneJobAtATimeAndCountAsWorkersWould) {
+    static std::atomic<int> at_once, most;
+    const auto overlap = [](void *) -> void * {
+        most = std::max(most.load(), ++at_once);
+        sleep_for(1ms);
+        at_once--;
+        return nullptr;
+    };
+    const auto counts = [this] {
+        return std::pair(thpool_num_threads_working(pool), thpool_jobqueue_length(pool));
+    };
+    start(3, false);
+    thpool_run_in_turn(pool);
+    ASSERT_TRUE(thpool_take_turn(pool));
+    EXPECT_FALSE(thpool_take_turn(pool));
+    add(4);
+    EXPECT_EQ(counts(), std::pair(3, 2));
+    go_on = true;
+    sleep_for(50ms);
+    EXPECT_EQ(ran, 0);
+    thpool_end_turn(pool);
+    for (int i = 0; i < 20; i++)
+        ASSERT_EQ(thpool_add_work(pool, overlap, nullptr), 0);
+    thpool_wait(pool);
+    EXPECT_EQ(ran, 4);
+    EXPECT_EQ(most, 1);
+    EXPECT_EQ(counts(), std::pair(0, 0));
+    EXPECT_TRUE(eventually([this] { return thpool_take_turn(pool); }));
+    thpool_end_turn(pool);
+}
+
 TEST_F(Pool, PausedWorkersSleepUntilResumed) {
     const auto pause = [this] {
         sleep_for(200ms); // until all of them wait for a job
@@ -84,7 +115,8 @@ TEST_F(Pool, PausedWorkersSleepUntilResumed) {
 }
 
 TEST_F(Pool, DestructionWaitsForTheRunningJobsAndDropsTheRest) {
-    static std::atomic<int> dropped = 0;
+    static std::atomic<int> dropped;
+    dropped = 0;
     start(2, false);
     add(5);
     ASSERT_TRUE(eventually([this] { return thpool_num_threads_working(pool) == 2; }));
