@@ -167,12 +167,6 @@ int rcode_of(const Bytes &message) {
     return message.size() < 12 ? -1 : message[3] & 15;
 }
 
-Bytes with_id(Bytes message, uint16_t id) {
-    message[0] = static_cast<char>(id >> 8);
-    message[1] = static_cast<char>(id);
-    return message;
-}
-
 sockaddr_in socket_address(const std::string &text, uint16_t port) {
     sockaddr_in address{};
     address.sin_family = AF_INET;
@@ -246,11 +240,6 @@ Upstream::~Upstream() {
 std::vector<Bytes> Upstream::received() const {
     std::lock_guard guard(mutex);
     return messages;
-}
-
-size_t Upstream::count() const {
-    std::lock_guard guard(mutex);
-    return messages.size();
 }
 
 void Upstream::serve() {

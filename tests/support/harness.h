@@ -75,7 +75,6 @@ bool eventually(const std::function<bool()> &condition, int timeout = 10000);
 Bytes query(std::string_view name, uint16_t id = 1, uint16_t type = 1, bool edns = false);
 uint16_t id_of(const Bytes &message); // 0 for a message without a whole header
 int rcode_of(const Bytes &message);   // -1 likewise
-Bytes with_id(Bytes message, uint16_t id);
 
 sockaddr_in socket_address(const std::string &text, uint16_t port);
 
@@ -116,7 +115,7 @@ class Upstream {
     explicit Upstream(int number, Answer answer = echo);
     ~Upstream();
     std::vector<Bytes> received() const;
-    size_t count() const;
+    size_t count() const { return received().size(); }
 
   private:
     void serve();

@@ -15,7 +15,6 @@
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
-#include <sys/signalfd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -60,20 +59,15 @@ int clone_tree(int fd) {
     return tree;
 }
 
-void bind(int fd, const std::string &target) {
+void bind(int fd, const std::string &target, bool writable) {
     int tree = clone_tree(fd);
-    must(move_mount(tree, "", AT_FDCWD, target.c_str(), MOVE_MOUNT_F_EMPTY_PATH) == 0,
+    mount_attr change{};
+    change.attr_clr = writable ? MOUNT_ATTR_RDONLY : 0;
+    must(mount_setattr(tree, "", AT_EMPTY_PATH, &change, sizeof change) == 0 &&
+             move_mount(tree, "", AT_FDCWD, target.c_str(), MOVE_MOUNT_F_EMPTY_PATH) == 0,
          "mount on " + target);
     close(tree);
     close(fd);
-}
-
-void bind_writable(int fd, const std::string &target) {
-    bind(fd, target);
-    mount_attr writable{};
-    writable.attr_clr = MOUNT_ATTR_RDONLY;
-    must(mount_setattr(AT_FDCWD, target.c_str(), 0, &writable, sizeof writable) == 0,
-         "make " + target + " writable");
 }
 
 // From here on everything is a read-only copy of what could be seen before, and no mount reaches
@@ -103,7 +97,7 @@ void cover(const std::string &path, const char *mode = "mode=0755") {
 void make_etc() {
     int original = open_path("/etc");
     must(mkdir("/run/sandbox", 0755) == 0 && mkdir(stash, 0755) == 0, "make " + std::string(stash));
-    bind(original, stash);
+    bind(original, stash, false);
     cover("/etc");
     for (const auto &entry : fs::directory_iterator(stash)) {
         std::string name = entry.path().filename();
@@ -123,7 +117,7 @@ void make_dev() {
     cover("/dev");
     for (const auto &[fd, path] : nodes) {
         write_file(path, "");
-        bind_writable(fd, path);
+        bind(fd, path, true);
     }
     must(symlink("/proc/self/fd", "/dev/fd") == 0, "make /dev/fd");
     // The chip's registers start at 0x10000000; the daemon maps the first KiB of them.
@@ -151,7 +145,7 @@ void make_files() {
     // The sources and the build stay what they are.
     for (const auto &[fd, path] : trees) {
         fs::create_directories(path); // where one of the private places covers it
-        bind_writable(fd, path);
+        bind(fd, path, true);
     }
 }
 
@@ -167,10 +161,7 @@ void make_network() {
         fprintf(ip, "addr add %s%d/32 dev lo\n", client_prefix, client);
     for (int upstream = 1; upstream <= 4; upstream++)
         fprintf(ip, "addr add %s%d/32 dev lo\n", upstream_prefix, upstream);
-    if (pclose(ip) != 0) {
-        fprintf(stderr, "sandbox: cannot make the network: ip (package iproute2) failed\n");
-        _exit(cannot_make);
-    }
+    must(pclose(ip) == 0, "make the network with ip (package iproute2)");
 }
 
 // Opens /dev/log and the file that keeps what it receives.
@@ -200,11 +191,10 @@ void keep_log(int log, int file) {
     }
 }
 
-pid_t spawn(char *const *command, const sigset_t &mask) {
+pid_t spawn(char *const *command) {
     pid_t child = fork();
     must(child >= 0, "fork");
     if (child == 0) {
-        sigprocmask(SIG_SETMASK, &mask, nullptr);
         execvp(command[0], command);
         fprintf(stderr, "sandbox: cannot run %s: %s\n", command[0], strerror(errno));
         _exit(127);
@@ -216,31 +206,21 @@ int exit_code(int status) {
     return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
 }
 
-// The first process inside: collects the log and the orphans until the command ends. The kernel
-// then ends everything that is left.
+// The first process inside: collects the log, and the orphans now and then, until the command ends.
+// The kernel then ends everything that is left.
 [[noreturn]] void supervise(char *const *command) {
-    sigset_t children;
-    sigset_t before;
-    sigemptyset(&children);
-    sigaddset(&children, SIGCHLD);
-    sigprocmask(SIG_BLOCK, &children, &before);
-    int signals = signalfd(-1, &children, SFD_CLOEXEC | SFD_NONBLOCK);
-    must(signals >= 0, "watch the processes inside");
     auto [log, file] = open_log();
-    pid_t main_child = spawn(command, before);
+    const pid_t main_child = spawn(command);
+    const auto end = static_cast<int>(syscall(SYS_pidfd_open, main_child, 0));
+    must(end >= 0, "watch the command");
     for (;;) {
-        std::array<pollfd, 2> sources{{{log, POLLIN, 0}, {signals, POLLIN, 0}}};
+        std::array<pollfd, 2> sources{{{log, POLLIN, 0}, {end, POLLIN, 0}}};
         poll(sources.data(), sources.size(), -1);
         keep_log(log, file);
-        signalfd_siginfo ignored;
-        while (read(signals, &ignored, sizeof ignored) > 0) {
-        }
         int status;
-        pid_t ended;
-        while ((ended = waitpid(-1, &status, WNOHANG)) > 0) {
+        for (pid_t ended; (ended = waitpid(-1, &status, WNOHANG)) > 0;)
             if (ended == main_child)
                 _exit(exit_code(status));
-        }
     }
 }
 

@@ -2,6 +2,7 @@
 // daemon's behaviour around it.
 #include "bus.h"
 
+#include <fnmatch.h>
 #include <sys/resource.h>
 
 using namespace harness;
@@ -15,7 +16,7 @@ struct Call {
     const char *method;
     std::string arguments;
     int exit_status;
-    std::string output; // how it begins: the JSON text, and what follows on standard error
+    std::string output; // a pattern for the JSON text and what follows on standard error
 
     void run() const {
         SCOPED_TRACE(method + " "s + arguments);
@@ -24,7 +25,7 @@ struct Call {
             words.push_back(arguments);
         Process client(BUS_CLIENT, words);
         EXPECT_EQ(client.wait(), exit_status);
-        EXPECT_EQ(client.output().substr(0, output.size()), output);
+        EXPECT_EQ(fnmatch(output.c_str(), client.output().c_str(), 0), 0) << client.output();
     }
 };
 
@@ -83,10 +84,9 @@ TEST_F(Admin, EditsAndPagesThroughLists) {
             shortest = std::min(shortest, std::chrono::steady_clock::now() - begin);
     }
     EXPECT_NEAR(std::chrono::duration<double>(shortest).count(), 1.25, 0.25);
-    for (const auto &[client, name, rcode] :
-         std::initializer_list<std::tuple<int, const char *, int>>{
-             {20, "www.ads.example", 3}, {23, "plain.example", 3}, {20, "plain.example", 0}})
-        EXPECT_EQ(rcode_of(Client(client).ask(query(name)).value_or("")), rcode) << name;
+    EXPECT_EQ(rcode_of(Client(20).ask(query("www.ads.example")).value_or("")), 3);
+    EXPECT_EQ(rcode_of(Client(23).ask(query("plain.example")).value_or("")), 3);
+    EXPECT_TRUE(passes("plain.example"));
     EXPECT_EQ(daemon->stop(), 0);
 }
 
@@ -104,13 +104,11 @@ TEST_F(Admin, ReportsStatusAndSettings) {
         {"stats", "", 0,
          R"({"stats":{"name":"Vantrelle-22AABBCC","version":"2.03a","board_version":"b1","count":1,)"
          R"("blocked":0,"block_rate":0.000000,"resets":0,"errors":0,"bl":0,"main_bl":0,"wl":0,)"
-         R"("main_wl":0,"time":")"},
+         R"("main_wl":0,"time":"[ 12][0-9]:[0-5][0-9]:[0-5][0-9]"}})"
+         "\n"},
     };
     for (const Call &call : calls)
         call.run();
-    Process stats(BUS_CLIENT, {"-S", "call", "vantrelle", "stats"});
-    stats.wait();
-    EXPECT_EQ(stats.output().size(), calls[3].output.size() + 8 + 4) << "hh:mm:ss\"}}\n";
 }
 
 TEST_F(Admin, StoredSettingsSurviveARestart) {
@@ -134,7 +132,8 @@ TEST_F(Admin, StoredSettingsSurviveARestart) {
     Call{"get_config", "", 0,
          R"({"config":{"dns1":"10.53.0.3","dns2":"10.53.0.2","dns3":"10.53.0.1","dns4":"%%",)"
          R"("dns_timeout":100,"dns_port":53,"threads":5,"log_level":7,"interface":"apcli0",)"
-         R"("job_queue_length":0,"disabled":1,"track":1,"remote_log":1}})"}
+         R"("job_queue_length":0,"disabled":1,"track":1,"remote_log":1}})"
+         "\n"}
         .run();
 }
 

@@ -69,10 +69,9 @@ TEST_F(ForwardTest, AnAnswerClearsTheCountAndLateOnesReachNobody) {
 }
 
 TEST_F(ForwardTest, PassesEveryByteAndCutsAt512) {
-    struct Case {
+    constexpr struct {
         size_t asked, passed_up, answered, relayed;
-    };
-    constexpr Case cases[] = {
+    } cases[] = {
         {29, 29, 300, 300}, {512, 512, 512, 512}, {600, 512, 600, 512},
         {1, 1, 1, 1},       {0, 0, 45, 45},       {29, 29, 0, 0},
     };
@@ -103,16 +102,13 @@ TEST_F(ForwardTest, PassesEveryByteAndCutsAt512) {
 }
 
 TEST_F(ForwardTest, LosesNothingOf10000QueriesOfSeveralClients) {
-    constexpr size_t names = 100;
-    constexpr size_t total = 10'000;
-    // clang-format off
-    std::vector<std::string> arguments{"-d", "-C", "/dev/null", "-h", "-R", "--bind-interfaces",
-                                       "--listen-address=10.53.0.1", "--log-facility=/dev/null"};
-    // clang-format on
+    constexpr size_t names = 100, total = 10'000;
+    std::string hosts;
     for (size_t name = 0; name < names; name++)
-        arguments.push_back("--host-record=h" + std::to_string(name) + ".home.example,10.9.8." +
-                            std::to_string(name));
-    Process dnsmasq("/usr/sbin/dnsmasq", arguments);
+        hosts += "10.9.8." + std::to_string(name) + " h" + std::to_string(name) + ".home.example\n";
+    write_file("/tmp/hosts", hosts);
+    Process dnsmasq("dnsmasq", {"-dhRC/dev/null", "--bind-interfaces", "--addn-hosts=/tmp/hosts",
+                                "--listen-address=10.53.0.1", "--log-facility=/dev/null"});
     auto asked = [](size_t number) {
         return query("h" + std::to_string(number % names) + ".home.example",
                      static_cast<uint16_t>(number), number % 3 ? 1 : 28, number % 2);
@@ -125,7 +121,7 @@ TEST_F(ForwardTest, LosesNothingOf10000QueriesOfSeveralClients) {
     }));
     std::vector<Bytes> expected;
     for (size_t number = 0; number < 6 * names; number++)
-        expected.push_back(direct.ask(asked(number), "10.53.0.1").value_or(""));
+        expected.push_back(direct.ask(asked(number), "10.53.0.1").value_or("??").substr(2));
     configure();
     PrimedDaemon daemon;
     std::atomic<size_t> right = 0;
@@ -135,7 +131,7 @@ TEST_F(ForwardTest, LosesNothingOf10000QueriesOfSeveralClients) {
             const Client client(static_cast<int>(20 + which));
             for (size_t number = which; number < total; number += 5)
                 right += client.ask(asked(number)) ==
-                         with_id(expected[number % expected.size()], static_cast<uint16_t>(number));
+                         asked(number).substr(0, 2) + expected[number % expected.size()];
         });
     for (std::thread &client : clients)
         client.join();

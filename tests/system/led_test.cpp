@@ -50,11 +50,10 @@ struct LedTest : SystemTest {
 };
 
 TEST_F(LedTest, MuxWritesOneFieldAndLeavesTheRest) {
-    struct Case {
+    constexpr struct {
         const char *group, *function;
         uint64_t mask, value; // of the pair
-    };
-    constexpr Case cases[] = {
+    } cases[] = {
         {"pwm0", "pwm", 3ULL << 28, 0},
         {"uart2", "pwm23", 3ULL << 26, 2ULL << 26},
         {"wled", "gpio", 3ULL << 32, 1ULL << 32},
@@ -104,14 +103,13 @@ TEST_F(LedTest, PinsAreWrittenByTheirBareNumber) {
 }
 
 TEST_F(LedTest, TroubleAtStartIsLoggedAndCostsTheChainAtMost) {
-    struct Case {
+    constexpr uint64_t set = all_ones & ~(3ULL << 28);
+    constexpr struct {
         const char *lost, *in_its_place, *option;
         int priority;
         const char *text, *shown;
         uint64_t registers;
-    };
-    constexpr uint64_t set = all_ones & ~(3ULL << 28);
-    constexpr Case cases[] = {
+    } cases[] = {
         {"", "", "pwm_group 'pwm0'", 4, "set gpiomux pwm0 -> pwm", "00ff00 000000 ", set},
         {"", "", "pwm_group 'i2c'", 3, "unknown group/function combination", "00ff00 000000 ",
          all_ones},

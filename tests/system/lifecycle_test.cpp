@@ -10,33 +10,29 @@ namespace {
 struct LifecycleTest : SystemTest {};
 
 TEST_F(LifecycleTest, OptionsThatEndTheProcess) {
-    struct Case {
+    constexpr struct {
         const char *option;
         int status;
-        const char *output; // how it begins
-        const char *logged; // with priority warning, or nothing
-    };
-    constexpr Case cases[] = {
-        {"-v", 0, "Vantrelle v2.03a MIPS\n", nullptr},
+        const char *output, *logged; // the latter as a warning, if anything
+    } cases[] = {
+        {"-v", 0, "Vantrelle v2.03a MIPS\nCopyright (C) 2026 The Vantrelle project\n", ""},
+        {"-n", 0, "2.03a", ""},             // and no line end
         {"-f", 0, "", "Unknown option: f"}, // the usage names it, the parser does not know it
         {"-p", 0, "", "Unknown option: p"}, // its argument is missing
-        {"-?", 0, "", nullptr},
-        {"-b", 128 + SIGUSR1, "", nullptr}, // raised before there are handlers
-        {"-r", 128 + SIGHUP, "", nullptr},
+        {"-?", 0, "", ""},
+        {"-b", 128 + SIGUSR1, "", ""}, // raised before there are handlers
+        {"-r", 128 + SIGHUP, "", ""},
     };
     for (const auto &[option, status, output, logged] : cases) {
         Process daemon(daemon_program, {option});
         EXPECT_EQ(daemon.wait(), status) << option;
-        EXPECT_TRUE(logged ? log_priority(logged) == 4 : true) << option;
-        EXPECT_TRUE(daemon.output().starts_with(output)) << daemon.output();
+        EXPECT_TRUE(!*output || daemon.output() == output) << daemon.output();
+        EXPECT_EQ(log_priority(logged), *logged ? 4 : -1) << option;
     }
     EXPECT_EQ(log_count("Usage -p <listen port> -u <dns address> -m <max threads> -t <upstream dns "
                         "timeout> -s <socket buffer size> -l <log level[0..8]> [-f run in "
                         "foreground]"),
               3U);
-    Process version(daemon_program, {"-n"});
-    version.wait();
-    EXPECT_EQ(version.output(), "2.03a"); // and no line end
     EXPECT_EQ(log_count("Restarting PID: ") + log_count("Startup"), 1U);
 }
 
