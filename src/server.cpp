@@ -46,15 +46,19 @@ static unsigned long thread_id() {
 
 // Counters and reports
 
+// Whether a row and a line are due at that many requests. An interval of 0 means never.
+static bool is_report_due(uint64_t requests) {
+    const auto interval = static_cast<uint64_t>(static_cast<int64_t>(oDNS.log_stats_interval));
+    return interval != 0 && requests % interval == 0;
+}
+
 void update_stats(int32_t requests, int32_t blocked, int32_t resets, int32_t errors) {
     oDNS.requests += static_cast<int64_t>(requests);
     oDNS.blocked += static_cast<int64_t>(blocked);
     oDNS.resets += static_cast<int64_t>(resets);
     oDNS.errors += static_cast<int64_t>(errors);
-    const auto interval = static_cast<uint64_t>(static_cast<int64_t>(oDNS.log_stats_interval));
-    // Asked after every call: a reset at a multiple of the interval writes and logs once more. An
-    // interval of 0 means never.
-    if (interval == 0 || oDNS.requests % interval != 0)
+    // Asked after every call: a reset at a multiple of the interval writes and logs once more.
+    if (!is_report_due(oDNS.requests))
         return;
     write_stats();
 #pragma GCC diagnostic push
@@ -346,7 +350,7 @@ static bool queue_is_full() {
 
 // Diverts a query here and now when no other is being answered or waits: handing it to a worker
 // costs more than all the rest. What may have to wait is left to a worker, an upstream server's
-// answer and the rows of a hit, and so is everything while each step is traced.
+// answer and rows of the database, and so is everything while each step is traced.
 static bool is_diverted_at_once(DnsRequest &received) {
     received.decision = Decision::OPEN;
     if (oDNS.record_traffic || is_logged(LOG_DEBUG) || !thpool_take_turn(oDNS.pool))
@@ -355,7 +359,7 @@ static bool is_diverted_at_once(DnsRequest &received) {
     {
         const MutexGuard guard(lock);
         char name[QUERY_NAME_SIZE] = "";
-        diverted = is_diverted(received, name);
+        diverted = !is_report_due(oDNS.requests + 1) && is_diverted(received, name);
     }
     thpool_end_turn(oDNS.pool);
     return diverted;

@@ -4,8 +4,8 @@
 //
 // main() calls server_run(), the signal handlers call the reports, the database calls
 // reload_stats() once, and the bus thread reads counters and calls get_block_rate(). A worker runs
-// _process_request() for each datagram and holds `lock` meanwhile, so everything that says "worker"
-// below runs one request at a time.
+// _process_request() for each datagram, unless the receive loop could divert it at once; both hold
+// `lock` meanwhile, so there is one request at a time.
 #pragma once
 
 #include <atomic>
