@@ -91,13 +91,11 @@ TEST_P(JournalTest, RecoversAFileInWriteAheadMode) {
 
 TEST_P(JournalTest, RowsWaitForAnotherWriter) {
     open_with_tables();
-    sqlite3 *other = connect(file, "begin immediate");
-    std::thread releaser([other] {
+    const std::jthread writer([other = connect(file, "begin immediate")] {
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
         sqlite3_close(other);
     });
     EXPECT_EQ(insert_stats_summary_record(1, 1, 1, 1), 1);
-    releaser.join();
 }
 
 INSTANTIATE_TEST_SUITE_P(Limited, JournalTest, testing::Bool(), testing::PrintToStringParamName());
