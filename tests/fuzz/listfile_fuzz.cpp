@@ -45,13 +45,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     for (const Node *node = list->head; node; node = node->next, other = other->next) {
         check(!node->next || strlen(node->frag) <= strlen(node->next->frag));
         check(strcmp(node->frag, other->frag) == 0 && node->opt == other->opt);
-        char *by_index = nullptr;
-        char *by_walk = nullptr;
-        check(find_in_list(node->frag, list, 0, &by_index) ==
-              find_in_list(node->frag, walked, 0, &by_walk));
-        check(!by_index || strcmp(by_index, by_walk) == 0);
-        free(by_index);
-        free(by_walk);
+        check(find_in_list(node->frag, list, 0, nullptr) ==
+              find_in_list(node->frag, walked, 0, nullptr));
     }
     free_list(list);
     free_list(walked);

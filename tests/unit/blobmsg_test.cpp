@@ -20,20 +20,15 @@ namespace {
 
 using Bytes = std::string;
 
-json data(const std::string &name) {
-    return json::parse(std::ifstream(TEST_DATA "/" + name + ".json"));
-}
-
 json vectors(const char *kind) {
-    return data("captures/34_blobmsg_vectors")[kind];
+    return json::parse(std::ifstream(TEST_DATA "/captures/34_blobmsg_vectors.json"))[kind];
 }
 
 // A message under construction that frees itself.
 struct Message : blob_buf {
-    explicit Message(int id = 0) : blob_buf{} { blob_buf_init(this, id); }
+    Message() : blob_buf{} { blob_buf_init(this, 0); }
     Message(const Message &) = delete;
     ~Message() { blob_buf_free(this); }
-    Bytes bytes() const { return Bytes(reinterpret_cast<char *>(head), blob_raw_len(head)); }
 };
 
 blob_attr *attr_in(Bytes &bytes) {
@@ -91,15 +86,8 @@ TEST(Blobmsg, ReadsJsonAsRecorded) {
     for (const json &vector : vectors("json_to_blobmsg")) {
         Message message;
         EXPECT_TRUE(add_json(message, vector["text"])) << vector;
-        EXPECT_EQ(message.bytes(), from_hex(vector["hex"])) << vector;
-    }
-}
-
-TEST(Blobmsg, ReadsLenientlyAndLeavesRefusedTextsOut) {
-    for (const json &c : data("json-texts")) {
-        Message message;
-        EXPECT_EQ(add_json(message, c["text"]), !c.contains("refused")) << c;
-        EXPECT_EQ(format(message.head, -1), c.value("printed", "{}")) << c;
+        const Bytes bytes(reinterpret_cast<char *>(message.head), blob_raw_len(message.head));
+        EXPECT_EQ(bytes, from_hex(vector["hex"])) << vector;
     }
 }
 
@@ -117,20 +105,6 @@ TEST(Blobmsg, BoundsNesting) {
     for (; !nests.empty(); nests.pop_back())
         blobmsg_close_table(&deep, nests.back());
     EXPECT_LT(format(deep.head, -1).size(), 1000u); // printed down to some level only
-}
-
-TEST(Blobmsg, KeepsTheMessageWhenAnAddDoesNotFit) {
-    Message message;
-    const std::string half(0x7fff00, 'x'), whole = half + half, name(70000, 'n');
-    EXPECT_EQ(blobmsg_add_string(&message, "a", half.c_str()), 0);
-    const Bytes before = message.bytes();
-    EXPECT_EQ(blobmsg_add_string(&message, name.c_str(), "v"), -1);
-    EXPECT_EQ(blobmsg_add_string(&message, "b", whole.c_str()), -1);
-    EXPECT_FALSE(add_json(message, "{\"b\":1,\"c\":{\"d\":\"" + whole + "\"}}"));
-    EXPECT_TRUE(message.bytes() == before);
-    Message largest;
-    EXPECT_EQ(blob_new(&largest, 0, 0xfffff8), nullptr); // its length would not fit in 24 bits
-    EXPECT_NE(blob_new(&largest, 0, 0xfffff4), nullptr);
 }
 
 } // namespace
