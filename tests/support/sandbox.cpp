@@ -196,8 +196,7 @@ pid_t spawn(char *const *command) {
     must(child >= 0, "fork");
     if (child == 0) {
         execvp(command[0], command);
-        fprintf(stderr, "sandbox: cannot run %s: %s\n", command[0], strerror(errno));
-        _exit(127);
+        must(false, "run " + std::string(command[0]));
     }
     return child;
 }
@@ -251,19 +250,11 @@ int run(char *const *command) {
     std::error_code error;
     const fs::path directory = fs::current_path(error);
     fflush(nullptr);
-    bool own_user = false;
     pid_t child = uid == 0 ? fork_into(namespaces) : -1;
-    if (child < 0) {
-        own_user = true;
+    const bool own_user = child < 0;
+    if (own_user)
         child = fork_into(namespaces | CLONE_NEWUSER);
-    }
-    if (child < 0) {
-        fprintf(stderr,
-                "sandbox: cannot make namespaces: %s (as an ordinary user this needs a "
-                "kernel that lets users make them; root always can)\n",
-                strerror(errno));
-        return cannot_make;
-    }
+    must(child >= 0, "make namespaces, which root always can and users where the kernel lets them");
     if (child > 0) {
         signal(SIGINT, SIG_IGN); // keys that interrupt are the command's business
         signal(SIGQUIT, SIG_IGN);

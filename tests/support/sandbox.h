@@ -38,7 +38,7 @@ void write_file(const std::string &path, std::string_view text);
 // Makes the place, runs the command (null-terminated, looked up in PATH) in it as a child and
 // waits for it. Everything that still runs inside ends with it, or with the calling process.
 // Returns the command's exit status, 128 + signal when a signal ended it, 125 when the place
-// could not be made (said on standard error; the command was not run then).
+// could not be made or the command not be run (said on standard error).
 int run(char *const *command);
 
 } // namespace sandbox
