@@ -46,9 +46,6 @@ using Options = std::vector<std::pair<std::string, std::string>>;
 // addresses and log_level 6, unless they are given) and in the section logging.
 void configure(const Options &main = {}, const Options &logging = {});
 std::string read_file(const std::string &path);
-inline bool contains(std::string_view text, std::string_view part) {
-    return text.find(part) != text.npos;
-}
 using sandbox::write_file;
 
 // The system log since the test began

@@ -50,10 +50,8 @@ TEST_F(Admin, EditsAndPagesThroughLists) {
          message("Error: <B>x.ads.example</B> already exists in <B>Black</B> list")},
         {"add", R"({"list":"bl","pattern":"zz\ncut"})", 0,
          message("Successfully added <B>zz</B> to <B>Black</B> list")},
-        {"add", R"({"list":"wl","pattern":"100%% %n%s","option":"4"})", 0,
-         message("Successfully added <B>100% %n%s</B> to <B>White</B> list")},
-        {"add", R"({"list":"wl","pattern":"%n%s%%)" + longest + "\"}", 0,
-         message("Successfully added <B>%n%s%" + longest + "</B> to <B>White</B> list")},
+        {"add", R"({"list":"wl","option":"4","pattern":"100%% %n%s)" + longest + "\"}", 0,
+         message("Successfully added <B>100% %n%s" + longest + "</B> to <B>White</B> list")},
         {"add", R"({"list":"bd","pattern":"192.168.8.23","option":"4"})", 0,
          message("Successfully added <B>192.168.8.23</B> to <B>Unknown</B> list")},
         {"add", R"({"list":"xx","pattern":"a"})", 0,
@@ -68,7 +66,7 @@ TEST_F(Admin, EditsAndPagesThroughLists) {
         {"list", R"({"list":"bl","start":"1","count":"5"})", 0,
          page("1", "1", R"("1":"ads.example")")},
         {"list", R"({"list":"wl","start":"1","count":"5"})", 0,
-         page("2", "2", R"("1":"100%% %n%s","2":"%n%s%%)" + longest + '"')},
+         page("1", "1", R"("1":"100%% %n%s)" + longest + '"')},
         {"list", R"({"list":"bd","start":"1","count":"5"})", 0, page("0", "0", "")},
         {"list", R"({"list":"bl","start":1,"count":"2147483647"})", 0,
          page("1", "1", R"("1":"ads.example")")},
@@ -182,7 +180,9 @@ TEST_F(Admin, WithoutDescriptorsQueriesAreStillAnswered) {
         EXPECT_EQ(connection.call("set_config", R"({"dns1":"10.53.0.1"})") == 0, limit > none);
     }
     EXPECT_EQ(log_count("Response timed out"), 2U);
-    EXPECT_EQ(daemon->descriptors(), open);
+    for (int i = 0; i < 5000; i++)
+        ASSERT_EQ(connection.call("clients"), 0);
+    EXPECT_EQ(daemon->descriptors(), open) << "calls leave none behind, failed ones neither";
 #ifndef __SANITIZE_ADDRESS__ // which needs descriptors itself when the process ends
     // Without even that one the daemon can only start anew, which is its supervisor's business.
     limit_to(3);
@@ -190,14 +190,4 @@ TEST_F(Admin, WithoutDescriptorsQueriesAreStillAnswered) {
     EXPECT_EQ(daemon->wait(), 1);
     EXPECT_EQ(log_priority("Cannot open upstream DNS connection"), 2);
 #endif
-}
-
-TEST_F(Admin, CallsLeaveNoDescriptorBehind) {
-    start();
-    Connection connection;
-    EXPECT_EQ(connection.call("clients"), 0);
-    const size_t before = daemon->descriptors();
-    for (int i = 0; i < 5000; i++)
-        ASSERT_EQ(connection.call("clients"), 0);
-    EXPECT_EQ(daemon->descriptors(), before);
 }

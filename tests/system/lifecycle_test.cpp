@@ -116,8 +116,9 @@ TEST_F(LifecycleTest, TroubleAtStart) {
     EXPECT_EQ(log_priority("Cannot create directory /etc/no/such/parent"), 4);
     Process second(daemon_program, {}); // its address is in use
     EXPECT_EQ(second.wait(), 128 + SIGABRT);
-    EXPECT_PRED2(contains, second.output(),
-                 "bind(oDNS.listenfd, (struct sockaddr *) &sin, sizeof (sin)) == 0");
+    EXPECT_NE(
+        second.output().find("bind(oDNS.listenfd, (struct sockaddr *) &sin, sizeof (sin)) == 0"),
+        std::string::npos);
     EXPECT_TRUE(first.running());
 }
 
