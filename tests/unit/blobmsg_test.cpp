@@ -107,4 +107,12 @@ TEST(Blobmsg, BoundsNesting) {
     EXPECT_LT(format(deep.head, -1).size(), 1000u); // printed down to some level only
 }
 
+TEST(Blobmsg, RefusesWhatItsLengthsCannotHold) {
+    Message message;
+    const std::string name(70000, 'n'), value(0x1000000, 'x');
+    EXPECT_EQ(blobmsg_add_string(&message, name.c_str(), "v"), -1);
+    EXPECT_EQ(blobmsg_add_string(&message, "b", value.c_str()), -1);
+    EXPECT_EQ(blob_raw_len(message.head), sizeof(blob_attr));
+}
+
 } // namespace
