@@ -121,14 +121,13 @@ TEST_F(Pool, DestructionWaitsForTheRunningJobsAndDropsTheRest) {
     start(2, false);
     add(5);
     ASSERT_TRUE(eventually([this] { return thpool_num_threads_working(pool) == 2; }));
-    std::thread releaser([] {
+    const std::jthread releaser([] {
         sleep_for(1500ms); // beyond the first second of destruction
         go_on = true;
     });
     thpool_destroy(std::exchange(pool, nullptr), [](void *) { dropped++; });
     EXPECT_EQ(ran, 2);
     EXPECT_EQ(dropped, 3);
-    releaser.join();
 }
 
 } // namespace
