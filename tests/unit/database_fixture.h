@@ -13,7 +13,8 @@
 #include <thread>
 
 struct DatabaseTest : testing::Test {
-    std::string made = std::filesystem::temp_directory_path() / "statsdb-XXXXXX";
+    // With a dot, which begins no extension there.
+    std::string made = std::filesystem::temp_directory_path() / "stats.db-XXXXXX";
     const std::filesystem::path directory = mkdtemp(made.data());
     const std::string file = directory / "vantrelle.db";
 

@@ -12,26 +12,9 @@ namespace {
 
 using namespace std::string_literals;
 
-std::string stripped(std::string path) {
-    char *text = path.data();
-    strip_ext(&text);
-    return text;
-}
-
-TEST(Texts, LoseTheirLastExtensionOnly) {
-    EXPECT_EQ(stripped("/etc/x/local_black.lst"), "/etc/x/local_black");
-    EXPECT_EQ(stripped("a.tar.gz"), "a.tar");
-    EXPECT_EQ(stripped("dir/.hidden"), "dir/.hidden");
-    EXPECT_EQ(stripped("dir.d/file"), "dir.d/file");
-    EXPECT_EQ(stripped(""), "");
-}
-
-TEST(Texts, AreTestedAndReadAsNumbers) {
-    EXPECT_TRUE(isOnlyDigits("") && !isOnlyDigits("12a"));
+TEST(Numbers, AreFoundAndRead) {
     EXPECT_TRUE(isNumeric(" 7") && isNumeric("1 2"));
     EXPECT_FALSE(isNumeric(nullptr) || isNumeric("  ") || isNumeric("7\t"));
-    EXPECT_TRUE(startsWith("example", "") && !startsWith("ex", "example"));
-    EXPECT_TRUE(endsWith("example.com", "ample.com") && !endsWith("a", "ab"));
     EXPECT_EQ(decimal(" 12x"), 12);
     EXPECT_EQ(decimal("4294967297"), 1) << "the low bits";
 }
