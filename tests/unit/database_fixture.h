@@ -13,8 +13,7 @@
 #include <thread>
 
 struct DatabaseTest : testing::Test {
-    // With a dot, which begins no extension there.
-    std::string made = std::filesystem::temp_directory_path() / "stats.db-XXXXXX";
+    std::string made = std::filesystem::temp_directory_path() / "statsdb-XXXXXX";
     const std::filesystem::path directory = mkdtemp(made.data());
     const std::string file = directory / "vantrelle.db";
 
