@@ -328,10 +328,13 @@ static void log_receive_error(int code) {
 // only.
 static void receive(DnsRequest &received, socklen_t &address_length) {
     const SignalWindow window;
-    received.length = static_cast<int32_t>(recvfrom(oDNS.listenfd, received.message, MAX_MESSAGE, 0,
-                                                    reinterpret_cast<sockaddr *>(&received.client),
-                                                    &address_length));
-    const size_t filled = received.length > 0 ? static_cast<size_t>(received.length) : 0;
+    ssize_t length;
+    do // most C libraries resume the call themselves behind a handler
+        length = recvfrom(oDNS.listenfd, received.message, MAX_MESSAGE, 0,
+                          reinterpret_cast<sockaddr *>(&received.client), &address_length);
+    while (length < 0 && errno == EINTR);
+    received.length = static_cast<int32_t>(length);
+    const size_t filled = length > 0 ? static_cast<size_t>(length) : 0;
     std::memset(received.message + filled, 0, sizeof received.message - filled);
 }
 

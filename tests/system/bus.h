@@ -76,10 +76,9 @@ class Connection {
         ubus_complete_request_async(context, request);
         pending++;
     }
-    // Takes replies while any are due, for so many times so many milliseconds at most.
-    void serve(int times, int milliseconds = 10) {
-        while (pending > 0 && times-- > 0)
-            uloop_run_timeout(milliseconds);
+    // Takes replies, until none is due or the time is over.
+    void serve(int milliseconds) {
+        eventually([this] { return uloop_run_timeout(0), pending == 0; }, milliseconds);
     }
 
     int pending = 0;

@@ -15,6 +15,7 @@ TEST(SignalWindow, DefersUntilItOpens) {
                 handled.push_back(met);
         });
     handled.clear();
+    handled.reserve(8); // a handler must not allocate
     block_daemon_signals();
     raise(SIGUSR2);
     {
