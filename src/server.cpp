@@ -40,6 +40,10 @@ static const char *shown(const char *text) {
     return text ? text : "(null)";
 }
 
+static bool has_workers() {
+    return oDNS.pool && oDNS.pool->alive_count > 0;
+}
+
 static unsigned long thread_id() {
     return static_cast<unsigned long>(pthread_self());
 }
@@ -392,7 +396,7 @@ static void main_loop() {
     // 0 for the first receive only, which therefore takes no address: the client of the first
     // datagram is never answered. Kept; whoever starts the daemon sends one query to prime it.
     socklen_t address_length = 0;
-    defer_signals();
+    defer_signals(has_workers());
     while (!shutting_down) {
         receive(received, address_length);
         if (received.length < 0 && !shutting_down)
@@ -475,7 +479,7 @@ static void server_init() {
     init_lock();
     open_admin_gate();
     log_config(0);
-    admit_pending_signals(true);
+    admit_pending_signals(has_workers());
 }
 
 static void _open_ns_socket() {
@@ -522,7 +526,7 @@ static void open_sockets() {
     _open_upstream_dns_connection();
     _fix_resolv();
     multi_led_blue();
-    admit_pending_signals(true);
+    admit_pending_signals(has_workers());
 }
 
 // Shutdown
