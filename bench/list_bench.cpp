@@ -6,6 +6,7 @@
 #include "listload.h"
 #include "names.h"
 #include "statsdb.h"
+#include "utils.h"
 
 #include <algorithm>
 #include <benchmark/benchmark.h>
@@ -178,6 +179,6 @@ BENCHMARK(BM_LoadAgain)
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime();
 
-[[maybe_unused]] const int quiet = setlogmask(LOG_UPTO(LOG_ERR));
+[[maybe_unused]] const int quiet = set_logged_priorities(LOG_UPTO(LOG_ERR));
 
 } // namespace

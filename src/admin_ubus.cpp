@@ -35,6 +35,7 @@ static constexpr time_t GATE_TIMEOUT = 3; // seconds
 // The bus closes the connection of an owner that sends more than 1 MiB, which would end the
 // administration for good. Replies stay well below.
 static constexpr size_t MAX_REPLY = 1000000;
+static constexpr size_t MAX_ADDRESS = MAX_REPLY / UPSTREAM_SLOTS - 100; // within a reply
 
 bool close_admin_gate() {
     timespec until = {};
@@ -481,6 +482,8 @@ static int vt_get_config(struct ubus_context *, struct ubus_object *, struct ubu
     void *table = blobmsg_open_table(&b, "config");
     for (int slot = 0; slot < UPSTREAM_SLOTS; slot++) {
         dns[slot] = copy_upstream(slot);
+        if (dns[slot] && strnlen(dns[slot].get(), MAX_ADDRESS) == MAX_ADDRESS)
+            dns[slot].get()[MAX_ADDRESS - 1] = '\0';
         const char name[] = {'d', 'n', 's', static_cast<char>('1' + slot), '\0'};
         blobmsg_add_string(&b, name, dns[slot] ? dns[slot].get() : "");
     }

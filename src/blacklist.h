@@ -1,7 +1,8 @@
 // The black lists: names whose queries are diverted. The main list comes from its file alone, the
 // local one is edited over the bus and asked first.
 //
-// Workers ask, the bus thread edits, the server loads at start and cleans up. Any thread.
+// Workers and the receive loop ask, the bus thread edits, the server loads at start and cleans up.
+// Any thread.
 #pragma once
 
 #include "list.h"

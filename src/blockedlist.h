@@ -1,7 +1,8 @@
 // The blocked devices: clients whose queries are all diverted, before any other list is asked. The
 // list is edited over the bus; a reload of lists leaves it alone.
 //
-// Workers ask, the bus thread edits, the server loads at start and cleans up. Any thread.
+// Workers and the receive loop ask, the bus thread edits, the server loads at start and cleans up.
+// Any thread.
 #pragma once
 
 #include "list.h"

@@ -2,6 +2,7 @@
 
 #include "netutils.h"
 #include "uciutils.h"
+#include "utils.h"
 
 #include <arpa/inet.h>
 #include <cstdio>
@@ -80,7 +81,7 @@ void load_config() {
 
 void set_log_mask(int level) {
     if (level >= 0) // a negative level leaves the mask as it is
-        setlogmask(LOG_UPTO(level < LOG_DEBUG ? level : LOG_DEBUG));
+        set_logged_priorities(LOG_UPTO(level < LOG_DEBUG ? level : LOG_DEBUG));
 }
 
 in_addr_t upstream_address(int slot) {

@@ -62,8 +62,8 @@ struct Settings {
 
 extern Settings oDNS;
 
-// Serialises the processing of requests: a worker holds it for the whole of one request.
-// Initialised by server_init(), destroyed by server_shutdown().
+// Serialises the processing of requests: a worker, or the receive loop, holds it for the whole of
+// one. Initialised by server_init(), destroyed by server_shutdown().
 extern pthread_mutex_t lock;
 
 // Fills oDNS from the configuration store, with a default for every missing option, and sets the

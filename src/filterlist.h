@@ -3,7 +3,8 @@
 //
 // A variable is null until its list is loaded, by the start-up or by the first lookup or edit after
 // a clean-up. A list is put into its variable when it is complete, so that no lookup meets half a
-// list. Lookups run on workers, edits on the bus thread; any function here takes any thread.
+// list. Lookups run on workers and on the receive loop, edits on the bus thread; any function here
+// takes any thread.
 #pragma once
 
 #include "list.h"

@@ -4,6 +4,7 @@
 #include "server.h"
 #include "sigmask.h"
 #include "strutils.h"
+#include "utils.h"
 
 #include <cerrno>
 #include <csignal>
@@ -44,7 +45,7 @@ static void restart() {
     raise(SIGHUP);
 }
 
-// Runs only where sigmask.h lets it, but for SIGSEGV.
+// Acts only where sigmask.h lets it, but for SIGSEGV.
 static void sig_handler(int number) {
     if (is_deferred(number))
         return;
@@ -151,7 +152,7 @@ static void apply_option(int option, char *argument) {
 
 int main(int argc, char **argv) {
     std::atexit(cleanup);
-    setlogmask(127);
+    set_logged_priorities(127);
     openlog("vantrelled", LOG_PID | LOG_CONS | LOG_NDELAY, LOG_LOCAL0);
     // NOLINTNEXTLINE(concurrency-mt-unsafe): no other thread runs yet
     for (int option; (option = getopt(argc, argv, "abc:i:l:m:np:rs:t:u:vx:y:?")) != -1;)

@@ -40,6 +40,10 @@ static const char *shown(const char *text) {
     return text ? text : "(null)";
 }
 
+static bool has_workers() {
+    return oDNS.pool && oDNS.pool->alive_count > 0;
+}
+
 static unsigned long thread_id() {
     return static_cast<unsigned long>(pthread_self());
 }
@@ -328,10 +332,13 @@ static void log_receive_error(int code) {
 // only.
 static void receive(DnsRequest &received, socklen_t &address_length) {
     const SignalWindow window;
-    received.length = static_cast<int32_t>(recvfrom(oDNS.listenfd, received.message, MAX_MESSAGE, 0,
-                                                    reinterpret_cast<sockaddr *>(&received.client),
-                                                    &address_length));
-    const size_t filled = received.length > 0 ? static_cast<size_t>(received.length) : 0;
+    ssize_t length;
+    do // most C libraries resume the call themselves behind a handler
+        length = recvfrom(oDNS.listenfd, received.message, MAX_MESSAGE, 0,
+                          reinterpret_cast<sockaddr *>(&received.client), &address_length);
+    while (length < 0 && errno == EINTR);
+    received.length = static_cast<int32_t>(length);
+    const size_t filled = length > 0 ? static_cast<size_t>(length) : 0;
     std::memset(received.message + filled, 0, sizeof received.message - filled);
 }
 
@@ -389,7 +396,7 @@ static void main_loop() {
     // 0 for the first receive only, which therefore takes no address: the client of the first
     // datagram is never answered. Kept; whoever starts the daemon sends one query to prime it.
     socklen_t address_length = 0;
-    defer_signals();
+    defer_signals(has_workers());
     while (!shutting_down) {
         receive(received, address_length);
         if (received.length < 0 && !shutting_down)
@@ -472,7 +479,7 @@ static void server_init() {
     init_lock();
     open_admin_gate();
     log_config(0);
-    admit_pending_signals(true);
+    admit_pending_signals(has_workers());
 }
 
 static void _open_ns_socket() {
@@ -519,7 +526,7 @@ static void open_sockets() {
     _open_upstream_dns_connection();
     _fix_resolv();
     multi_led_blue();
-    admit_pending_signals(true);
+    admit_pending_signals(has_workers());
 }
 
 // Shutdown

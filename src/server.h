@@ -18,8 +18,8 @@ inline constexpr int MAX_MESSAGE = 512;
 // What becomes of a request.
 enum class Decision : uint8_t { OPEN, FORWARD, FORWARD_AND_RECORD, DIVERT };
 
-// One received datagram. The receive loop allocates it with malloc(); the worker that runs it, or
-// the pool's destruction, frees it.
+// One received datagram. The receive loop allocates what it queues with malloc(); the worker that
+// runs it, or the pool's destruction, frees it.
 struct DnsRequest {
     uint8_t message[MAX_MESSAGE + 4]; // zero-filled behind the datagram
     int32_t length;                   // as the receive returned it

@@ -17,24 +17,28 @@ static sigset_t set_of_daemon_signals() {
     return set;
 }
 
+static sigset_t set_for_main_thread(bool has_workers) {
+    sigset_t set = set_of_daemon_signals();
+    if (has_workers)
+        sigdelset(&set, SIGUSR1);
+    return set;
+}
+
 void block_daemon_signals() {
     const sigset_t set = set_of_daemon_signals();
     pthread_sigmask(SIG_BLOCK, &set, nullptr);
 }
 
-void admit_pending_signals(bool pool_exists) {
-    sigset_t set = set_of_daemon_signals();
-    if (pool_exists)
-        sigdelset(&set, SIGUSR1);
+void admit_pending_signals(bool has_workers) {
+    const sigset_t set = set_for_main_thread(has_workers);
     sigset_t before;
     pthread_sigmask(SIG_UNBLOCK, &set, &before); // pending ones are delivered before it returns
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
-void defer_signals() {
+void defer_signals(bool has_workers) {
     deferring = 1;
-    sigset_t set = set_of_daemon_signals();
-    sigdelset(&set, SIGUSR1);
+    const sigset_t set = set_for_main_thread(has_workers);
     pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
 }
 

@@ -1,10 +1,10 @@
 // A fixed-size pool of detached worker threads that run queued jobs in the order of their arrival.
 //
-// The server makes one pool at start and queues a job for every datagram. SIGUSR1 pauses a worker:
-// it sleeps wherever the signal caught it, in the middle of a job included, until it sees a flag
-// cleared. A SIGUSR1 from outside thus holds one worker until the pool is destroyed, and with it
-// the whole service if that worker was in the middle of a request. All messages go to standard
-// error, not to the log.
+// The server makes one pool at start and queues a job for every datagram that it does not answer at
+// once. SIGUSR1 pauses a worker: it sleeps wherever the signal caught it, in the middle of a job
+// included, until it sees a flag cleared. A SIGUSR1 from outside thus holds one worker until the
+// pool is destroyed, and with it the whole service if that worker was in the middle of a request.
+// All messages go to standard error, not to the log.
 //
 // Ownership: the pool owns its threads, its queue and the job records. It never frees a job's
 // argument: the job function does, and the arguments of jobs that never ran are lost unless their
@@ -70,9 +70,9 @@ thpool *thpool_init(int num_threads);
 void thpool_run_in_turn(thpool *pool);
 
 // Takes the turn for the caller, who then does the next job itself, without the switches of context
-// that a worker costs. Only where jobs run in turn, and false when one runs or waits, or no worker
-// could have taken it. Until thpool_end_turn() the caller counts as a busy worker and no job runs.
-// Any thread.
+// that a worker costs. Only where jobs run in turn, and false when one runs or waits, or there is
+// no worker, or one is held. Until thpool_end_turn() the caller counts as a busy worker and no job
+// runs. Any thread.
 bool thpool_take_turn(thpool *pool);
 void thpool_end_turn(thpool *pool);
 

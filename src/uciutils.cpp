@@ -68,8 +68,7 @@ char *get_uci_string(const char *key) {
             syslog(LOG_DEBUG, "UCI Option %s is %s", key, text);
         return strdup(text);
     }
-    if (lookup.found)
-        syslog(LOG_WARNING, "Failed to get %s", key);
+    syslog(LOG_WARNING, "Failed to get %s", key);
     return nullptr;
 }
 

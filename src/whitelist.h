@@ -2,7 +2,8 @@
 // devices, whose queries all are. The main list comes from its file alone; the local one and the
 // devices are edited over the bus.
 //
-// Workers ask, the bus thread edits, the server loads at start and cleans up. Any thread.
+// Workers and the receive loop ask, the bus thread edits, the server loads at start and cleans up.
+// Any thread.
 #pragma once
 
 #include "list.h"

@@ -5,6 +5,7 @@
 #include "list.h"
 #include "listload.h"
 #include "statsdb.h"
+#include "utils.h"
 
 #include <cstdio>
 #include <sqlite3.h>
@@ -17,7 +18,7 @@ static int add_row(void *list, int, char **row, char **) {
 }
 
 static std::string open_store() {
-    setlogmask(LOG_MASK(LOG_EMERG));
+    set_logged_priorities(LOG_MASK(LOG_EMERG));
     char directory[] = "/dev/shm/listfile-fuzz-XXXXXX";
     check(mkdtemp(directory) && open_database(":memory:", &oDNS.db) == SQLITE_OK &&
           create_list_stats_table("black"));

@@ -1,5 +1,6 @@
 #include "config.h"
 #include "list_helpers.h"
+#include "utils.h"
 
 #include <fstream>
 #include <gtest/gtest.h>
@@ -105,7 +106,7 @@ TEST(ListTest, TracesFollowTheirFlags) {
     for (const auto &[item, opt] : {std::pair("zz", 4), {"yy", 2}, {"xx", 1}, {"ww", 0}})
         ASSERT_EQ(add(item, opt, list), LIST_OK);
     const auto traces = [&list](int debug, int debug_sql, int priorities) {
-        const int mask = setlogmask(priorities);
+        const int mask = set_logged_priorities(priorities);
         oDNS.debug = debug;
         oDNS.debug_sql = debug_sql;
         testing::internal::CaptureStderr();
@@ -114,7 +115,7 @@ TEST(ListTest, TracesFollowTheirFlags) {
         openlog("t", 0, LOG_LOCAL0);
         closelog();
         oDNS.debug = oDNS.debug_sql = 0;
-        setlogmask(mask);
+        set_logged_priorities(mask);
         return testing::internal::GetCapturedStderr();
     };
     EXPECT_EQ(traces(0, 1, LOG_UPTO(LOG_DEBUG)),

@@ -4,6 +4,7 @@
 #include "filterlist.h"
 #include "list_helpers.h"
 #include "listload.h"
+#include "utils.h"
 #include "whitelist.h"
 
 #include <atomic>
@@ -15,7 +16,7 @@ namespace {
 namespace fs = std::filesystem;
 
 class ListLoadTest : public DatabaseTest {
-    const int mask_ = setlogmask(LOG_MASK(LOG_CRIT));
+    const int mask_ = set_logged_priorities(LOG_MASK(LOG_CRIT));
 
   protected:
     const fs::path list_file = directory / "black.lst";
@@ -30,7 +31,7 @@ class ListLoadTest : public DatabaseTest {
         white_list_cleanup();
         blocked_device_list_cleanup();
         free(std::exchange(oDNS.path, nullptr));
-        setlogmask(mask_);
+        set_logged_priorities(mask_);
         DatabaseTest::TearDown();
     }
     void write(const std::string &text) const {
