@@ -75,9 +75,8 @@ const Case CASES[] = {
     {20, "1.0.168.192.in-addr.arpa.ads", false, ""}, // a reverse lookup is never filtered
 };
 
-} // namespace
-
-TEST_F(Filter, DecidesInOrderAndRecords) {
+// One daemon's life in which all of them are asked.
+void ask_cases() {
     PrimedDaemon daemon;
     uint16_t id = 100;
     for (const Case &c : CASES) {
@@ -88,6 +87,12 @@ TEST_F(Filter, DecidesInOrderAndRecords) {
         EXPECT_EQ(log_priority(c.line), *c.line ? 6 : -1);
     }
     EXPECT_EQ(daemon.stop(), 0);
+}
+
+} // namespace
+
+TEST_F(Filter, DecidesInOrderAndRecords) {
+    ask_cases();
     EXPECT_EQ(
         rows("select fqdn, ip, timestamp from dns_traffic where ip between '192.168.8.20' and "
              "'192.168.8.22' and fqdn like '%.example' order by id"),
@@ -107,6 +112,14 @@ TEST_F(Filter, DecidesInOrderAndRecords) {
         EXPECT_EQ(hits(list), expected) << list;
     EXPECT_EQ(rows("select req - blocked > 8, blocked from summary order by id desc limit 1"),
               "1|4\n");
+}
+
+TEST_F(Filter, DecidesAlikeWithoutRecording) {
+    configure({{"stats_db_path", BASE}, {"record_traffic", "0"}, {"log_stats_interval", "3"}});
+    ask_cases(); // some of them at once, in the receiving thread
+    EXPECT_EQ(rows("select count(*) from dns_traffic") + hits("black"), "0\n");
+    EXPECT_EQ(rows("select blocked from summary where req in (3, 9) order by id"), "1\n4\n");
+    EXPECT_EQ(log_count("[ Req: 9 ] [ Blocked: 4 ] [ Resets: 0 ] [ Errors: 0 ]"), 1u);
 }
 
 TEST_F(Filter, DisabledForwardsAndRecordsNothing) {
