@@ -264,8 +264,8 @@ static Decision decide(const char *name, sockaddr_in client) {
     return is_blacklisted(name, client) ? Decision::DIVERT : Decision::FORWARD_AND_RECORD;
 }
 
-// Decides unless that is done, and diverts. Returns whether it did. Sets the name.
-static bool is_diverted(DnsRequest &request, char (&name)[QUERY_NAME_SIZE]) {
+// Decides unless that is done, and diverts what is blocked. Returns whether it was. Sets the name.
+static bool divert_if_blocked(DnsRequest &request, char (&name)[QUERY_NAME_SIZE]) {
     extract_url(name, request.message, QUESTION_OFFSET, request.client);
     if (request.decision == Decision::OPEN)
         request.decision = decide(name, request.client);
@@ -277,7 +277,7 @@ static bool is_diverted(DnsRequest &request, char (&name)[QUERY_NAME_SIZE]) {
 
 static void answer(DnsRequest &request) {
     char name[QUERY_NAME_SIZE] = "";
-    if (is_diverted(request, name))
+    if (divert_if_blocked(request, name))
         return;
     forward_request(request.message, request.length, request.client);
     if (request.decision == Decision::FORWARD_AND_RECORD && oDNS.record_traffic == 1)
@@ -358,7 +358,7 @@ static bool queue_is_full() {
 // Diverts a query here and now when no other is being answered or waits: handing it to a worker
 // costs more than all the rest. What may have to wait is left to a worker, an upstream server's
 // answer and rows of the database, and so is everything while each step is traced.
-static bool is_diverted_at_once(DnsRequest &received) {
+static bool divert_at_once(DnsRequest &received) {
     received.decision = Decision::OPEN;
     if (oDNS.record_traffic || is_logged(LOG_DEBUG) || !thpool_take_turn(oDNS.pool))
         return false;
@@ -366,7 +366,7 @@ static bool is_diverted_at_once(DnsRequest &received) {
     {
         const MutexGuard guard(lock);
         char name[QUERY_NAME_SIZE] = "";
-        diverted = !is_report_due(oDNS.requests + 1) && is_diverted(received, name);
+        diverted = !is_report_due(oDNS.requests + 1) && divert_if_blocked(received, name);
     }
     thpool_end_turn(oDNS.pool);
     return diverted;
@@ -385,7 +385,7 @@ static void queue_request(const DnsRequest &received) {
 
 static void take_request(DnsRequest &received) {
     syslog(LOG_DEBUG, "Request size: %ld", static_cast<long>(received.length));
-    if (!is_diverted_at_once(received))
+    if (!divert_at_once(received))
         queue_request(received);
 }
 
