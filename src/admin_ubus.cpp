@@ -3,6 +3,7 @@
 #include "blacklist.h"
 #include "blockedlist.h"
 #include "config.h"
+#include "counters.h"
 #include "guards.h"
 #include "server.h"
 #include "strutils.h"
@@ -345,7 +346,7 @@ static ListHold find_source(const char *code) {
     } else if (std::strcmp(code, "wl") == 0 && get_local_white_list_size() != 0) {
         return get_local_white_list();
     }
-    return ListHold(nullptr);
+    return ListHold();
 }
 
 // The page to answer with, null when there is none; the caller frees it.

@@ -1,70 +1,44 @@
 #include "blacklist.h"
 
-#include "blockedlist.h"
-#include "config.h"
-#include "filterlist.h"
-#include "netutils.h"
-#include "uciutils.h"
-
-#include <cstdio>
-
-// Longer paths of the black lists are cut, file and list name with them.
-static constexpr int BLACK_PATH_SIZE = 100;
-
-List *black_list;
-List *local_black_list;
-
-static const FilterList MAIN{black_list, _load_black_list};
-static const FilterList LOCAL{local_black_list, _load_local_black_list};
+void init_black_list() {
+    load_if_missing(ListId::BLACK);
+    load_if_missing(ListId::LOCAL_BLACK);
+}
 
 int _load_black_list() {
-    char path[BLACK_PATH_SIZE];
-    snprintf(path, sizeof path, "%s/%s", oDNS.path, "black.lst");
-    return load_filter_list(black_list, path);
+    return load_filter_list(ListId::BLACK);
 }
 
 int _load_local_black_list() {
-    const MutexGuard guard(list_loading);
-    char path[BLACK_PATH_SIZE];
-    snprintf(path, sizeof path, "%s/local_%s", oDNS.path, "black.lst");
-    const int result = load_filter_list(local_black_list, path);
-    init_blocked_device_list();
-    return result;
-}
-
-void init_black_list() {
-    load_if_missing(MAIN);
-    load_if_missing(LOCAL);
+    return load_filter_list(ListId::LOCAL_BLACK);
 }
 
 void black_list_cleanup() {
-    unload(MAIN);
-    unload(LOCAL);
+    unload(ListId::BLACK);
+    unload(ListId::LOCAL_BLACK);
 }
 
-int is_blacklisted(const char *name, sockaddr_in client) {
-    const Query query{name, socket2ip(client)};
+int is_blacklisted(const Query &query) {
     init_black_list();
-    return is_hit(LOCAL, query, Subject::NAME, "%s locally blacklisted (%s)") ||
-           is_hit(MAIN, query, Subject::NAME, "%s blacklisted (%s)");
+    return try_list(ListId::LOCAL_BLACK, query) || try_list(ListId::BLACK, query);
 }
 
 int add_local_black_list(const char *item, int opt) {
-    return add_to(LOCAL, item, opt, is_sql_debug());
+    return add_to(ListId::LOCAL_BLACK, item, opt);
 }
 
 int del_local_black_list(const char *item) {
-    return remove_from(LOCAL, item);
+    return remove_from(ListId::LOCAL_BLACK, item);
 }
 
 uint16_t get_black_list_size() {
-    return loaded_size(MAIN);
+    return loaded_size(ListId::BLACK);
 }
 
 uint16_t get_local_black_list_size() {
-    return loaded_size(LOCAL);
+    return loaded_size(ListId::LOCAL_BLACK);
 }
 
 ListHold get_local_black_list() {
-    return ListHold(local_black_list);
+    return hold_list(ListId::LOCAL_BLACK);
 }

@@ -5,26 +5,20 @@
 // Any thread.
 #pragma once
 
-#include "list.h"
-
-#include <netinet/in.h>
-
-extern List *black_list;       // black.lst
-extern List *local_black_list; // local_black.lst
+#include "filterlist.h"
 
 // Loads the main list if its variable is null, then the local one if its is.
 void init_black_list();
 
-// Load a list afresh, in place of a loaded one. Loading the local list also loads the blocked
-// devices if they are not loaded. 1, or 0 when the table could not be read.
+// load_filter_list() of each list.
 int _load_black_list();
 int _load_local_black_list();
 
 // Frees both lists.
 void black_list_cleanup();
 
-// Whether `name` is black-listed: 1 or 0. A hit is logged and recorded for the client.
-int is_blacklisted(const char *name, sockaddr_in client);
+// Whether the query's name is black-listed: 1 or 0. A hit is logged and recorded for the client.
+int is_blacklisted(const Query &query);
 
 // Results are those of add_to() and remove_from().
 int add_local_black_list(const char *item, int opt);

@@ -1,48 +1,33 @@
 #include "blockedlist.h"
 
-#include "config.h"
-#include "filterlist.h"
-#include "netutils.h"
-
-#include <climits>
-#include <cstdio>
-
-List *blocked_device_list;
-
-static const FilterList DEVICES{blocked_device_list, _load_blocked_device_list};
-
-int _load_blocked_device_list() {
-    char path[PATH_MAX];
-    snprintf(path, sizeof path, "%s/%s", oDNS.path, "blocked_device.lst");
-    return load_filter_list(blocked_device_list, path);
+void init_blocked_device_list() {
+    load_if_missing(ListId::BLOCKED_DEVICE);
 }
 
-void init_blocked_device_list() {
-    load_if_missing(DEVICES);
+int _load_blocked_device_list() {
+    return load_filter_list(ListId::BLOCKED_DEVICE);
 }
 
 void blocked_device_list_cleanup() {
-    unload(DEVICES);
+    unload(ListId::BLOCKED_DEVICE);
 }
 
-int is_blocked_device(const char *name, sockaddr_in client) {
-    const Query query{name, socket2ip(client)};
-    init_blocked_device_list();
-    return is_hit(DEVICES, query, Subject::CLIENT, "%s is blocked client, %s");
+int is_blocked_device(const Query &query) {
+    return try_list(ListId::BLOCKED_DEVICE, query);
 }
 
 int add_blocked_device_list(const char *item, int opt) {
-    return add_to(DEVICES, item, opt);
+    return add_to(ListId::BLOCKED_DEVICE, item, opt);
 }
 
 int del_blocked_device_list(const char *item) {
-    return remove_from(DEVICES, item);
+    return remove_from(ListId::BLOCKED_DEVICE, item);
 }
 
 uint16_t get_blocked_device_list_size() {
-    return loaded_size(DEVICES);
+    return loaded_size(ListId::BLOCKED_DEVICE);
 }
 
 ListHold get_blocked_device_list() {
-    return ListHold(blocked_device_list);
+    return hold_list(ListId::BLOCKED_DEVICE);
 }

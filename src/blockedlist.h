@@ -5,23 +5,19 @@
 // Any thread.
 #pragma once
 
-#include "list.h"
-
-#include <netinet/in.h>
-
-extern List *blocked_device_list; // blocked_device.lst
+#include "filterlist.h"
 
 // Loads the list if its variable is null.
 void init_blocked_device_list();
 
-// Loads the list afresh, in place of a loaded one. 1, or 0 when the table could not be read.
+// load_filter_list() of the list.
 int _load_blocked_device_list();
 
 void blocked_device_list_cleanup();
 
 // Whether the client is a blocked device: 1 or 0. A hit is logged and recorded with the name that
 // it asked for.
-int is_blocked_device(const char *name, sockaddr_in client);
+int is_blocked_device(const Query &query);
 
 // Results are those of add_to() and remove_from().
 int add_blocked_device_list(const char *item, int opt);

@@ -108,9 +108,3 @@ void replace_upstreams(const char *const (&texts)[UPSTREAM_SLOTS]) {
         oDNS.upstream_dns[slot] = copy;
     }
 }
-
-// The counters are written under `lock` by whole-word stores; a reader elsewhere accepts a value
-// torn between its halves, and the thread sanitizer is told so here.
-__attribute__((no_sanitize("thread"))) uint64_t read_counter(const uint64_t &counter) {
-    return *const_cast<const volatile uint64_t *>(&counter);
-}

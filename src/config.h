@@ -3,8 +3,8 @@
 // There is exactly one record, oDNS. Command-line options write into it first (main.cpp), then
 // load_config() fills it from the configuration store, and from then on every part of the daemon
 // reads and writes the fields it needs directly. Fields that two threads touch and one changes
-// while the daemon serves are atomics, but for the counters (see read_counter()); the upstream
-// texts, which the bus thread replaces under a running worker, are reached through
+// while the daemon serves are atomics, but for the counters (see counters.h); the upstream texts,
+// which the bus thread replaces under a running worker, are reached through
 // upstream_address(), copy_upstream() and replace_upstreams() alone.
 #pragma once
 
@@ -48,7 +48,7 @@ struct Settings {
     int32_t pid;
     int32_t debug;     // asked for through is_sql_debug(), see there
     int32_t debug_sql; // asked for through is_debug(), see there
-    uint64_t requests; // the four counters; other threads read them with read_counter()
+    uint64_t requests; // the four counters, see counters.h
     uint64_t errors;
     uint64_t resets;
     uint64_t blocked;
@@ -83,7 +83,3 @@ OwnedText copy_upstream(int slot);
 
 // Replaces all four texts by copies of the given ones. Any thread, without `lock`.
 void replace_upstreams(const char *const (&texts)[UPSTREAM_SLOTS]);
-
-// Reads one of the four counters from a thread that does not hold `lock`. A 32-bit processor may
-// see a value torn between its halves; that is accepted.
-uint64_t read_counter(const uint64_t &counter);

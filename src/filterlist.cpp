@@ -1,89 +1,194 @@
 #include "filterlist.h"
 
+#include "config.h"
 #include "guards.h"
 #include "listload.h"
 #include "statsdb.h"
 #include "strutils.h"
+#include "uciutils.h"
 
+#include <climits>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <syslog.h>
+#include <utility>
 
+std::atomic<List *> black_list;
+std::atomic<List *> local_black_list;
+std::atomic<List *> blocked_device_list;
+std::atomic<List *> white_list;
+std::atomic<List *> local_white_list;
+std::atomic<List *> device_list;
+
+namespace {
+
+// Seconds after which a list whose table was locked is tried again.
+constexpr uint32_t RETRY_INTERVAL = 10;
+
+// Longer paths of the black lists are cut, file and list name with them.
+constexpr size_t BLACK_PATH_SIZE = 100;
+
+enum class Subject : uint8_t { NAME, CLIENT };
+
+struct FilterList {
+    std::atomic<List *> &variable;
+    const char *file; // below the base directory; the table has its name without extension
+    size_t path_size;
+    Subject subject;   // what patterns are compared with
+    const char *hit;   // takes the subject, and then the other one of name and client
+    bool is_add_shown; // to everybody, not only to those who trace the database
+    ListId next;       // loaded behind this one,
+    bool next_anew;    // even if it is loaded already
+};
+
+const FilterList FILTER_LISTS[] = {
+    {black_list, "black.lst", BLACK_PATH_SIZE, Subject::NAME, "%s blacklisted (%s)", true,
+     ListId::NONE, false},
+    {local_black_list, "local_black.lst", BLACK_PATH_SIZE, Subject::NAME,
+     "%s locally blacklisted (%s)", false, ListId::BLOCKED_DEVICE, false},
+    {blocked_device_list, "blocked_device.lst", PATH_MAX, Subject::CLIENT,
+     "%s is blocked client, %s", true, ListId::NONE, false},
+    {white_list, "white.lst", PATH_MAX, Subject::NAME, "%s whitelisted (%s)", true, ListId::NONE,
+     false},
+    {local_white_list, "local_white.lst", PATH_MAX, Subject::NAME, "%s locally whitelisted (%s)",
+     true, ListId::LOCAL_DEVICE, true},
+    {device_list, "local_device.lst", PATH_MAX, Subject::CLIENT,
+     "%s is excluded device, forwarding %s", true, ListId::NONE, false},
+};
+
+const FilterList &row_of(ListId id) {
+    return FILTER_LISTS[static_cast<size_t>(id)];
+}
+
+// Held while lists are loaded or unloaded, also by loads that chain into each other. Lookups in
+// loaded lists do not take it.
 RecursiveMutex list_loading;
 
-static const char *shown(const char *text) {
+const char *shown(const char *text) {
     return text ? text : "(null)";
 }
 
-int load_filter_list(List *&variable, const char *path) {
-    const MutexGuard guard(list_loading);
+uint32_t monotonic_seconds() {
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<uint32_t>(now.tv_sec);
+}
+
+// Whether what the variable holds can be used as it is.
+bool is_usable(const List *list) {
+    return list && (!list->is_locked_out || monotonic_seconds() - list->tried_at < RETRY_INTERVAL);
+}
+
+// Fills a new list from the file and the table and puts it into the variable. One whose table is
+// locked does not take the place of a list that is there already.
+int load_one(const FilterList &filter) {
     List *fresh = create_list();
     if (!fresh)
         return 0;
+    char path[PATH_MAX];
+    snprintf(path, filter.path_size, "%s/%s", oDNS.path, filter.file);
     const int result = _load_list(fresh, path);
-    publish_list(variable, fresh);
+    fresh->tried_at = monotonic_seconds();
+    const ListHold old(filter.variable);
+    if (old && fresh->is_locked_out) {
+        old->tried_at = fresh->tried_at.load();
+        free_list(fresh);
+    } else {
+        publish_list(filter.variable, fresh);
+    }
     return result;
 }
 
-ListHold loaded(const FilterList &filter) {
-    if (ListHold list(filter.variable); list)
+// The list, which is loaded first if it has to be. Empty only without memory.
+ListHold loaded(ListId id) {
+    const FilterList &filter = row_of(id);
+    if (ListHold list(filter.variable); is_usable(list.get()))
         return list;
     const MutexGuard guard(list_loading);
-    if (ListHold list(filter.variable); list)
+    if (ListHold list(filter.variable); is_usable(list.get()))
         return list;
-    filter.load();
+    load_filter_list(id);
     return ListHold(filter.variable);
 }
 
-void load_if_missing(const FilterList &filter) {
-    if (!is_published(filter.variable))
-        loaded(filter);
-}
+} // namespace
 
-void unload(const FilterList &filter) {
+int load_filter_list(ListId id) {
     const MutexGuard guard(list_loading);
-    free_list(filter.variable);
+    const FilterList &filter = row_of(id);
+    const int result = load_one(filter);
+    if (filter.next != ListId::NONE && (filter.next_anew || !row_of(filter.next).variable))
+        load_filter_list(filter.next);
+    return result;
 }
 
-bool is_hit(const FilterList &filter, const Query &query, Subject subject, const char *message) {
-    const ListHold list = loaded(filter);
+void load_if_missing(ListId id) {
+    if (!row_of(id).variable)
+        loaded(id);
+}
+
+void unload(ListId id) {
+    const MutexGuard guard(list_loading);
+    publish_list(row_of(id).variable, nullptr);
+}
+
+bool try_list(ListId id, const Query &query) {
+    const FilterList &filter = row_of(id);
+    const ListHold list = loaded(id);
     const char *key = query.client;
     const char *other = query.name;
-    if (subject == Subject::NAME)
+    if (filter.subject == Subject::NAME)
         std::swap(key, other);
     char *frag = nullptr;
     if (!find_in_list(key, list.get(), 1, &frag))
         return false;
     const OwnedText matched(frag);
-    syslog(LOG_INFO, message, key, shown(other));
+    syslog(LOG_INFO, filter.hit, key, shown(other));
     insert_list_record(query.name, list->name, matched.get(), query.client);
     return true;
 }
 
-ListResult add_to(const FilterList &filter, const char *item, int opt, bool traced) {
-    const MutexGuard guard(list_loading);
-    const ListHold list = loaded(filter);
+// The list is not held up while the row is written, which may take seconds. One that was loaded
+// meanwhile may have missed the row, so it gets the entry too.
+ListResult add_to(ListId id, const char *item, int opt) {
+    const ListHold list = loaded(id);
     const char *name = list ? list->name : nullptr;
-    if (traced)
+    if (row_of(id).is_add_shown || is_sql_debug())
         syslog(LOG_DEBUG, "Adding item to %s", shown(name));
     const auto mode = static_cast<int8_t>(opt);
+    const EntryEdit edit(name, item);
     const ListResult result = add_item_copy(item, mode, list.get());
+    if (result != LIST_OK)
+        return result;
     // "~x" is a pattern like any other in memory, and disables x in the table.
-    if (result == LIST_OK)
-        create_frag_key(item, mode, name);
+    create_frag_key(item, mode, name);
+    if (const ListHold now = hold_list(id); now && now.get() != list.get())
+        add_item_copy(item, mode, now.get());
+    return LIST_OK;
+}
+
+// The empty item counts as digits, and so as row 0, which no table has.
+static ListResult remove_one(const char *item, List *list) {
+    return item && isOnlyDigits(item) ? remove_item_by_id(strtol(item, nullptr, 10), list)
+                                      : remove_item(item, list);
+}
+
+ListResult remove_from(ListId id, const char *item) {
+    const ListHold list = loaded(id);
+    const char *name = list ? list->name : nullptr;
+    syslog(LOG_DEBUG, "Removing item %s from %s", shown(item), shown(name));
+    const EntryEdit edit(name, item);
+    const ListResult result = remove_one(item, list.get());
+    if (const ListHold now = hold_list(id); result == LIST_OK && now && now.get() != list.get())
+        remove_one(item, now.get());
     return result;
 }
 
-ListResult remove_from(const FilterList &filter, const char *item) {
-    const MutexGuard guard(list_loading);
-    const ListHold list = loaded(filter);
-    syslog(LOG_DEBUG, "Removing item %s from %s", shown(item), list ? shown(list->name) : "(null)");
-    // The empty item counts as digits, and so as row 0, which no table has.
-    if (item && isOnlyDigits(item))
-        return remove_item_by_id(strtol(item, nullptr, 10), list.get());
-    return remove_item(item, list.get());
+uint16_t loaded_size(ListId id) {
+    return get_list_size(hold_list(id).get());
 }
 
-uint16_t loaded_size(const FilterList &filter) {
-    return get_list_size(ListHold(filter.variable).get());
+ListHold hold_list(ListId id) {
+    return ListHold(row_of(id).variable);
 }

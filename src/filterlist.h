@@ -1,41 +1,36 @@
-// What the six filter lists have in common: how they are loaded, asked and edited. blacklist.cpp,
-// whitelist.cpp and blockedlist.cpp say which list is asked when and matched against what.
+// The six filter lists as one table: file and database table, what a list is matched against and
+// what its hits say. blacklist.h, whitelist.h and blockedlist.h give them the names that the rest
+// of the daemon knows, and say which is asked when.
 //
 // A variable is null until its list is loaded, by the start-up or by the first lookup or edit after
 // a clean-up. A list is put into its variable when it is complete, so that no lookup meets half a
-// list. Lookups run on workers and on the receive loop, edits on the bus thread; any function here
-// takes any thread.
+// list. One whose table was locked by another process is empty and loaded again by a later lookup
+// or edit. Lookups run on workers and on the receive loop, edits on the bus thread; any function
+// here takes any thread.
 #pragma once
 
 #include "list.h"
 
-#include <netinet/in.h>
+#include <atomic>
+#include <cstdint>
 
-struct RecursiveMutex;
+extern std::atomic<List *> black_list;          // black.lst
+extern std::atomic<List *> local_black_list;    // local_black.lst
+extern std::atomic<List *> blocked_device_list; // blocked_device.lst
+extern std::atomic<List *> white_list;          // white.lst
+extern std::atomic<List *> local_white_list;    // local_white.lst
+extern std::atomic<List *> device_list;         // local_device.lst
 
-// Held while a list is loaded, by loaders that chain into each other too, while one is unloaded and
-// during an edit, which must not go to a list that is about to be replaced. Lookups in loaded lists
-// do not take it.
-extern RecursiveMutex list_loading;
-
-// One of the six: the variable and what loads it. `load` returns as _load_list() does.
-struct FilterList {
-    List *&variable;
-    int (*load)();
+// In the order of the table in filterlist.cpp.
+enum class ListId : uint8_t {
+    BLACK,
+    LOCAL_BLACK,
+    BLOCKED_DEVICE,
+    WHITE,
+    LOCAL_WHITE,
+    LOCAL_DEVICE,
+    NONE,
 };
-
-// Puts a new list into `variable`, loaded from the file `path` and from its table. Result as of
-// _load_list().
-int load_filter_list(List *&variable, const char *path);
-
-// The list, which is loaded first if it is not. Empty only without memory.
-ListHold loaded(const FilterList &filter);
-
-// Loads the list if it is not loaded.
-void load_if_missing(const FilterList &filter);
-
-// Frees the list and sets the variable to null.
-void unload(const FilterList &filter);
 
 // One query as the filter lists see it.
 struct Query {
@@ -43,20 +38,31 @@ struct Query {
     const char *client; // dotted address
 };
 
-enum class Subject { NAME, CLIENT };
+// Loads a list afresh, in place of a loaded one, and what belongs to it: with the local black list
+// the blocked devices if they are not loaded, with the local white list the excluded devices anew.
+// 1, or 0 when the table could not be read.
+int load_filter_list(ListId id);
 
-// Whether the list matches the query's name or client. If it does, logs `message`, which takes the
-// matched text and then the other one, and records the hit.
-bool is_hit(const FilterList &filter, const Query &query, Subject subject, const char *message);
+// Loads the list if it is not loaded.
+void load_if_missing(ListId id);
 
-// Adds an item to the list and to its table. `traced`: whether the debug line is written. Returns
-// LIST_OK, LIST_EXISTS, LIST_EMPTY_ITEM or LIST_INSERT_FAILED; a failure of the database only shows
-// in the log.
-ListResult add_to(const FilterList &filter, const char *item, int opt, bool traced = true);
+// Frees the list and sets its variable to null.
+void unload(ListId id);
+
+// Whether the list decides the query. If it does, logs and records the hit.
+bool try_list(ListId id, const Query &query);
+
+// Adds an item to the list and to its table. Returns LIST_OK, LIST_EXISTS, LIST_EMPTY_ITEM or
+// LIST_INSERT_FAILED; a failure of the database only shows in the log. May take seconds while
+// another process holds the database (EntryEdit in statsdb.h); lookups go on meanwhile.
+ListResult add_to(ListId id, const char *item, int opt);
 
 // Removes an item, or the one whose row in the table has the decimal number `item`. Returns
-// LIST_OK, LIST_IS_NULL or LIST_NOT_FOUND.
-ListResult remove_from(const FilterList &filter, const char *item);
+// LIST_OK, LIST_IS_NULL or LIST_NOT_FOUND. Time as above.
+ListResult remove_from(ListId id, const char *item);
 
 // The number of patterns modulo 65536; 0 when the list is not loaded.
-uint16_t loaded_size(const FilterList &filter);
+uint16_t loaded_size(ListId id);
+
+// The list, kept alive for paging through it; empty when it is not loaded.
+ListHold hold_list(ListId id);

@@ -1,6 +1,7 @@
 #include "forward.h"
 
 #include "config.h"
+#include "counters.h"
 #include "ledutils.h"
 #include "netutils.h"
 #include "server.h"

@@ -49,24 +49,20 @@ static void release(List *list) {
     free(list);
 }
 
-void publish_list(List *&variable, List *fresh) {
+void publish_list(std::atomic<List *> &variable, List *fresh) {
     List *old = nullptr;
     {
         const MutexGuard guard(variables);
-        old = __atomic_exchange_n(&variable, fresh, __ATOMIC_RELEASE); // for is_published()
+        old = variable.exchange(fresh);
     }
     release(old);
 }
 
-bool is_published(List *const &variable) {
-    return __atomic_load_n(&variable, __ATOMIC_ACQUIRE);
-}
-
 void free_list(List *&variable) {
-    publish_list(variable, nullptr);
+    release(std::exchange(variable, nullptr));
 }
 
-ListHold::ListHold(List *const &variable) {
+ListHold::ListHold(const std::atomic<List *> &variable) {
     const MutexGuard guard(variables);
     list_ = variable;
     if (list_)

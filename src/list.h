@@ -51,9 +51,11 @@ struct Node {
 
 struct List {
     Node *head;
-    std::atomic<uint16_t> size; // number of nodes modulo 65536: nothing limits a list
-    int tables_ready;           // 1 when the list's tables exist
-    char *name;                 // also the table's name; null for a list that was not loaded
+    std::atomic<uint16_t> size;     // number of nodes modulo 65536: nothing limits a list
+    int tables_ready;               // 1 when the list's tables exist
+    bool is_locked_out;             // empty only because another process held the table
+    std::atomic<uint32_t> tried_at; // when the table was last read, by its loader's clock
+    char *name;                     // also the table's name; null for a list that was not loaded
     pthread_mutex_t mutex;
     std::atomic<uint32_t> references;
     ListIndex *index;  // null while the list is walked
@@ -67,15 +69,12 @@ struct List {
 // A new empty list with one reference, for the variable that takes it; null without memory.
 List *create_list();
 
-// Detaches the list from the caller's variable, which becomes null. Nodes and record are freed at
-// once, or when the last ListHold goes.
+// Lets go of the list in the caller's own variable, which becomes null. Nodes and record are freed
+// at once, or when the last ListHold goes.
 void free_list(List *&variable);
 
 // Puts `fresh` into a variable that other threads read and lets go of the list that it held.
-void publish_list(List *&variable, List *fresh);
-
-// Whether the variable holds a list at this moment. Takes no lock.
-bool is_published(List *const &variable);
+void publish_list(std::atomic<List *> &variable, List *fresh);
 
 uint16_t get_list_size(const List *list); // 0 for null
 bool _is_empty(List *list);               // true for null
@@ -89,10 +88,11 @@ void free_node(Node *&node);
 // Keeps a list alive, whatever happens to the variable that it was taken from. Holds nothing when
 // the variable is null.
 class ListHold {
-    List *list_;
+    List *list_ = nullptr;
 
   public:
-    explicit ListHold(List *const &variable);
+    ListHold() = default;
+    explicit ListHold(const std::atomic<List *> &variable);
     ListHold(ListHold &&other) noexcept : list_(std::exchange(other.list_, nullptr)) {}
     ListHold &operator=(ListHold &&) = delete;
     ~ListHold();

@@ -2,7 +2,8 @@
 // table and deleted, then the list is built from the table's enabled rows.
 //
 // A file is imported in one transaction and deleted only when that transaction is in the database:
-// after a failure, or a kill at any moment, there is either the file or all of its rows.
+// after a failure, or a kill at any moment, there is either the file or all of its rows. A file
+// that is written while it is read is left for the next start.
 //
 // Lines of a list file are "PATTERN" or "PATTERN,MODE"; a MODE that is no number is 0. A line that
 // begins with '#' is a comment, one that begins with '~' disables the pattern that follows. A line

@@ -1,6 +1,7 @@
 // The process entry: options, banner, signal handlers, and then the server until it stops.
 
 #include "config.h"
+#include "counters.h"
 #include "server.h"
 #include "sigmask.h"
 #include "strutils.h"

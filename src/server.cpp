@@ -5,6 +5,7 @@
 #include "blockedlist.h"
 #include "check.h"
 #include "config.h"
+#include "counters.h"
 #include "forward.h"
 #include "guards.h"
 #include "ledutils.h"
@@ -48,60 +49,7 @@ static unsigned long thread_id() {
     return static_cast<unsigned long>(pthread_self());
 }
 
-// Counters and reports
-
-// Whether a row and a line are due at that many requests. An interval of 0 means never.
-static bool is_report_due(uint64_t requests) {
-    const auto interval = static_cast<uint64_t>(static_cast<int64_t>(oDNS.log_stats_interval));
-    return interval != 0 && requests % interval == 0;
-}
-
-void update_stats(int32_t requests, int32_t blocked, int32_t resets, int32_t errors) {
-    oDNS.requests += static_cast<int64_t>(requests);
-    oDNS.blocked += static_cast<int64_t>(blocked);
-    oDNS.resets += static_cast<int64_t>(resets);
-    oDNS.errors += static_cast<int64_t>(errors);
-    // Asked after every call: a reset at a multiple of the interval writes and logs once more.
-    if (!is_report_due(oDNS.requests))
-        return;
-    write_stats();
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat"
-    // Where a long has 32 bits this shows the halves of the first counters; the text is kept.
-    syslog(LOG_INFO,
-           "[ Req: %lu ] [ Blocked: %lu ] [ Resets: %lu ] [ Errors: %lu ] [ Threads: %d ]",
-           oDNS.requests, oDNS.blocked, oDNS.resets, oDNS.errors,
-           thpool_num_threads_working(oDNS.pool));
-#pragma GCC diagnostic pop
-}
-
-void write_stats() {
-    if (!oDNS.db)
-        return;
-    insert_stats_summary_record(read_counter(oDNS.requests), read_counter(oDNS.blocked),
-                                read_counter(oDNS.resets), read_counter(oDNS.errors));
-    syslog(LOG_DEBUG, "Finished writing stats"); // also when the insert failed
-}
-
-void read_stats() {
-    syslog(LOG_DEBUG, "Before create/read stats summary");
-    create_stats_summary_table();
-    syslog(LOG_DEBUG, "Before reading stats");
-    get_stats_summary(&oDNS.requests, &oDNS.blocked, &oDNS.resets, &oDNS.errors);
-    syslog(LOG_INFO, "Finished reading stats");
-}
-
-void reload_stats() {
-    read_stats();
-}
-
-void log_stats() {
-    syslog(LOG_INFO, "Message Count: %s", commaprint(read_counter(oDNS.requests)));
-    syslog(LOG_INFO, "Sites blocked: %s", commaprint(read_counter(oDNS.blocked)));
-    syslog(LOG_INFO, "Connection Reset Count: %s", commaprint(read_counter(oDNS.resets)));
-    syslog(LOG_INFO, "Error Count: %s", commaprint(read_counter(oDNS.errors)));
-    write_stats();
-}
+// Reports
 
 // Where a report's lines go, each with the text of its format.
 typedef void (*ReportLine)(const char *format, ...) __attribute__((format(printf, 1, 2)));
@@ -179,10 +127,6 @@ void print_config(int with_stats) {
     report(line_to_stdout, with_stats);
 }
 
-double get_block_rate() {
-    return 0.0;
-}
-
 void reload_lists() {
     // While `lock` is held no worker is in the middle of a request.
     const MutexGuard guard(lock);
@@ -257,11 +201,12 @@ void divert(const uint8_t *message, int32_t length, sockaddr_in client, int bloc
 static Decision decide(const char *name, sockaddr_in client) {
     if (oDNS.disabled == 1 || is_local(name, client) || is_reverse(name, client))
         return Decision::FORWARD;
-    if (is_blocked_device(name, client))
+    const Query query{name, socket2ip(client)};
+    if (is_blocked_device(query))
         return Decision::DIVERT;
-    if (is_whitelisted(name, client))
+    if (is_whitelisted(query))
         return Decision::FORWARD_AND_RECORD;
-    return is_blacklisted(name, client) ? Decision::DIVERT : Decision::FORWARD_AND_RECORD;
+    return is_blacklisted(query) ? Decision::DIVERT : Decision::FORWARD_AND_RECORD;
 }
 
 // Decides unless that is done, and diverts what is blocked. Returns whether it was. Sets the name.
@@ -366,7 +311,7 @@ static bool divert_at_once(DnsRequest &received) {
     {
         const MutexGuard guard(lock);
         char name[QUERY_NAME_SIZE] = "";
-        diverted = !is_report_due(oDNS.requests + 1) && divert_if_blocked(received, name);
+        diverted = !is_report_due(read_counter(oDNS.requests) + 1) && divert_if_blocked(received, name);
     }
     thpool_end_turn(oDNS.pool);
     return diverted;
@@ -452,6 +397,7 @@ static void init_lists_and_stats() {
     admit_pending_signals(false);
     init_white_list();
     init_blocked_device_list();
+    end_start_up_waits();
     multi_led_red();
 }
 
@@ -564,6 +510,7 @@ static void server_shutdown() {
     // A worker that a stray pause signal holds may have any lock, the log's included.
     thpool_resume(oDNS.pool);
     syslog(LOG_INFO, "Shutting down ...");
+    end_edits();
     // For good: what the bus thread reads is taken down now. If that thread is stuck in a call, the
     // settings are left to the end of the process.
     const bool bus_is_out = close_admin_gate();

@@ -43,21 +43,6 @@ void *_process_request(void *job);
 // `message` has `length` bytes. Holder of `lock`.
 void divert(const uint8_t *message, int32_t length, sockaddr_in client, int blocked);
 
-// Adds to the counters; writes and logs them whenever `requests` is a multiple of
-// log_stats_interval, also when it did not change. Holder of `lock`.
-void update_stats(int32_t requests, int32_t blocked, int32_t resets, int32_t errors);
-
-// Appends the counters to the summary table, if there is a database. Any thread.
-void write_stats();
-
-// Restores the counters from the newest summary row (two names of one operation). Main thread,
-// once, after the database was opened.
-void read_stats();
-void reload_stats();
-
-// Logs the counters and writes them. Main thread.
-void log_stats();
-
 // Reports the settings to the log, and with a non-zero argument the counters (which writes them)
 // and the list sizes. Main thread.
 void log_config(int with_stats);
@@ -69,6 +54,3 @@ void print_config(int with_stats);
 // devices, which the next lookup loads again; the list of blocked devices stays. Without a caller
 // in the daemon.
 void reload_lists();
-
-// The block rate that the bus reports: always 0.0, it is not computed.
-double get_block_rate();

@@ -3,10 +3,9 @@
 #include "config.h"
 #include "guards.h"
 #include "netutils.h"
-#include "server.h"
 #include "uciutils.h"
 
-#include <algorithm>
+#include <atomic>
 #include <climits>
 #include <cstdarg>
 #include <cstdio>
@@ -14,24 +13,37 @@
 #include <ctime>
 #include <initializer_list>
 #include <iterator>
-#include <memory>
 #include <sqlite3.h>
 #include <string_view>
 #include <syslog.h>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 
 constexpr char DATABASE_NAME[] = "vantrelle.db";
 constexpr int FILE_NAME_SIZE = 254;
 constexpr int STATEMENT_SIZE = 300;
-// Another process may hold the file for a moment, and no row must get lost by that. But whoever
-// waits has the request lock: when that long was in vain, the rows that follow are not waited for.
-constexpr int64_t BUSY_TIMEOUT_MS = 1000;
-constexpr int64_t BUSY_PAUSE_MS = 10000;
 constexpr char NULL_MARKER[] = "(null)";
 constexpr char WORD_CHARACTERS[] =
     "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_";
+
+// How long is waited, in milliseconds, for another process that holds the file. A query's rows must
+// not get lost by a moment's lock, but whoever waits has the request lock: when that long was in
+// vain, the rows that follow are not waited for.
+constexpr int64_t QUERY_WAIT_MS = 1000;
+constexpr int64_t PAUSE_AFTER_VAIN_WAIT_MS = 10000;
+constexpr int64_t START_UP_WAIT_MS = 10000; // of all its steps together
+constexpr int64_t EDIT_WAIT_MS = 5000;
+constexpr int64_t EDIT_WAIT_AFTER_VAIN_MS = 1000;
+constexpr useconds_t BUSY_STEP_US = 2000;
+constexpr useconds_t EDIT_STEP_US = 20000;
+
+int64_t monotonic_ms() {
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
+}
 
 // --- statement texts -----------------------------------------------------------------------------
 
@@ -77,86 +89,109 @@ class Statement {
     int refusal() const { return refusal_; }
 };
 
-// --- the connection ------------------------------------------------------------------------------
-
-struct FinalizeStatement {
-    void operator()(sqlite3_stmt *statement) const { sqlite3_finalize(statement); }
-};
-using Prepared = std::unique_ptr<sqlite3_stmt, FinalizeStatement>;
-
-// Guards the handle in oDNS.db and what was compiled for it: the bus thread runs before it is
-// opened and while it is closed.
-RecursiveMutex handle_lock;
-
 // What every recorded query runs is compiled once per table and then run with bound values, since
 // compiling costs several times as much as running. The text with the values pasted in still
 // decides whether they are acceptable, and is what the log shows.
+struct Recurring {
+    const char *sql;  // with parameters, and "%s" for the table
+    const char *text; // with conversions for table and values
+};
+
+constexpr Recurring BEGIN = {"begin immediate", "begin immediate"};
+constexpr Recurring COMMIT = {"commit", "commit"};
+constexpr Recurring FIND_ENTRY = {"select id from %s where frag = ?",
+                                  "select id from %s where frag = '%s'"};
+constexpr Recurring INSERT_CLIENT = {"insert into %s_stats ('frag_id', 'ip') values(?, ?)",
+                                     "insert into %s_stats ('frag_id', 'ip') values(%ld , '%s')"};
+constexpr Recurring INSERT_NAME = {"insert or replace into %s_fqdn ('fqdn') values(?)",
+                                   "insert or replace into %s_fqdn ('fqdn') values('%s')"};
+constexpr Recurring INSERT_HIT = {"insert into %s_hit ('fqdn_id', 'stats_id') values(?, ?)",
+                                  "insert into %s_hit ('fqdn_id', 'stats_id') values(%lld, %lld)"};
+constexpr Recurring INSERT_TRAFFIC = {"insert into dns_traffic ('fqdn', 'ip') values(?, ?)",
+                                      "insert into dns_traffic ('fqdn', 'ip') values('%s', '%s')"};
+
+// --- the connection ------------------------------------------------------------------------------
+
+// Guards the handle in oDNS.db, what was compiled for it and all variables of this section: the bus
+// thread runs before it is opened and while it is closed.
+RecursiveMutex handle_lock;
+
 struct Compiled {
-    const char *format;
+    const Recurring *statement;
     char table[24];
-    sqlite3_stmt *statement;
+    sqlite3_stmt *compiled;
 };
 Compiled compiled[32]; // room for four statements of each of six lists, and for those without list
 
-struct ResetStatement {
-    void operator()(sqlite3_stmt *statement) const { sqlite3_reset(statement); }
-};
-using Running = std::unique_ptr<sqlite3_stmt, ResetStatement>;
-
-// The text of a statement with a parameter where its format has a value.
-void parametrise(const char *format, const char *table, char (&text)[STATEMENT_SIZE]) {
-    size_t length = 0;
-    const auto add = [&](const char *piece, size_t size) {
-        size = std::min(size, sizeof text - 1 - length);
-        memcpy(text + length, piece, size);
-        length += size;
-    };
-    for (const char *at = format; *at;) {
-        constexpr std::string_view VALUES[] = {"'%s'", "%lld", "%ld"};
-        const auto *value = std::find_if(std::begin(VALUES), std::end(VALUES), [at](auto pattern) {
-            return strncmp(at, pattern.data(), pattern.size()) == 0;
-        });
-        if (value != std::end(VALUES)) {
-            add("?", 1);
-            at += value->size();
-        } else if (strncmp(at, "%s", 2) == 0) {
-            add(table, strlen(table));
-            at += 2;
-        } else {
-            add(at++, 1);
-        }
-    }
-    text[length] = '\0';
-}
-
 void drop_compiled() {
     for (Compiled &entry : compiled) {
-        sqlite3_finalize(entry.statement);
+        sqlite3_finalize(entry.compiled);
         entry = {};
     }
 }
 
-// The compiled statement of a format for a table; null when it does not compile.
-sqlite3_stmt *compile_once(sqlite3 *db, const char *format, const char *table) {
+// The compiled statement for a table; null when it does not compile.
+sqlite3_stmt *compile_once(sqlite3 *db, const Recurring &statement, const char *table) {
     Compiled *entry = compiled;
-    for (; entry != std::end(compiled) && entry->statement; entry++)
-        if (entry->format == format && strcmp(entry->table, table) == 0)
-            return entry->statement;
+    for (; entry != std::end(compiled) && entry->compiled; entry++)
+        if (entry->statement == &statement && strcmp(entry->table, table) == 0)
+            return entry->compiled;
     if (entry == std::end(compiled)) { // more tables than lists
         drop_compiled();
         entry = compiled;
     }
-    char text[STATEMENT_SIZE];
-    parametrise(format, table, text);
-    sqlite3_prepare_v3(db, text, -1, SQLITE_PREPARE_PERSISTENT, &entry->statement, nullptr);
-    entry->format = format;
+    char sql[STATEMENT_SIZE];
+    snprintf(sql, sizeof sql, statement.sql, table);
+    sqlite3_prepare_v3(db, sql, -1, SQLITE_PREPARE_PERSISTENT, &entry->compiled, nullptr);
+    entry->statement = &statement;
     snprintf(entry->table, sizeof entry->table, "%s", table);
-    return entry->statement;
+    return entry->compiled;
 }
+
+// A statement that can be run: finalised at the end of its scope or, when it recurs, reset. Null
+// when it did not compile.
+class Prepared {
+    sqlite3_stmt *statement_;
+    bool recurs_;
+
+  public:
+    explicit Prepared(sqlite3_stmt *statement = nullptr, bool recurs = false)
+        : statement_(statement), recurs_(recurs) {}
+    Prepared(Prepared &&other) noexcept
+        : statement_(std::exchange(other.statement_, nullptr)), recurs_(other.recurs_) {}
+    Prepared &operator=(Prepared &&) = delete;
+    ~Prepared() { recurs_ ? sqlite3_reset(statement_) : sqlite3_finalize(statement_); }
+    explicit operator bool() const { return statement_; }
+
+    void bind(int at, const char *text) {
+        sqlite3_bind_text(statement_, at, text, -1, SQLITE_STATIC);
+    }
+    void bind(int at, long long number) { sqlite3_bind_int64(statement_, at, number); }
+    // An SQLite result code: SQLITE_ROW while there are rows, SQLITE_DONE at the end.
+    int step() { return statement_ ? sqlite3_step(statement_) : SQLITE_ERROR; }
+    bool step_to_row() { return step() == SQLITE_ROW; }
+    int number(int column) const { return sqlite3_column_int(statement_, column); }
+    // "" for a null.
+    const char *text(int column) const {
+        const unsigned char *text = sqlite3_column_text(statement_, column);
+        return text ? reinterpret_cast<const char *>(text) : "";
+    }
+};
 
 // Runs statements that may fail without harm.
 void attempt(sqlite3 *db, const char *sql) {
     sqlite3_exec(db, sql, nullptr, nullptr, nullptr);
+}
+
+// Whether commits append to the log without waiting for the disk, but where they are told to.
+bool commits_lazily;
+
+// Whether commits wait for the disk. Not within a transaction. Whoever turns it on turns it off
+// again; a rollback journal does so all the time.
+bool set_full_sync(sqlite3 *db, bool on) {
+    return !commits_lazily ||
+           sqlite3_exec(db, on ? "pragma synchronous=full" : "pragma synchronous=normal", nullptr,
+                        nullptr, nullptr) == SQLITE_OK;
 }
 
 // The connection for the life of a scope. Meanwhile no other thread can close it, replace the
@@ -166,35 +201,27 @@ class Connection {
     sqlite3 *const db_ = hold_.get();
     int refusal_ = SQLITE_OK;
 
+    static void bind(Prepared &, int &, Table) {}
+    template <typename Value>
+    static void bind(Prepared &statement, int &at, Value value) {
+        statement.bind(++at, value);
+    }
     static const char *table_of(Table table) { return table.name; }
     template <typename Value>
     static const char *table_of(Value) {
         return nullptr;
     }
-    static void bind(sqlite3_stmt *, int &, Table) {}
-    static void bind(sqlite3_stmt *statement, int &at, const char *text) {
-        sqlite3_bind_text(statement, ++at, text, -1, SQLITE_STATIC);
-    }
-    static void bind(sqlite3_stmt *statement, int &at, long long number) {
-        sqlite3_bind_int64(statement, ++at, number);
-    }
 
   public:
-    // The same as prepare(Statement(format, values...)), for a format that recurs; `sql` is that
-    // statement. The values must outlive the result.
-    template <typename... Values>
-    Running recur(const Statement &sql, const char *format, Values... values) {
-        refusal_ = db_ ? sql.refusal() : SQLITE_CANTOPEN;
-        if (refusal_ != SQLITE_OK)
-            return nullptr;
-        const char *table = "";
-        ((table = table_of(values) ? table_of(values) : table), ...);
-        Running statement(compile_once(db_, format, table));
-        [[maybe_unused]] int at = 0; // some have no values
-        if (statement)
-            (bind(statement.get(), at, values), ...);
-        return statement;
+    // Why the last statement failed.
+    const char *message() const {
+        return refusal_ == SQLITE_OK ? sqlite3_errmsg(db_) : sqlite3_errstr(refusal_);
     }
+    int code() const { return refusal_ == SQLITE_OK ? sqlite3_errcode(db_) : refusal_; }
+    bool is_locked_out() const { return code() == SQLITE_BUSY; }
+    bool set_full_sync(bool on) { return !db_ || ::set_full_sync(db_, on); }
+    long long last_row_id() const { return sqlite3_last_insert_rowid(db_); }
+
     // Null on failure. Whatever follows the first statement of a text is not compiled.
     Prepared prepare(const Statement &sql) {
         refusal_ = db_ ? sql.refusal() : SQLITE_CANTOPEN;
@@ -204,14 +231,24 @@ class Connection {
         return Prepared(statement);
     }
     bool run(const Statement &sql) {
-        const Prepared statement = prepare(sql);
-        return statement && sqlite3_step(statement.get()) == SQLITE_DONE;
+        Prepared statement = prepare(sql);
+        return statement && statement.step() == SQLITE_DONE;
     }
-    // Why the last prepare() or run() failed.
-    const char *message() const {
-        return refusal_ == SQLITE_OK ? sqlite3_errmsg(db_) : sqlite3_errstr(refusal_);
+    // The same for a statement that recurs, and whose text with the values is `sql`. The values
+    // must outlive the result.
+    template <typename... Values>
+    Prepared prepare(const Recurring &recurring, const Statement &sql, Values... values) {
+        refusal_ = db_ ? sql.refusal() : SQLITE_CANTOPEN;
+        if (refusal_ != SQLITE_OK)
+            return Prepared();
+        const char *table = "";
+        ((table = table_of(values) ? table_of(values) : table), ...);
+        Prepared statement(compile_once(db_, recurring, table), true);
+        [[maybe_unused]] int at = 0; // some have no values
+        if (statement)
+            (bind(statement, at, values), ...);
+        return statement;
     }
-    long long last_row_id() const { return sqlite3_last_insert_rowid(db_); }
     void end_transaction() {
         if (db_ && !sqlite3_get_autocommit(db_))
             attempt(db_, "commit");
@@ -230,39 +267,17 @@ class Connection {
     va_end(values);
 }
 
-bool step_to_row(const Prepared &statement) {
-    return sqlite3_step(statement.get()) == SQLITE_ROW;
-}
-
-// The first column of the row; "" for a null.
-const char *first_text(const Prepared &statement) {
-    const auto *text = reinterpret_cast<const char *>(sqlite3_column_text(statement.get(), 0));
-    return text ? text : "";
-}
-
-void report_failure(const Connection &connection, const Statement &sql) {
+bool report_failure(const Connection &connection, const Statement &sql) {
     syslog(LOG_ERR, "Couldn't execute sql statement: %s, %s", connection.message(), sql.text());
+    return false;
 }
 
 // Runs a statement that recurs and whose failure is reported with the message and the statement.
 template <typename... Values>
-bool execute(Connection &connection, const char *format, Values... values) {
-    const Statement sql(format, values...);
-    {
-        const Running statement = connection.recur(sql, format, values...);
-        if (statement && sqlite3_step(statement.get()) == SQLITE_DONE)
-            return true;
-    }
-    report_failure(connection, sql);
-    return false;
-}
-
-// The same for one that is rarely run.
-bool run_or_report(Connection &connection, const Statement &sql) {
-    if (connection.run(sql))
-        return true;
-    report_failure(connection, sql);
-    return false;
+bool execute(Connection &connection, const Recurring &recurring, Values... values) {
+    const Statement sql(recurring.text, values...);
+    return connection.prepare(recurring, sql, values...).step() == SQLITE_DONE ||
+           report_failure(connection, sql);
 }
 
 // Prepares a query whose failure is reported with the message alone.
@@ -273,70 +288,187 @@ Prepared query(Connection &connection, const Statement &sql) {
     return statement;
 }
 
-// --- the file ------------------------------------------------------------------------------------
+// --- waiting for other processes -----------------------------------------------------------------
 
-// SQLite asks this whether to try again. Its caller has the connection to itself.
-int wait_for_other_process(void *, int tries) {
-    static int64_t begin, in_vain = -BUSY_PAUSE_MS;
-    timespec clock;
-    clock_gettime(CLOCK_MONOTONIC, &clock);
-    const int64_t now = int64_t{clock.tv_sec} * 1000 + clock.tv_nsec / 1000000;
+// Who is asking, which decides how long is waited. The holder of the connection sets it.
+enum class Patience { QUERY, START_UP, EDIT };
+Patience patience = Patience::QUERY;
+int64_t start_up_waited;
+
+bool may_start_up_wait(int64_t now, int tries) {
+    static int64_t before;
+    if (tries > 0)
+        start_up_waited += now - before;
+    before = now;
+    return start_up_waited < START_UP_WAIT_MS;
+}
+
+bool may_query_wait(int64_t now, int tries) {
+    static int64_t begin, in_vain = -PAUSE_AFTER_VAIN_WAIT_MS;
     if (tries == 0)
         begin = now;
-    if (now - in_vain < BUSY_PAUSE_MS)
-        return 0;
-    if (now - begin < BUSY_TIMEOUT_MS)
-        return sqlite3_sleep(2);
+    if (now - in_vain < PAUSE_AFTER_VAIN_WAIT_MS)
+        return false;
+    if (now - begin < QUERY_WAIT_MS)
+        return true;
     in_vain = now;
-    return 0;
+    return false;
 }
+
+// SQLite asks this whether to try again. Its caller has the connection to itself. An edit never
+// waits here: store_edit() gives the connection back meanwhile.
+int wait_for_other_process(void *, int tries) {
+    const int64_t now = monotonic_ms();
+    const bool again = patience == Patience::START_UP ? may_start_up_wait(now, tries)
+                       : patience == Patience::QUERY  ? may_query_wait(now, tries)
+                                                      : false;
+    if (again)
+        usleep(BUSY_STEP_US);
+    return again;
+}
+
+// --- the file ------------------------------------------------------------------------------------
 
 // Whether the database is in journal mode `mode` after an attempt to put it there.
 bool set_journal_mode(sqlite3 *db, const char *mode) {
     const Statement sql("pragma journal_mode=%s", mode);
     sqlite3_stmt *statement = nullptr;
     sqlite3_prepare_v3(db, sql.text(), -1, 0, &statement, nullptr);
-    const Prepared owner(statement);
-    if (!statement || !step_to_row(owner))
-        return false;
-    return strcmp(first_text(owner), mode) == 0;
+    Prepared pragma(statement);
+    return pragma.step_to_row() && strcmp(pragma.text(0), mode) == 0;
 }
 
-// Whether the file system takes the shared writable mapping that the index of a write-ahead log
-// lives in; JFFS2 refuses it. Asked of the file itself before the journal mode is touched: a mode
-// switch that fails half-way leaves a file that can no longer be read. Must come before the first
-// statement, because the mapping that it ends could be that of a log in use.
-bool can_share_memory(sqlite3 *db) {
-    constexpr int INDEX_REGION_BYTES = 32 * 1024;
-    sqlite3_file *file = nullptr;
-    sqlite3_file_control(db, "main", SQLITE_FCNTL_FILE_POINTER, &file);
-    const sqlite3_io_methods *methods = file ? file->pMethods : nullptr;
-    if (!methods || methods->iVersion < 2 || !methods->xShmMap)
+// Whether the file system takes a write-ahead log, whose index lives in a shared writable mapping;
+// JFFS2 refuses that. Tried on a file of its own: a mode switch that fails half-way leaves a file
+// that can no longer be read, and what another process does with the database does not matter here.
+bool can_keep_log(sqlite3 *db) {
+    const char *file = sqlite3_db_filename(db, "main");
+    if (!file || !*file)
         return false;
-    void volatile *region = nullptr;
-    const int result = methods->xShmMap(file, 0, INDEX_REGION_BYTES, 1, &region);
-    methods->xShmUnmap(file, 0);
-    return result == SQLITE_OK;
+    char probe[PATH_MAX];
+    snprintf(probe, sizeof probe, "%s-probe", file);
+    sqlite3 *probed = nullptr;
+    bool can = sqlite3_open(probe, &probed) == SQLITE_OK;
+    attempt(probed, "pragma synchronous=off");
+    can = can && set_journal_mode(probed, "wal") && // which opens the log with the next statement
+          sqlite3_exec(probed, "create table t(x)", nullptr, nullptr, nullptr) == SQLITE_OK;
+    sqlite3_close(probed);
+    for (const char *companion : {"", "-wal", "-shm", "-journal"}) {
+        snprintf(probe, sizeof probe, "%s-probe%s", file, companion);
+        unlink(probe);
+    }
+    return can;
 }
 
 // Uses a rollback journal, also for a file that was put into write-ahead mode elsewhere: with
 // exclusive locking from the first access on, SQLite keeps the log's index on the heap, so that it
 // can copy the log back and convert the file. The read at the end gives the lock back.
-void use_rollback_journal(sqlite3 *db) {
+const char *use_rollback_journal(sqlite3 *db) {
     attempt(db, "pragma locking_mode=exclusive");
     const bool done = set_journal_mode(db, "truncate");
+    const char *result = done ? "using a rollback journal" : sqlite3_errmsg(db);
     if (done) {
-        // What the attempt to map it left. Nobody can be using it while this lock is held.
+        // What a system with such mappings left. Nobody can be using it while this lock is held.
         char index[PATH_MAX];
         snprintf(index, sizeof index, "%s-shm", sqlite3_db_filename(db, "main"));
         unlink(index);
     }
+    return result;
+}
+
+void choose_journal(sqlite3 *db) {
+    commits_lazily = false;
+    const bool wanted = can_keep_log(db);
+    if (wanted && set_journal_mode(db, "wal")) {
+        // A commit appends to the log without waiting for the flash. A power failure can take the
+        // last rows away but cannot damage the file; a killed process loses nothing.
+        commits_lazily = true;
+        attempt(db, "pragma synchronous=normal; pragma wal_autocheckpoint=256;"
+                    "pragma journal_size_limit=1048576");
+        return;
+    }
+    // A lock that outlasted the wait leaves the journal as it is: taking the file for ourselves
+    // would fail for the same reason.
     syslog(LOG_INFO, "Stats database without write-ahead log, %s",
-           done ? "using a rollback journal" : sqlite3_errmsg(db));
-    attempt(db, "pragma locking_mode=normal; select count(*) from sqlite_master");
+           wanted ? sqlite3_errmsg(db) : use_rollback_journal(db));
+    attempt(db, wanted ? "pragma journal_mode=truncate"
+                       : "pragma locking_mode=normal; select count(*) from sqlite_master");
+}
+
+// --- edits ---------------------------------------------------------------------------------------
+
+// The edit that the calling thread makes, null for a query's thread.
+thread_local const EntryEdit *own_edit;
+
+// The edit that is under way, for all threads.
+pthread_mutex_t edit_lock = PTHREAD_MUTEX_INITIALIZER;
+const EntryEdit *edit_under_way;
+
+std::atomic<bool> edits_must_end;
+std::atomic<bool> edit_was_in_vain;
+
+bool is_edit_over(int64_t begin) {
+    if (edits_must_end)
+        return true;
+    if (monotonic_ms() - begin < (edit_was_in_vain ? EDIT_WAIT_AFTER_VAIN_MS : EDIT_WAIT_MS))
+        return false;
+    edit_was_in_vain = true;
+    return true;
+}
+
+// Runs `step(connection)`, which returns whether it worked; a failure is passed to
+// `report(connection)`. In an edit a step is synchronised fully and, when another process holds the
+// file, repeated; between two attempts the connection is free for others.
+template <typename Step, typename Report>
+bool change(Step step, Report report) {
+    const int64_t begin = monotonic_ms();
+    for (;; usleep(EDIT_STEP_US)) {
+        Connection connection;
+        if (!own_edit)
+            return step(connection) || (report(connection), false);
+        const Patience before = std::exchange(patience, Patience::EDIT);
+        const bool done = connection.set_full_sync(true) && step(connection);
+        const bool failed = !done && (!connection.is_locked_out() || is_edit_over(begin));
+        if (failed)
+            report(connection);
+        connection.set_full_sync(false);
+        patience = before;
+        if (done)
+            edit_was_in_vain = false;
+        if (done || failed)
+            return done;
+    }
 }
 
 } // namespace
+
+EntryEdit::EntryEdit(const char *table, const char *frag) : table_(table), frag_(frag) {
+    own_edit = this;
+    const MutexGuard guard(edit_lock);
+    edit_under_way = this;
+}
+
+EntryEdit::~EntryEdit() {
+    own_edit = nullptr;
+    const MutexGuard guard(edit_lock);
+    edit_under_way = nullptr;
+}
+
+bool EntryEdit::concerns(const char *table, std::string_view frag) const {
+    return table_ && frag_ && strcmp(table, table_) == 0 &&
+           frag == std::string_view(frag_, strcspn(frag_, "\n"));
+}
+
+static bool is_being_edited(const char *table, const char *frag) {
+    const MutexGuard guard(edit_lock);
+    return edit_under_way && edit_under_way->concerns(table, frag);
+}
+
+void end_edits() {
+    edits_must_end = true;
+}
+
+// --- opening and closing -------------------------------------------------------------------------
 
 DatabaseHold::DatabaseHold() {
     pthread_mutex_lock(&handle_lock.mutex);
@@ -362,19 +494,18 @@ int open_database(const char *file, sqlite3 **db) {
     if (result != SQLITE_OK)
         return result;
     sqlite3_busy_handler(*db, wait_for_other_process, nullptr);
-    // A commit appends to the log without waiting for the flash. A power failure can take the last
-    // rows away but cannot damage the file; a killed process loses nothing.
-    if (can_share_memory(*db) && set_journal_mode(*db, "wal"))
-        attempt(*db, "pragma synchronous=normal; pragma wal_autocheckpoint=256;"
-                     "pragma journal_size_limit=1048576");
-    else
-        use_rollback_journal(*db);
+    choose_journal(*db);
     // In kibibytes: the router has 64 MB, and the tables are read by their keys.
     attempt(*db, "pragma cache_size=-512");
     return SQLITE_OK;
 }
 
-int init_stats() {
+int open_stats_database() {
+    {
+        const MutexGuard guard(handle_lock);
+        patience = Patience::START_UP;
+        start_up_waited = 0;
+    }
     const OwnedText location(get_stats_db_location());
     if (location) {
         syslog(LOG_DEBUG, "Stats Database Location: %s", location.get());
@@ -395,14 +526,16 @@ int init_stats() {
     if (result == SQLITE_OK) {
         syslog(LOG_DEBUG, "Success opening stats database %s", file);
         syslog(LOG_INFO, "Successfully opened stats database");
-        create_stats_summary_table();
-        reload_stats();
     } else {
         syslog(LOG_ERR, "Error opening stats database %s, %s", file,
                db ? sqlite3_errmsg(db) : sqlite3_errstr(result));
     }
-    create_traffic_table();
     return result == SQLITE_OK;
+}
+
+void end_start_up_waits() {
+    const MutexGuard guard(handle_lock);
+    patience = Patience::QUERY;
 }
 
 void close_database() {
@@ -508,14 +641,14 @@ int create_frag_key(const char *key, int opt, const char *table) {
             : Statement("replace into %s ('frag', 'disabled', 'opt') values('%s', 0, %d)",
                         Table{table}, frag, opt);
     syslog(LOG_DEBUG, "SQL Key insert: %s", sql.text());
-    Connection connection;
-    if (!connection.run(sql)) {
-        syslog(LOG_ERR, "SQL error inserting list key %s into %s: %s", frag, table,
-               connection.message());
-        return 0;
-    }
-    syslog(LOG_DEBUG, "Inserted %s into %s", frag, table);
-    return 1;
+    const bool done = change([&](Connection &connection) { return connection.run(sql); },
+                             [&](const Connection &connection) {
+                                 syslog(LOG_ERR, "SQL error inserting list key %s into %s: %s",
+                                        frag, table, connection.message());
+                             });
+    if (done)
+        syslog(LOG_DEBUG, "Inserted %s into %s", frag, table);
+    return done;
 }
 
 int remove_frag_key(const char *key, const char *table) {
@@ -523,67 +656,146 @@ int remove_frag_key(const char *key, const char *table) {
         return 0;
     const Statement sql("update %s set disabled=true where frag='%s'", Table{table}, key);
     trace("SQL Key remove: %s", sql.text());
-    Connection connection;
-    if (!connection.run(sql)) {
-        syslog(LOG_ERR, "SQL error deactivating list key %s into %s: %s", key, table,
-               connection.message());
-        return 0;
+    const bool done = change([&](Connection &connection) { return connection.run(sql); },
+                             [&](const Connection &connection) {
+                                 syslog(LOG_ERR, "SQL error deactivating list key %s into %s: %s",
+                                        key, table, connection.message());
+                             });
+    if (done)
+        trace("Disabled %s in %s", key, table);
+    return done;
+}
+
+// Steps to the row of get_frag_by_id(). False when the statement failed; no row leaves `frag` null.
+static bool read_frag(Prepared statement, OwnedText &frag) {
+    if (!statement)
+        return false;
+    trace("get_frag_by_id was successful");
+    const int result = statement.step();
+    if (result != SQLITE_ROW)
+        return result == SQLITE_DONE;
+    trace("Stepped ok");
+    const char *text = statement.text(0);
+    if (*text) {
+        trace("Found frag record: %s", text);
+        frag.reset(strdup(text));
     }
-    trace("Disabled %s in %s", key, table);
-    return 1;
+    return true;
 }
 
 char *get_frag_by_id(long id, const char *table) {
     const Statement sql("select frag, opt from %s where id = %ld", Table{table}, id);
+    OwnedText frag;
+    change([&](Connection &connection) { return read_frag(connection.prepare(sql), frag); },
+           [&](const Connection &connection) {
+               syslog(LOG_ERR, "SQL error in get_frag_by_id %s, id: %ld: %s, SQL: %s",
+                      connection.message(), id, connection.message(), sql.text());
+           });
+    return frag.release();
+}
+
+int read_entries(const char *table, void (*take)(const char *frag, int opt, void *context),
+                 void *context) {
+    const Statement sql("select frag, opt from %s where disabled=false", Table{table});
+    trace("Sql %s", sql.text());
     Connection connection;
-    const Prepared statement = connection.prepare(sql);
-    if (!statement) {
-        syslog(LOG_ERR, "SQL error in get_frag_by_id %s, id: %ld: %s, SQL: %s",
-               connection.message(), id, connection.message(), sql.text());
-        return nullptr;
+    Prepared row = query(connection, sql);
+    if (!row)
+        return connection.is_locked_out() ? READ_LATER : 0;
+    syslog(LOG_DEBUG, "After check");
+    int result = SQLITE_ROW;
+    while ((result = row.step()) == SQLITE_ROW)
+        take(row.text(0), row.number(1), context);
+    if (result == SQLITE_DONE)
+        return 1;
+    syslog(LOG_ERR, "Failed to read list %s: %s", table, connection.message());
+    return connection.is_locked_out() ? READ_LATER : 0;
+}
+
+// --- the import of a list file -------------------------------------------------------------------
+
+static bool execute(sqlite3 *db, const char *sql) {
+    return sqlite3_exec(db, sql, nullptr, nullptr, nullptr) == SQLITE_OK;
+}
+
+EntryImport::EntryImport() {
+    sqlite3 *db = hold_.get();
+    begun_ = db && set_full_sync(db, true) && execute(db, "BEGIN");
+}
+
+EntryImport::~EntryImport() {
+    sqlite3 *db = hold_.get();
+    if (begun_ && !sqlite3_get_autocommit(db))
+        execute(db, "ROLLBACK");
+    if (db)
+        set_full_sync(db, false);
+}
+
+// Whether a record is to blame for its failed statement and not the database. A statement that was
+// refused for its values has left no error code behind.
+static bool is_record_failure(int code) {
+    switch (code & 0xff) {
+    case SQLITE_OK:
+    case SQLITE_ROW:
+    case SQLITE_DONE:
+    case SQLITE_TOOBIG:
+    case SQLITE_CONSTRAINT:
+    case SQLITE_MISMATCH:
+        return true;
+    default:
+        return false;
     }
-    trace("get_frag_by_id was successful");
-    if (!step_to_row(statement))
-        return nullptr;
-    trace("Stepped ok");
-    const char *frag = first_text(statement);
-    if (!*frag)
-        return nullptr;
-    trace("Found frag record: %s", frag);
-    return strdup(frag);
+}
+
+bool EntryImport::add(const char *key, int opt, const char *table) {
+    return create_frag_key(key, opt, table) || is_record_failure(sqlite3_errcode(hold_.get()));
+}
+
+bool EntryImport::commit() {
+    return execute(hold_.get(), "COMMIT");
+}
+
+const char *EntryImport::message() const {
+    return hold_.get() ? sqlite3_errmsg(hold_.get()) : sqlite3_errstr(SQLITE_CANTOPEN);
 }
 
 // --- hits and requests ---------------------------------------------------------------------------
 
 // The id of an entry; 0 when there is none. False when that could not be asked.
 static bool find_entry(Connection &connection, const char *table, const char *frag, long &id) {
-    static constexpr char FORMAT[] = "select id from %s where frag = '%s'";
-    const Running statement =
-        connection.recur(Statement(FORMAT, Table{table}, frag), FORMAT, Table{table}, frag);
-    const int result = statement ? sqlite3_step(statement.get()) : SQLITE_ERROR;
-    id = result == SQLITE_ROW ? sqlite3_column_int(statement.get(), 0) : 0;
-    // One that was compiled earlier fails here when its table is gone.
-    if (result == SQLITE_ERROR)
-        syslog(LOG_ERR, "Couldn't prepare sql statement: %s", connection.message());
-    return result != SQLITE_ERROR;
+    const Statement sql(FIND_ENTRY.text, Table{table}, frag);
+    Prepared statement = connection.prepare(FIND_ENTRY, sql, Table{table}, frag);
+    const int result = statement.step();
+    id = result == SQLITE_ROW ? statement.number(0) : 0;
+    if (result == SQLITE_ROW || result == SQLITE_DONE)
+        return true;
+    // One that was compiled earlier fails only here, when its table is gone or locked.
+    syslog(LOG_ERR, "Couldn't prepare sql statement: %s", connection.message());
+    return false;
 }
 
-// The three rows of one hit. The caller puts one transaction around them, since every commit costs
-// about as much as the rest; when one of them fails, those before it stay all the same.
+// Runs the begin or the commit around a hit's inserts. A failure is reported with the insert that
+// it keeps from being written.
+static bool frame(Connection &connection, const Recurring &recurring, const Statement &insert) {
+    return connection.prepare(recurring, Statement(recurring.text)).step() == SQLITE_DONE ||
+           report_failure(connection, insert);
+}
+
+// The three rows of one hit, in one transaction, since every commit costs about as much as the
+// rest. When one of them fails, the caller's end_transaction() keeps those before it.
 static bool insert_hit(Connection &connection, const char *table, long id, const char *fqdn,
                        const char *ip) {
-    if (!execute(connection, "insert into %s_stats ('frag_id', 'ip') values(%ld , '%s')",
-                 Table{table}, id, ip))
+    if (!frame(connection, BEGIN, Statement(INSERT_CLIENT.text, Table{table}, id, ip)) ||
+        !execute(connection, INSERT_CLIENT, Table{table}, id, ip))
         return false;
     const long long stats_id = connection.last_row_id();
     // A name seen before gets a fresh row; older hits keep the id of the row it had then.
-    if (!execute(connection, "insert or replace into %s_fqdn ('fqdn') values('%s')", Table{table},
-                 fqdn))
+    if (!execute(connection, INSERT_NAME, Table{table}, fqdn))
         return false;
     const long long fqdn_id = connection.last_row_id();
     trace("FQDN_ID: %lld", fqdn_id);
-    return execute(connection, "insert into %s_hit ('fqdn_id', 'stats_id') values(%lld, %lld)",
-                   Table{table}, fqdn_id, stats_id);
+    return execute(connection, INSERT_HIT, Table{table}, fqdn_id, stats_id) &&
+           frame(connection, COMMIT, Statement(INSERT_HIT.text, Table{table}, fqdn_id, stats_id));
 }
 
 int insert_list_record(const char *fqdn, const char *table, const char *frag, const char *ip) {
@@ -601,14 +813,17 @@ int insert_list_record(const char *fqdn, const char *table, const char *frag, co
     long id = 0;
     if (!find_entry(connection, table, frag, id))
         return 0;
+    if (id <= 0 && is_being_edited(table, frag)) {
+        syslog(LOG_DEBUG, "No row of %s for %s yet, hit not recorded", table, frag);
+        return 0;
+    }
     if (id <= 0) {
         syslog(LOG_ERR,
                "Stats record insert cannot locate %s record for frag: %s. This should never happen",
                table, frag);
         return 0;
     }
-    const bool done = execute(connection, "begin immediate") &&
-                      insert_hit(connection, table, id, fqdn, ip) && execute(connection, "commit");
+    const bool done = insert_hit(connection, table, id, fqdn, ip);
     connection.end_transaction();
     if (done)
         trace("Done doing the inserts");
@@ -617,21 +832,20 @@ int insert_list_record(const char *fqdn, const char *table, const char *frag, co
 
 int record_request(const char *fqdn, struct sockaddr_in client) {
     Connection connection;
-    return execute(connection, "insert into dns_traffic ('fqdn', 'ip') values('%s', '%s')", fqdn,
-                   socket2ip(client));
+    return execute(connection, INSERT_TRAFFIC, fqdn, socket2ip(client));
 }
 
 int64_t get_unique_client_count() {
     const Statement sql("select count(distinct ip) from dns_traffic");
     syslog(LOG_DEBUG, "Sql %s", sql.text());
     Connection connection;
-    const Prepared statement = query(connection, sql);
+    Prepared statement = query(connection, sql);
     if (!statement)
         return -1;
     int64_t count = 0;
-    if (step_to_row(statement)) {
+    if (statement.step_to_row()) {
         syslog(LOG_DEBUG, "Got a row of client count");
-        count = sqlite3_column_int(statement.get(), 0);
+        count = statement.number(0);
     }
     syslog(LOG_DEBUG, "Before finalising statement");
     syslog(LOG_DEBUG, "Done reading client count %lld", static_cast<long long>(count));
@@ -648,23 +862,33 @@ int insert_stats_summary_record(uint64_t requests, uint64_t blocked, uint64_t re
                         static_cast<long long>(resets), static_cast<long long>(errors));
     trace("%s", sql.text());
     Connection connection;
-    return run_or_report(connection, sql);
+    return connection.run(sql) || report_failure(connection, sql);
+}
+
+// Whether a table that could not be read may have rows all the same. There are none in a file that
+// is no database or could not be opened, nor in a table that is missing.
+static bool may_hold_rows(int code) {
+    return code != SQLITE_ERROR && code != SQLITE_NOTADB && code != SQLITE_CANTOPEN &&
+           code != SQLITE_MISUSE;
 }
 
 int get_stats_summary(uint64_t *requests, uint64_t *blocked, uint64_t *resets, uint64_t *errors) {
     const Statement sql("select * from summary order by id desc limit 1");
     trace("Sql %s", sql.text());
     Connection connection;
-    const Prepared statement = query(connection, sql);
+    Prepared statement = query(connection, sql);
     if (!statement)
-        return 0;
-    if (step_to_row(statement)) {
+        return may_hold_rows(connection.code()) ? READ_LATER : 0;
+    const int result = statement.step();
+    if (result == SQLITE_ROW) {
         trace("Got a row of stats");
         // Read as signed 32-bit numbers: a counter beyond 2147483647 comes back as another one.
         int column = 1;
         for (uint64_t *counter : {requests, blocked, resets, errors})
-            *counter =
-                static_cast<uint64_t>(int64_t{sqlite3_column_int(statement.get(), column++)});
+            *counter = static_cast<uint64_t>(int64_t{statement.number(column++)});
+    } else if (result != SQLITE_DONE) {
+        syslog(LOG_ERR, "Couldn't prepare sql statement: %s", connection.message());
+        return may_hold_rows(connection.code()) ? READ_LATER : 0;
     }
     syslog(LOG_DEBUG, "Before finalising statement");
     syslog(LOG_DEBUG, "Done reading stats");

@@ -2,11 +2,17 @@
 // names. It holds snapshots of the four counters (table summary), one row per recorded query
 // (dns_traffic), and for every filter list its entries and their hits (four tables per list).
 //
-// The server opens and closes it; the request path, the filter lists and the bus thread use it.
-// All work goes through the one connection oDNS.db, and each call has the connection to itself for
-// as long as it lasts, so every function here may be called from any thread. A row that a call
-// wrote is visible to other connections when the call returns. Without a working database every
-// call fails and logs; none of them crashes.
+// counters.cpp opens it, the server closes it; the request path, the filter lists and the bus
+// thread use it. All work goes through the one connection oDNS.db, and each call has the connection
+// to itself for as long as it lasts, so every function here may be called from any thread. A row
+// that a call wrote is visible to other connections when the call returns. Without a working
+// database every call fails and logs; none of them crashes.
+//
+// Another process may hold the file for a while, to back it up, say. How long is waited for it
+// depends on who asks. The start-up waits up to 10 seconds in all, since lists and totals that it
+// does not get are missing later. A query waits up to a second, with the connection in its hands;
+// after one such wait in vain nothing waits for ten seconds. An edit over the bus (EntryEdit) waits
+// up to 5 seconds, and for one second after a wait in vain, while others use the connection.
 //
 // All functions return 1 for success and 0 for failure unless said otherwise. Table names are the
 // lists' names: letters, digits and underscores. Values are pasted into statement texts of at most
@@ -15,16 +21,23 @@
 
 #include <cstdint>
 #include <netinet/in.h>
+#include <string_view>
 
 struct sqlite3;
 
-// Opens the database at its configured place and restores the counters. Main thread, at start.
-int init_stats();
+// Of what is read: it could not be, since another process holds the file, say, but may be later.
+inline constexpr int READ_LATER = -1;
+
+// Opens the database at its configured place as oDNS.db. Main thread, at start.
+int open_stats_database();
+
+// From now on queries are served, and no wait is one of the start-up any more. Main thread.
+void end_start_up_waits();
 
 // Opens `file` (created if missing; its directory is not) into `*db` and sets it up for many small
 // writes on flash: a write-ahead log, or a truncated rollback journal on file systems that allow
-// no shared mapping. Returns an SQLite result code; as with sqlite3_open() the caller closes `*db`
-// whatever the result.
+// no shared mapping, or for this run while another process keeps the file locked. Returns an SQLite
+// result code; as with sqlite3_open() the caller closes `*db` whatever the result.
 int open_database(const char *file, sqlite3 **db);
 
 // Closes oDNS.db, if set, and clears it. Unless another process has the file open, it is a plain
@@ -59,6 +72,48 @@ int remove_frag_key(const char *key, const char *table);
 // The text of the entry with this id, disabled or not: a heap copy for the caller, or null.
 char *get_frag_by_id(long id, const char *table);
 
+// An edit of the entry `frag` by the owner: while it lives, what the calling thread does with the
+// three functions above waits as edits do and is in the file for good when they return, whatever
+// happens to the power. A hit of that entry which finds no row of it is no error meanwhile, since
+// a list changes in memory first. One edit at a time; the texts must outlive it and may be null.
+class EntryEdit {
+    const char *table_;
+    const char *frag_;
+
+  public:
+    EntryEdit(const char *table, const char *frag);
+    ~EntryEdit();
+    EntryEdit(const EntryEdit &) = delete;
+    EntryEdit &operator=(const EntryEdit &) = delete;
+    bool concerns(const char *table, std::string_view frag) const;
+};
+
+// Ends the wait of an edit at once, and of all that follow. Main thread, at shutdown.
+void end_edits();
+
+// Passes each enabled entry to `take`, in the table's order; the texts may be empty and are gone
+// when it returns. Returns 1, 0, or READ_LATER when another process holds the file.
+int read_entries(const char *table, void (*take)(const char *frag, int opt, void *context),
+                 void *context);
+
+// The import of one list file: a transaction around its records, committed so that it survives a
+// power failure. The connection is the calling thread's meanwhile.
+class EntryImport {
+    const DatabaseHold hold_;
+    bool begun_;
+
+  public:
+    EntryImport();
+    ~EntryImport(); // takes back what was not committed
+    EntryImport(const EntryImport &) = delete;
+    EntryImport &operator=(const EntryImport &) = delete;
+    bool has_begun() const { return begun_; }
+    // create_frag_key(). False when the database failed, and not the record.
+    bool add(const char *key, int opt, const char *table);
+    bool commit();
+    const char *message() const; // why the last step failed
+};
+
 // Records that the entry `frag` decided a query for `fqdn` by the client with address `ip`. Does
 // nothing while record_traffic is 0.
 int insert_list_record(const char *fqdn, const char *table, const char *frag, const char *ip);
@@ -70,7 +125,8 @@ int record_request(const char *fqdn, struct sockaddr_in client);
 int insert_stats_summary_record(uint64_t requests, uint64_t blocked, uint64_t resets,
                                 uint64_t errors);
 
-// Reads the newest snapshot; the counters keep their values when there is none.
+// Reads the newest snapshot; the counters keep their values when there is none. Returns 1, 0, or
+// READ_LATER when there may be one that cannot be read now.
 int get_stats_summary(uint64_t *requests, uint64_t *blocked, uint64_t *resets, uint64_t *errors);
 
 // How many different clients dns_traffic names; -1 on failure.

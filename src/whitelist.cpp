@@ -1,92 +1,66 @@
 #include "whitelist.h"
 
-#include "config.h"
-#include "filterlist.h"
-#include "netutils.h"
-
-#include <climits>
-#include <cstdio>
-
-List *white_list;
-List *local_white_list;
-List *device_list;
-
-static const FilterList MAIN{white_list, _load_white_list};
-static const FilterList LOCAL{local_white_list, _load_local_white_list};
-static const FilterList DEVICES{device_list, _load_local_device_list};
-
-static int load(List *&variable, const char *format, const char *file) {
-    char path[PATH_MAX];
-    snprintf(path, sizeof path, format, oDNS.path, file);
-    return load_filter_list(variable, path);
+void init_white_list() {
+    load_if_missing(ListId::WHITE);
+    load_if_missing(ListId::LOCAL_WHITE);
 }
 
 int _load_white_list() {
-    return load(white_list, "%s/%s", "white.lst");
-}
-
-int _load_local_device_list() {
-    return load(device_list, "%s/local_%s", "device.lst");
+    return load_filter_list(ListId::WHITE);
 }
 
 int _load_local_white_list() {
-    const MutexGuard guard(list_loading);
-    const int result = load(local_white_list, "%s/local_%s", "white.lst");
-    _load_local_device_list();
-    return result;
+    return load_filter_list(ListId::LOCAL_WHITE);
 }
 
-void init_white_list() {
-    load_if_missing(MAIN);
-    load_if_missing(LOCAL);
+int _load_local_device_list() {
+    return load_filter_list(ListId::LOCAL_DEVICE);
 }
 
 void white_list_cleanup() {
-    unload(MAIN);
-    unload(LOCAL);
-    unload(DEVICES);
+    unload(ListId::WHITE);
+    unload(ListId::LOCAL_WHITE);
+    unload(ListId::LOCAL_DEVICE);
 }
 
-int is_whitelisted(const char *name, sockaddr_in client) {
+int is_whitelisted(const Query &query) {
     init_white_list();
-    const Query query{name, socket2ip(client)};
-    return is_hit(DEVICES, query, Subject::CLIENT, "%s is excluded device, forwarding %s") ||
-           is_hit(LOCAL, query, Subject::NAME, "%s locally whitelisted (%s)") ||
-           is_hit(MAIN, query, Subject::NAME, "%s whitelisted (%s)");
+    return try_list(ListId::LOCAL_DEVICE, query) || try_list(ListId::LOCAL_WHITE, query) ||
+           try_list(ListId::WHITE, query);
 }
 
 int add_white_list(const char *item, int opt) {
-    return add_to(MAIN, item, opt);
+    return add_to(ListId::WHITE, item, opt);
 }
 
 int add_local_white_list(const char *item, int opt) {
-    return add_to(LOCAL, item, opt);
+    return add_to(ListId::LOCAL_WHITE, item, opt);
 }
 
 int add_local_device_list(const char *item, int opt) {
-    return add_to(DEVICES, item, opt);
+    return add_to(ListId::LOCAL_DEVICE, item, opt);
 }
 
 int del_local_white_list(const char *item) {
-    return remove_from(LOCAL, item);
+    return remove_from(ListId::LOCAL_WHITE, item);
 }
 
 int del_local_device_list(const char *item) {
-    return remove_from(DEVICES, item);
+    return remove_from(ListId::LOCAL_DEVICE, item);
 }
 
 uint16_t get_white_list_size() {
-    return loaded_size(MAIN);
+    return loaded_size(ListId::WHITE);
 }
 
 uint16_t get_local_white_list_size() {
-    return loaded_size(LOCAL);
+    return loaded_size(ListId::LOCAL_WHITE);
 }
 
 uint16_t get_local_device_list_size() {
-    return loaded_size(DEVICES);
+    return loaded_size(ListId::LOCAL_DEVICE);
 }
 
 ListHold get_local_white_list() {
-    return ListHold(local_white_list);
+    return hold_list(ListId::LOCAL_WHITE);
 }

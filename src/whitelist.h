@@ -6,19 +6,12 @@
 // Any thread.
 #pragma once
 
-#include "list.h"
-
-#include <netinet/in.h>
-
-extern List *white_list;       // white.lst
-extern List *local_white_list; // local_white.lst
-extern List *device_list;      // local_device.lst
+#include "filterlist.h"
 
 // Loads the main list if its variable is null, then the local one if its is.
 void init_white_list();
 
-// Load a list afresh, in place of a loaded one. Loading the local list always loads the excluded
-// devices too. 1, or 0 when the table could not be read.
+// load_filter_list() of each list.
 int _load_white_list();
 int _load_local_white_list();
 int _load_local_device_list();
@@ -26,9 +19,9 @@ int _load_local_device_list();
 // Frees the three lists.
 void white_list_cleanup();
 
-// Whether the client is an excluded device or `name` is white-listed: 1 or 0. A hit is logged and
+// Whether the client is an excluded device or the name is white-listed: 1 or 0. A hit is logged and
 // recorded.
-int is_whitelisted(const char *name, sockaddr_in client);
+int is_whitelisted(const Query &query);
 
 // Results are those of add_to() and remove_from(). add_white_list() has no caller in the daemon.
 int add_white_list(const char *item, int opt);

@@ -66,7 +66,7 @@ std::string set_up() {
     check(create_traffic_table() && pthread_mutex_init(&lock, nullptr) == 0);
     init_black_list();
     init_white_list();
-    black_list->index_at = 1;
+    black_list.load()->index_at = 1;
     check(rmdir(directory) == 0); // the files were taken
     return fixed_rows();
 }

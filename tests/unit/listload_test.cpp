@@ -155,12 +155,12 @@ TEST_F(ListLoadTest, EditsReachListAndTable) {
     EXPECT_EQ(add_local_device_list("10.0.0.1", 4), LIST_OK);
     const ListHold old(device_list);
     EXPECT_EQ(del_local_white_list("nothing"), LIST_NOT_FOUND);
-    EXPECT_NE(old.get(), device_list);
+    EXPECT_NE(old.get(), device_list.load());
     EXPECT_EQ(chain(old.get()), chain(device_list));
     // What was cleaned up is loaded again, with a file that came meanwhile.
     black_list_cleanup();
     write("new.example\n");
-    EXPECT_EQ(is_blacklisted("www.new.example", client("10.0.0.1")), 1);
+    EXPECT_EQ(is_blacklisted({"www.new.example", "10.0.0.1"}), 1);
 }
 
 // Lookups, edits and reloads at once: every lookup and every edit finds a whole list.
@@ -170,9 +170,9 @@ TEST_F(ListLoadTest, ThreadsShareTheLists) {
     std::atomic<int> wrong = 0;
     const auto look = [&wrong](const std::stop_token &stop) {
         while (!stop.stop_requested()) {
-            wrong += is_blacklisted("host-199.example", client("10.0.0.1")) != 1;
-            is_blacklisted("edited-7.example", client("10.0.0.1"));
-            is_whitelisted("free.example", client("10.0.0.1"));
+            wrong += is_blacklisted({"host-199.example", "10.0.0.1"}) != 1;
+            is_blacklisted({"edited-7.example", "10.0.0.1"});
+            is_whitelisted({"free.example", "10.0.0.1"});
         }
     };
     const auto reload = [](const std::stop_token &stop) {
