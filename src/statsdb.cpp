@@ -376,10 +376,18 @@ const char *use_rollback_journal(sqlite3 *db) {
     return result;
 }
 
+// SQLite itself waits for readers only, and not for a writer.
+bool switch_to_log(sqlite3 *db) {
+    for (int tries = 0; !set_journal_mode(db, "wal"); tries++)
+        if (sqlite3_errcode(db) != SQLITE_BUSY || !wait_for_other_process(nullptr, tries))
+            return false;
+    return true;
+}
+
 void choose_journal(sqlite3 *db) {
     commits_lazily = false;
     const bool wanted = can_keep_log(db);
-    if (wanted && set_journal_mode(db, "wal")) {
+    if (wanted && switch_to_log(db)) {
         // A commit appends to the log without waiting for the flash. A power failure can take the
         // last rows away but cannot damage the file; a killed process loses nothing.
         commits_lazily = true;

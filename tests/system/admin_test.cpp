@@ -2,6 +2,8 @@
 // daemon's behaviour around it.
 #include "bus.h"
 
+#include <sqlite3.h>
+
 #include <fnmatch.h>
 #include <sys/resource.h>
 
@@ -36,6 +38,24 @@ std::string message(const std::string &text) {
 std::string page(const std::string &max, const std::string &records, const std::string &items) {
     return R"({"max_records":")" + max + R"(","records":")" + records + R"(","list_items":{)" +
            items + "}}\n";
+}
+
+// An edit that waits for another process ends with the daemon, and says what it could not do.
+TEST_F(Admin, AShutdownEndsAnEditsWait) {
+    start();
+    sqlite3 *other = nullptr;
+    ASSERT_EQ(sqlite3_open("/etc/vantrelle/vantrelle.db", &other), SQLITE_OK);
+    ASSERT_EQ(sqlite3_exec(other, "begin immediate", nullptr, nullptr, nullptr), SQLITE_OK);
+    Connection connection;
+    connection.start("add", R"({"list":"bl","pattern":"late.example"})");
+    connection.serve(300);
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(daemon->stop(), 0);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(3500));
+    EXPECT_EQ(log_priority("SQL error inserting list key late.example into local_black: "
+                           "database is locked"),
+              3);
+    sqlite3_close(other);
 }
 
 } // namespace

@@ -3,34 +3,48 @@
 
 namespace {
 
-// Stands in for a file system such as JFFS2: the default file system layer, without shared memory.
+// Stands in for a file system such as JFFS2: the default file system layer, without shared memory
+// if it is limited. Counts what is synchronised.
 class LimitedVfs {
     static inline sqlite3_vfs *real_;
     static inline sqlite3_vfs limited_;
-    static inline const sqlite3_io_methods *real_methods_;
-    static inline sqlite3_io_methods methods_;
+    static inline const sqlite3_io_methods *real_methods_[2]; // of the file and of its log
+    static inline sqlite3_io_methods methods_[2];
+    static inline bool is_limited_;
 
+    template <bool IsLog>
+    static void put_ours_before(sqlite3_file *file) {
+        real_methods_[IsLog] = file->pMethods;
+        sqlite3_io_methods &ours = methods_[IsLog] = *file->pMethods;
+        ours.xSync = [](sqlite3_file *synced, int how) {
+            syncs++;
+            return real_methods_[IsLog]->xSync(synced, how);
+        };
+        if (is_limited_)
+            ours.xShmMap = [](sqlite3_file *mapped, auto... rest) {
+                real_methods_[IsLog]->xShmMap(mapped, rest...); // the file itself can be made
+                return SQLITE_IOERR_SHMMAP;
+            };
+        file->pMethods = &ours;
+    }
     static int open(sqlite3_vfs *, const char *name, sqlite3_file *file, int flags, int *out) {
         const int result = real_->xOpen(real_, name, file, flags, out);
-        if (result != SQLITE_OK || !(flags & SQLITE_OPEN_MAIN_DB))
-            return result;
-        real_methods_ = file->pMethods;
-        methods_ = *real_methods_;
-        methods_.xShmMap = [](sqlite3_file *mapped, auto... rest) {
-            real_methods_->xShmMap(mapped, rest...); // the file itself can be made
-            return SQLITE_IOERR_SHMMAP;
-        };
-        file->pMethods = &methods_;
+        if (result == SQLITE_OK && flags & SQLITE_OPEN_MAIN_DB)
+            put_ours_before<false>(file);
+        if (result == SQLITE_OK && flags & SQLITE_OPEN_WAL)
+            put_ours_before<true>(file);
         return result;
     }
 
   public:
+    static inline int syncs;
     explicit LimitedVfs(bool limited) {
+        is_limited_ = limited;
         real_ = sqlite3_vfs_find("unix");
         limited_ = *real_;
         limited_.zName = "limited";
         limited_.xOpen = open;
-        sqlite3_vfs_register(&limited_, limited);
+        sqlite3_vfs_register(&limited_, 1);
     }
     ~LimitedVfs() {
         sqlite3_vfs_unregister(&limited_);
@@ -96,6 +110,24 @@ TEST_P(JournalTest, RowsWaitForAnotherWriter) {
         sqlite3_close(other);
     });
     EXPECT_EQ(insert_stats_summary_record(1, 1, 1, 1), 1);
+}
+
+// Rows do not wait for the disk where there is a log; what the owner edits always does.
+TEST_P(JournalTest, EditsAreSynchronised) {
+    open_with_tables();
+    const auto syncs_of = [](auto action) {
+        LimitedVfs::syncs = 0;
+        EXPECT_EQ(action(), 1);
+        return LimitedVfs::syncs;
+    };
+    const auto row = [] { return insert_stats_summary_record(1, 1, 1, 1); };
+    EXPECT_EQ(syncs_of(row) > 0, limited);
+    EXPECT_GT(syncs_of([] {
+                  const EntryEdit edit("black", "ads");
+                  return create_frag_key("ads", 0, "black");
+              }),
+              0);
+    EXPECT_EQ(syncs_of(row) > 0, limited);
 }
 
 INSTANTIATE_TEST_SUITE_P(Limited, JournalTest, testing::Bool(), testing::PrintToStringParamName());

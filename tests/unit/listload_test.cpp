@@ -8,6 +8,8 @@
 #include "whitelist.h"
 
 #include <atomic>
+#include <chrono>
+#include <functional>
 #include <sys/stat.h>
 #include <syslog.h>
 
@@ -115,6 +117,94 @@ TEST_F(ListLoadTest, AFailedImportKeepsTheFile) {
     close_database();
     EXPECT_EQ(load(0), "");
     EXPECT_TRUE(fs::exists(list_file));
+}
+
+// What somebody does with the file while its second record is read.
+TEST_F(ListLoadTest, AFileThatChangesIsLeftAndOneThatVanishesIsImported) {
+    static int seen;
+    static std::function<void()> meddle;
+    const auto hook = [](void *, int, const char *, const char *, sqlite3_int64) {
+        if (++seen == 2)
+            meddle();
+    };
+    sqlite3_update_hook(oDNS.db, hook, nullptr);
+    const std::string changed = "t: Failed to import list file " + list_file.string() +
+                                ", leaving it: it changed meanwhile\n";
+    const struct {
+        std::function<void()> meddle;
+        const char *rows;
+        std::string logged;
+    } cases[] = {
+        {[&] { std::ofstream(list_file, std::ios::app) << "s.example\n"; }, "0\n", changed},
+        {[&] { fs::rename(list_file, directory / "old"), write_lines(1); }, "0\n", changed},
+        {[&] { fs::remove(list_file); }, "2\n",
+         "t: Error 2 deleting file " + list_file.string() + "\n"},
+    };
+    set_logged_priorities(LOG_UPTO(LOG_ERR));
+    for (const auto &each : cases) {
+        seen = 0;
+        meddle = each.meddle;
+        write("www.example\nad");
+        testing::internal::CaptureStderr();
+        openlog("t", LOG_PERROR, LOG_LOCAL0);
+        load();
+        openlog("t", 0, LOG_LOCAL0);
+        closelog();
+        EXPECT_EQ(testing::internal::GetCapturedStderr(), each.logged);
+        EXPECT_EQ(row_count(), each.rows);
+        EXPECT_EQ(fs::exists(list_file), each.logged == changed);
+    }
+}
+
+TEST_F(ListLoadTest, MissingCompanionTablesKeepNoFileOut) {
+    for (const char *sql : {"drop table black_stats", "create index black_stats on summary(req)"})
+        sqlite3_exec(oDNS.db, sql, nullptr, nullptr, nullptr);
+    write_lines(2);
+    EXPECT_EQ(load(), "host-0.example:4 host-1.example:4 ");
+    EXPECT_FALSE(fs::exists(list_file));
+}
+
+// Another process holds the file, and an edit waits for it. Meanwhile the connection is free, the
+// entry is in memory, and its hits are no errors.
+TEST_F(ListLoadTest, AnEditWaitsAndHoldsNothingUp) {
+    using std::chrono::steady_clock;
+    const auto seconds_of = [](const auto &action) {
+        const auto begin = steady_clock::now();
+        action();
+        return std::chrono::duration<double>(steady_clock::now() - begin).count();
+    };
+    init_black_list();
+    sqlite3 *other = nullptr;
+    sqlite3_open_v2(file.c_str(), &other, SQLITE_OPEN_READWRITE, "unix");
+    const auto hold = [&] { sqlite3_exec(other, "begin immediate", nullptr, nullptr, nullptr); };
+    hold();
+    int result = -1;
+    {
+        const std::jthread edit([&] { result = add_local_black_list("late.example", 4); });
+        const Query query{"late.example", "10.0.0.1"};
+        while (!is_blacklisted(query))
+            usleep(1000);
+        EXPECT_LT(seconds_of([&] {
+                      EXPECT_EQ(is_blacklisted(query), 1);
+                      EXPECT_EQ(get_unique_client_count(), 0);
+                      publish_list(local_black_list, nullptr); // as a reload would
+                      EXPECT_EQ(is_blacklisted(query), 0);
+                  }),
+                  0.5);
+        sqlite3_exec(other, "rollback", nullptr, nullptr, nullptr);
+    }
+    EXPECT_EQ(result, LIST_OK);
+    EXPECT_EQ(read("select frag, opt from local_black"), "late.example|4\n");
+    EXPECT_EQ(read("select count(*) from local_black_hit"), "0\n");
+    EXPECT_EQ(is_blacklisted({"late.example", "10.0.0.1"}), 1) << "the reloaded list has it too";
+    EXPECT_EQ(read("select count(*) from local_black_hit"), "1\n");
+    // In vain: five seconds for the first, one for those that follow, until one was stored.
+    hold();
+    for (const auto &[item, wait] : {std::pair("first", 5), {"second", 1}}) {
+        const double took = seconds_of([&] { EXPECT_EQ(add_local_black_list(item, 4), LIST_OK); });
+        EXPECT_TRUE(took >= wait && took < wait + 0.9) << took;
+    }
+    sqlite3_close(other);
 }
 
 TEST_F(ListLoadTest, AFailedImportTakesNoOtherRowBack) {
