@@ -64,6 +64,11 @@ call() { # method, arguments
 	answer=$(ubus -S call vantrelle "$@") || true
 	indent <<<"$answer"
 }
+# Shows rows of the database, which stay in $answer.
+query_database() { # statement
+	answer=$(sqlite3 -header -column "file:/etc/vantrelle/vantrelle.db?mode=ro" "$1") || true
+	indent <<<"$answer"
+}
 expect_answer() { # text, what it shows
 	grep -qF -- "$1" <<<"$answer" || fail "$2"
 	good "$2"
@@ -144,10 +149,10 @@ step_start() {
 	write_lists
 	mkdir /var/run/ubus
 	ubusd &
-	say "" "The settings come from /etc/config/vantrelle; vantrelled starts:"
+	say "" "The settings come from /etc/config/vantrelle; vantrelled starts (saying MIPS everywhere):"
 	start_daemon
 	grep -qx "nameserver 127.0.0.1" /etc/resolv.conf || fail "/etc/resolv.conf was not rewritten"
-	good "it listens on $ROUTER, and the router itself now asks it, too (/etc/resolv.conf)"
+	good "it listens on $ROUTER, and has written the router's own /etc/resolv.conf"
 }
 
 step_forward() {
@@ -164,6 +169,7 @@ step_block() {
 	say "The list files in /etc/vantrelle name ads.example and all below it:"
 	ask ads.example
 	expect_blocked "ads.example does not exist, says the router, and its address is nowhere"
+	say "Devices may remember such an answer for 1345 seconds."
 	ask www.tracker.example
 	expect_blocked "so it is with whatever lies below tracker.example"
 	ask shop.ads.example
@@ -192,20 +198,21 @@ step_live_edit() {
 step_statistics() {
 	title "What it remembers"
 	call stats
-	expect_answer '"blocked":4' "four answers were refused so far"
-	say "The database has each of them:"
-	local query="select l.frag, f.fqdn, s.ip from black_hit h
-		join black_fqdn f on f.id = h.fqdn_id join black_stats s on s.id = h.stats_id
-		join black l on l.id = s.frag_id"
-	answer=$(sqlite3 -header -column "file:/etc/vantrelle/vantrelle.db?mode=ro" "$query") || true
-	indent <<<"$answer"
-	expect_answer www.tracker.example "which pattern, which name, which device"
-	query="select fqdn, ip from dns_traffic order by id"
-	answer=$(sqlite3 -header -column "file:/etc/vantrelle/vantrelle.db?mode=ro" "$query") || true
-	indent <<<"$answer"
+	expect_answer '"blocked":4' "four of ten questions were refused so far (nothing counts block_rate: it is always 0)"
+	say "The database has each of the four:"
+	local list query=""
+	for list in black local_black blocked_device; do
+		query+="${query:+ union all }select s.timestamp, '$list' as list, l.frag, f.fqdn, s.ip
+			from ${list}_hit h join ${list}_fqdn f on f.id = h.fqdn_id
+			join ${list}_stats s on s.id = h.stats_id join $list l on l.id = s.frag_id"
+	done
+	query_database "select list, frag as pattern, fqdn, ip from ($query) order by timestamp"
+	(($(grep -c 192.168.8.2 <<<"$answer") == 4)) || fail "it does not have four"
+	expect_answer games.example "which list, which pattern, which name, which device"
+	query_database "select fqdn, ip from dns_traffic where ip <> '0.0.0.0' order by id"
 	expect_answer 192.168.8.22 "and what was passed on, to whom"
 	call clients
-	expect_answer '"clients"' "the neighbours that the router knows (here: none, all are one machine)"
+	expect_answer '"clients"' "the neighbours that the router knows (none here, where all are one machine)"
 }
 
 step_failover() {
@@ -257,28 +264,47 @@ step_stop() {
 	good "stopped in order"
 }
 
-# The frames since the start, the colour of each as a block and repetitions as one.
+# The frames since the start, the colours of each run as blocks. A run is one colour, or blue taking
+# turns with one other.
 step_leds() {
 	title "What the board's LEDs showed"
-	od -An -v -tu1 -w12 "$FRAMES" | awk -v colours="${bold:+1}" '
+	od -An -v -tu1 -w12 "$FRAMES" | awk -v blocks="${bold:+1}" '
 		BEGIN {
-			name["0 255 0"] = "green: starting"
-			name["255 240 0"] = "yellow: loading the lists"
-			name["255 0 0"] = "red: lists loaded, or a question refused"
-			name["0 0 255"] = "blue: ready, or a question passed on"
-			name["204 102 0"] = "orange: a DNS server did not answer"
-			name["0 0 0"] = "off"
+			meaning["0 255 0"] = "green: starting"
+			meaning["255 240 0"] = "yellow: loading the lists"
+			meaning["255 0 0"] = "red: lists loaded, or a refusal"
+			meaning[blue = "0 0 255"] = "blue: ready, or passed on"
+			meaning["204 102 0"] = "orange: no answer from a DNS server"
+			meaning["0 0 0"] = "off"
 		}
-		function show() {
-			block = colours ? sprintf("\033[48;2;%d;%d;%dm    \033[0m ", r, g, b) : ""
-			if (times)
-				printf "    %s%s%s\n", block, name[last], (times > 1 ? " (" times " times)" : "")
+		function shown(colour) { # how often, too
+			return meaning[colour] (times[colour] > 1 ? " (" times[colour] " times)" : "")
+		}
+		function block(colour) {
+			gsub(" ", ";", colour)
+			return blocks ? "\033[48;2;" colour "m    \033[0m " : ""
+		}
+		function end_run() {
+			if (first)
+				print "    " block(first) (second ? block(second) : "") shown(first) \
+					(second ? ", by turns with " shown(second) : "")
+			split("", times)
+		}
+		function may_join(colour) { # a run of one
+			return first == blue ? colour ~ /^(255 0|204 102) 0$/ : first ~ /^204/ && colour == blue
 		}
 		{
-			if ($1 " " $2 " " $3 != last) { show(); times = 0 }
-			times++; r = $1; g = $2; b = $3; last = r " " g " " b
+			colour = $1 " " $2 " " $3
+			if (!second && may_join(colour))
+				second = colour
+			if (colour != first && colour != second) {
+				end_run()
+				first = colour
+				second = ""
+			}
+			times[colour]++
 		}
-		END { show(); exit !(last == "0 0 0") }' || fail "the LEDs are not off at the end"
+		END { end_run(); exit !(first == "0 0 0") }' || fail "the LEDs are not off at the end"
 	good "off at the end"
 }
 
