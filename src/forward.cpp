@@ -16,6 +16,9 @@
 
 static constexpr int TIMEOUTS_BEFORE_SWITCH = 5;
 
+// Datagrams that are thrown away before a query is sent; more of them cost a fresh socket instead.
+static constexpr int MAX_DISCARDED = 64;
+
 void _open_upstream_dns_connection() {
     if (oDNS.upstreamfd >= 0) {
         syslog(LOG_WARNING, "Upstream DNS Socket is already open");
@@ -40,14 +43,31 @@ void _close_upstream_dns_connection() {
     oDNS.upstreamfd = -1;
 }
 
+static void replace_upstream_socket() {
+    _close_upstream_dns_connection();
+    usleep(500);
+    _open_upstream_dns_connection();
+}
+
 // A fresh socket, so that a late answer to one query is never read as the answer to the next.
 static void reset_dns_connection() {
     syslog(LOG_DEBUG, "Reset upstream DNS connection");
     multi_led_orange();
     update_stats(0, 0, 1, 0);
-    _close_upstream_dns_connection();
-    usleep(500);
-    _open_upstream_dns_connection();
+    replace_upstream_socket();
+}
+
+// Empties the socket: what came before a query was sent, be it an answer's duplicate or a packet
+// that nobody asked for, would otherwise be read as the answer to it, and shift all that follow.
+static void discard_what_came_before() {
+    char byte;
+    int discarded = 0;
+    while (recv(oDNS.upstreamfd, &byte, sizeof byte, MSG_DONTWAIT) >= 0)
+        if (++discarded > MAX_DISCARDED) {
+            syslog(LOG_DEBUG, "Replacing the upstream socket, too much came unasked");
+            replace_upstream_socket();
+            return;
+        }
 }
 
 void switch_dns() {
@@ -116,6 +136,7 @@ void forward_request(const uint8_t *message, int32_t length, sockaddr_in client)
     upstream.sin_port = htons(static_cast<uint16_t>(oDNS.port));
     upstream.sin_addr.s_addr = upstream_address(oDNS.current_dns);
     syslog(LOG_DEBUG, "s_addr size:  %d, req_size: %d", static_cast<int>(sizeof upstream), length);
+    discard_what_came_before();
     const ssize_t sent = send_datagram(oDNS.upstreamfd, message, length, upstream);
     if (sent < 0) {
         syslog(LOG_ERR, "[%lu] Sendto Error: %s %d\n", static_cast<unsigned long>(pthread_self()),

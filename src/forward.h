@@ -15,7 +15,7 @@ void _open_upstream_dns_connection();
 void _close_upstream_dns_connection();
 
 // Passes a query to the current upstream resolver, waits dns_timeout milliseconds and relays the
-// answer unchanged. Worker.
+// answer unchanged: the first datagram that comes once the query is sent. Worker.
 void forward_request(const uint8_t *message, int32_t length, sockaddr_in client);
 
 // Moves to the next upstream slot in the ring, whether it answers or not. Worker.

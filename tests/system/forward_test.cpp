@@ -70,6 +70,34 @@ TEST_F(ForwardTest, AnAnswerClearsTheCountAndLateOnesReachNobody) {
     EXPECT_EQ(log_count("Switching") + secondary.count(), 0U);
 }
 
+TEST_F(ForwardTest, WhatCameBeforeAQueryIsNotItsAnswer) {
+    // So many queries, and behind the answer to each as many copies of it.
+    constexpr struct {
+        int queries, copies;
+    } rounds[] = {{1, 1},  {300, 0}, {300, 1},  {1, 64}, {300, 0},
+                  {1, 65}, {300, 0}, {1, 3000}, {300, 0}};
+    configure({{"log_level", "7"}});
+    Daemon daemon;
+    std::optional<Upstream> primer(1);
+    Daemon::prime();
+    primer.reset();
+    const Socket server("10.53.0.1", 53);
+    const Client client;
+    uint16_t id = 0;
+    for (const auto &[queries, copies] : rounds)
+        for (int asked = 0; asked < queries; asked++) {
+            sockaddr_in from{};
+            client.send(query("own.example", ++id));
+            ASSERT_TRUE(server.receive(3000, &from));
+            for (int copy = 0; copy <= copies; copy++)
+                server.send_to(query("own.example", id), from);
+            ASSERT_EQ(id_of(client.receive().value_or("")), id) << copies;
+        }
+    EXPECT_EQ(log_count("Upsteam socket fd is"), 3U) << "a new socket behind more than 64 copies";
+    daemon.signal(SIGUSR2);
+    EXPECT_TRUE(wait_for_log("Connection Reset Count: 0"));
+}
+
 TEST_F(ForwardTest, PassesEveryByteAndCutsAt512) {
     constexpr struct {
         size_t asked, passed_up, answered, relayed;
