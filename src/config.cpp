@@ -39,6 +39,16 @@ static void reset_state() {
     oDNS.start_time = time(nullptr);
 }
 
+// A negative time-out would wait for ever; -1 is taken for a missing one already.
+static int read_dns_timeout() {
+    constexpr int DEFAULT = 2000;
+    const int timeout = get_uci_int_with_default("vantrelle.@main[0].dns_timeout", DEFAULT);
+    if (timeout >= 0)
+        return timeout;
+    syslog(LOG_WARNING, "Negative dns_timeout %d, using default %d", timeout, DEFAULT);
+    return DEFAULT;
+}
+
 // The stored settings replace what the command line set: of the options only the log level
 // survives, as the default of its key.
 static void read_settings() {
@@ -46,7 +56,7 @@ static void read_settings() {
     set_log_mask(oDNS.log_level);
     for (int slot = 0; slot < UPSTREAM_SLOTS; slot++)
         oDNS.upstream_dns[slot] = get_upstream_dns(slot + 1);
-    oDNS.dns_timeout = get_uci_int_with_default("vantrelle.@main[0].dns_timeout", 2000);
+    oDNS.dns_timeout = read_dns_timeout();
     oDNS.disabled = get_uci_int_with_default("vantrelle.@main[0].disabled", 0);
     oDNS.record_traffic = get_uci_int_with_default("vantrelle.@main[0].record_traffic", 1);
     oDNS.dns_max_time_on_secondary =

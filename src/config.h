@@ -33,7 +33,7 @@ struct Settings {
     char *spare;                         // never set; released with the other texts
     char *upstream_dns[UPSTREAM_SLOTS];  // dotted IPv4 addresses, slot 0 is the primary; owned
     int32_t port;                        // listening port and upstream destination port alike
-    int32_t dns_timeout;                 // wait for an upstream answer, milliseconds
+    int32_t dns_timeout;                 // wait for an upstream answer, milliseconds, not negative
     int32_t socket_buffer_size;          // receive buffer of the listening socket; -1: not set
     int32_t thread_pool;                 // number of workers
     std::atomic<int32_t> log_level;      // 0..7: priorities up to this one are logged

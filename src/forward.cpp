@@ -107,8 +107,7 @@ static void choose_upstream() {
 
 static bool wait_for_answer() {
     pollfd waiting = {.fd = oDNS.upstreamfd, .events = POLLIN, .revents = 0};
-    // A negative time-out would wait for ever, with `lock` held.
-    return poll(&waiting, 1, oDNS.dns_timeout < 0 ? 0 : oDNS.dns_timeout) == 1;
+    return poll(&waiting, 1, oDNS.dns_timeout) == 1;
 }
 
 // Neither the id nor the source of the answer is compared with the query.

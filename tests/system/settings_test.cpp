@@ -149,6 +149,9 @@ std::vector<std::string> settings_from(const std::string &file) {
 TEST_F(SettingsTest, ShippedOnesAreTheBuiltInDefaults) {
     std::string shipped = read_file(SHIPPED_FILES "/etc/config/vantrelle");
     EXPECT_EQ(settings_from(shipped), settings_from(""));
+    const std::string warn = "config main\n\toption log_level '4'\n";
+    EXPECT_EQ(settings_from(warn + "\toption dns_timeout '-2'\n"), settings_from(warn));
+    EXPECT_EQ(log_priority("Negative dns_timeout -2, using default 2000"), LOG_WARNING);
 
     SetUp();
     // A misspelt option got its default above; with everything logged it is a failed reading.
