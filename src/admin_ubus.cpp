@@ -575,8 +575,8 @@ static int store_settings(const NewSettings &settings) {
         {set_remote_log, settings.remote_log, nullptr},
     };
     for (const auto &writer : writers) {
-        // Stored as its low 16 bits, whatever the running value is.
-        if (const int failure = writer.write(static_cast<uint16_t>(writer.value)))
+        // Stored as its low 16 bits with their sign, whatever the running value is.
+        if (const int failure = writer.write(static_cast<int16_t>(writer.value)))
             return failure;
         if (writer.done)
             syslog(LOG_DEBUG, "%s", writer.done);

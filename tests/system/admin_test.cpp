@@ -131,6 +131,16 @@ TEST_F(Admin, ReportsStatusAndSettings) {
 
 TEST_F(Admin, StoredSettingsSurviveARestart) {
     start({{"dns_timeout", "100"}});
+    // Numbers are stored as signed 16 bits, and then as if they were unsigned.
+    Call{"set_config", R"({"loglevel":"-1","disabled":"40000","track":"65537","remote_log":"-1"})",
+         0, message("Successfully updated DNS configuration")}
+        .run();
+    for (const char *option : {"log_level '4294967295'", "disabled '4294941760'",
+                               "record_traffic '1'", "log_remote '4294967295'"})
+        EXPECT_NE(
+            (read_file("/etc/config/vantrelle") + read_file("/etc/config/system")).find(option),
+            std::string::npos)
+            << option;
     const char *settings = R"({"dns1":"10.53.0.3","dns2":"10.53.0.2","dns3":"10.53.0.1",)"
                            R"("dns4":"%%","loglevel":"7","disabled":"1","remote_log":"1"})";
     Call{"set_config", settings, 0, message("Successfully updated DNS configuration")}.run();
