@@ -365,6 +365,23 @@ static void add_number_text(const char *name, unsigned number) {
     blobmsg_add_string(&b, name, text);
 }
 
+// How many of a page's records, at most `count`, fit into a reply.
+static int count_fitting(const Node *node, int count) {
+    size_t size = 0;
+    int fitting = 0;
+    for (; node && fitting < count; node = node->next, fitting++) {
+        const int digits = std::snprintf(nullptr, 0, "%d", fitting + 1);
+        size += sizeof(struct blob_attr) +
+                static_cast<size_t>(blobmsg_hdrlen(static_cast<unsigned>(digits))) +
+                BLOBMSG_PADDING(std::strlen(node->frag) + 1);
+        if (size > MAX_REPLY) {
+            syslog(LOG_WARNING, "List page cut to %d records, no more fit into a message", fitting);
+            break;
+        }
+    }
+    return fitting;
+}
+
 static int vt_get_list(struct ubus_context *, struct ubus_object *, struct ubus_request_data *req,
                        const char *, struct blob_attr *msg) {
     const Arguments arguments(list_edit_policy, msg);
@@ -376,12 +393,11 @@ static int vt_get_list(struct ubus_context *, struct ubus_object *, struct ubus_
     List *page = get_page(source.get(), start, count);
     blob_buf_init(&b, 0);
     add_number_text("max_records", page ? get_list_size(source.get()) : 0);
-    add_number_text("records", get_list_size(page));
-    void *items = blobmsg_open_table(&b, "list_items");
     const Node *node = page ? page->head : nullptr;
-    for (int number = 1; node && number <= count; node = node->next, number++) {
-        if (blob_pad_len(b.head) + std::strlen(node->frag) > MAX_REPLY)
-            break;
+    const int records = count_fitting(node, count);
+    add_number_text("records", static_cast<unsigned>(records));
+    void *items = blobmsg_open_table(&b, "list_items");
+    for (int number = 1; number <= records; node = node->next, number++) {
         char key[12];
         std::snprintf(key, sizeof key, "%d", number);
         blobmsg_add_string(&b, key, node->frag);

@@ -108,6 +108,23 @@ TEST_F(Admin, EditsAndPagesThroughLists) {
     EXPECT_EQ(daemon->stop(), 0);
 }
 
+TEST_F(Admin, APageTellsHowManyOfItsRecordsFitIntoTheMessage) {
+    constexpr int listed = 5000, fit = 4098;
+    auto pattern = [](int number) {
+        return std::string(225, 'x') + std::to_string(10000 + number);
+    };
+    std::string file;
+    for (int number = 1; number <= listed; number++)
+        file += pattern(number) + ",4\n";
+    write_file("/etc/vantrelle/local_black.lst", file);
+    start();
+    Call{"list", R"({"list":"bl","start":"1","count":"5000"})", 0,
+         page("5000", std::to_string(fit), "*,\"4098\":\"" + pattern(fit) + '"')}
+        .run();
+    EXPECT_EQ(log_priority("List page cut to 4098 records, no more fit into a message"),
+              LOG_WARNING);
+}
+
 TEST_F(Admin, ReportsStatusAndSettings) {
     start({{"port", "65589"}, {"log_level", "6"}, {"board", "b1"}});
     run("ip neigh add 192.168.8.77 lladdr 00:11:22:33:44:55 dev apcli0");
