@@ -63,7 +63,7 @@ void init_multi_led() {
     get_uci_int_with_default("vantrelle.@ledchain[0].device_no", 0);
     char path[32];
     snprintf(path, sizeof path, "/dev/ledchain%d", 0);
-    chain_fd = open(path, O_RDWR | O_CLOEXEC);
+    chain_fd = open(path, O_RDWR | O_NONBLOCK | O_CLOEXEC);
     if (chain_fd < 0)
         syslog(LOG_ERR, "Error opening Led Chain device %s. Leds will be disabled", path);
 }
@@ -73,7 +73,8 @@ void multi_led(const LedFrame &frame) {
     const int fd = chain_fd;
     if (fd <= 0)
         return;
-    // A device that refuses a frame keeps its old colour; there is nobody to tell.
+    // A device that refuses a frame, or is not ready for it, keeps its old colour; there is nobody
+    // to tell.
     [[maybe_unused]] const ssize_t written = write(fd, frame.data(), frame.size());
 }
 

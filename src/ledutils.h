@@ -21,8 +21,8 @@ void start_init_leds();
 // device the chain stays dark; the log says why. Main thread, once.
 void init_multi_led();
 
-// Writes `frame` to the chain, when there is one. Any thread, without a lock: a frame is a single
-// write.
+// Writes `frame` to the chain, when there is one; a frame for which the device would have to be
+// waited for is dropped. Any thread, without a lock: a frame is a single write.
 void multi_led(const LedFrame &frame);
 
 // Show one colour on the whole chain; any thread, as multi_led().

@@ -1,8 +1,12 @@
 // The LEDs: the pin multiplexer's registers, sysfs GPIO, and what the chain shows during a run.
 #include "gpio.h"
 #include "gpiomux.h"
+#include "guards.h"
 #include "harness.h"
 #include "ledutils.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
 
 using namespace harness;
 
@@ -139,6 +143,19 @@ TEST_F(LedTest, TroubleAtStartIsLoggedAndCostsTheChainAtMost) {
         EXPECT_EQ(frames(), shown) << text;
     }
     EXPECT_EQ(dup(0), free_descriptor);
+}
+
+TEST_F(LedTest, AChainThatTakesNoFrameStopsNothing) {
+    fs::remove(chain_file);
+    ASSERT_EQ(mkfifo(chain_file, 0600), 0);
+    const UniqueFd full(open(chain_file, O_RDWR | O_NONBLOCK));
+    while (write(full.get(), "frame", 1) == 1)
+        continue;
+    configure();
+    const Upstream upstream(1);
+    PrimedDaemon daemon;
+    EXPECT_TRUE(passes("www.example"));
+    fs::remove(chain_file);
 }
 
 TEST_F(LedTest, ChainFollowsTheRun) {
