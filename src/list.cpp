@@ -283,14 +283,8 @@ static bool is_skipped(const char *item) {
     return true;
 }
 
-static ListResult add_text(std::string_view text, int8_t opt, List *list) {
-    if (!list) {
-        syslog(LOG_NOTICE, "List is NULL!!");
-        return LIST_INSERT_FAILED;
-    }
-    Node *node = make_node(text, opt);
-    if (!node)
-        return LIST_INSERT_FAILED;
+// Links a node in, or frees it when some pattern of the list matches its text.
+static ListResult add_or_free(Node *node, List *list) {
     Node *expired = nullptr;
     bool exists = false;
     {
@@ -306,6 +300,15 @@ static ListResult add_text(std::string_view text, int8_t opt, List *list) {
         syslog(LOG_DEBUG, "%s is already in the list", node->frag);
     free_node(node);
     return LIST_EXISTS;
+}
+
+static ListResult add_text(std::string_view text, int8_t opt, List *list) {
+    if (!list) {
+        syslog(LOG_NOTICE, "List is NULL!!");
+        return LIST_INSERT_FAILED;
+    }
+    Node *node = make_node(text, opt);
+    return node ? add_or_free(node, list) : LIST_INSERT_FAILED;
 }
 
 ListResult add_item(char *item, int8_t opt, List *list) {
@@ -393,6 +396,49 @@ int deactivate_node(const Node *node, const List *list) {
     return node && list ? remove_frag_key(node->frag, list->name) : 0;
 }
 
+namespace {
+
+// The indices of a page's patterns. Wide enough for any start and count that a caller of the bus
+// sends.
+struct PageRange {
+    int64_t first, end;
+
+    bool has(int index) const { return index >= first && index < end; }
+};
+
+} // namespace
+
+// Copies of a page's patterns as a chain. Counts the nodes that the walk meets.
+static Node *copy_page(List *list, const PageRange &range, size_t &met) {
+    Node *copies = nullptr;
+    Node **link = &copies;
+    const MutexGuard guard(list->mutex);
+    uint16_t i = 0; // wraps: in a list of more than 65536 patterns, nodes share an index
+    for (const Node *node = list->head; node; node = node->next) {
+        met++;
+        const int index = i++;
+        if (range.has(index)) {
+            *link = make_node(node->frag, node->opt);
+            if (!*link)
+                break; // out of memory: the page ends here
+            link = &(*link)->next;
+        }
+        if (index >= range.end)
+            break;
+    }
+    return copies;
+}
+
+// Adds a copy to the page as add_item_copy() would, or frees it.
+static void add_copy(Node *copy, List *page) {
+    if (is_skipped(copy->frag)) {
+        free_node(copy);
+        return;
+    }
+    copy->frag[strcspn(copy->frag, "\n")] = '\0';
+    add_or_free(copy, page);
+}
+
 List *get_sub_list(List *list, int start, int count) {
     List *page = create_list();
     syslog(LOG_DEBUG, "Inside get sub list");
@@ -401,17 +447,16 @@ List *get_sub_list(List *list, int start, int count) {
         return nullptr;
     }
     syslog(LOG_DEBUG, "After empty check");
-    // Wide enough for any start and count that a caller of the bus sends.
-    const int64_t first = int64_t{start} - 1;
-    const int64_t end = first + count;
-    const MutexGuard guard(list->mutex);
-    uint16_t i = 0; // wraps: in a list of more than 65536 patterns, nodes share an index
-    for (const Node *node = list->head; node; node = node->next) {
+    const PageRange range{int64_t{start} - 1, int64_t{start} - 1 + count};
+    size_t met = 0;
+    Node *copies = copy_page(list, range, met);
+    // The walk once more, without the list: its log takes long, and lookups would wait for it.
+    for (uint16_t i = 0; met > 0; met--) {
         syslog(LOG_DEBUG, "Loop: i: %d, start: %d, count: %d", i, start, count);
-        const int k = i++;
-        if (k >= first && k + 1 <= end)
-            add_item_copy(node->frag, node->opt, page);
-        if (k >= end)
+        const int index = i++;
+        if (copies && range.has(index))
+            add_copy(std::exchange(copies, copies->next), page);
+        if (index >= range.end)
             break;
         syslog(LOG_DEBUG, "After break");
     }

@@ -3,9 +3,12 @@
 #include "utils.h"
 
 #include <fstream>
+#include <future>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
+#include <poll.h>
 #include <syslog.h>
+#include <thread>
 
 namespace {
 
@@ -65,6 +68,42 @@ TEST(ListTest, PagesCountFromOne) {
         EXPECT_EQ(items, c["page"]) << c;
     }
     EXPECT_EQ(get_sub_list(nullptr, 1, 1), nullptr);
+}
+
+TEST(ListTest, APageIsLoggedWhileTheListIsFree) {
+    constexpr int patterns = 3000;
+    const TestList list;
+    ASSERT_EQ(add_node(create_node("#", 4), list), 1);
+    for (int i = 1; i < patterns; i++)
+        ASSERT_EQ(add(std::to_string(i + 10000), 4, list), LIST_OK);
+    // The log goes into a pipe that nobody reads until the lookup is done.
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    const UniqueFd error(dup(STDERR_FILENO)), reading(ends[0]);
+    dup2(ends[1], STDERR_FILENO);
+    close(ends[1]);
+    openlog("t", LOG_PERROR, LOG_LOCAL0);
+    auto page = std::async([&] { return TestList(get_sub_list(list, 1, patterns)); });
+    pollfd full{STDERR_FILENO, POLLOUT, 0};
+    for (int i = 0; i < 5000 && poll(&full, 1, 0) == 1; i++)
+        usleep(1000);
+    auto lookup = std::async([&] { return found("10001", list); });
+    EXPECT_EQ(lookup.wait_for(std::chrono::seconds(2)), std::future_status::ready);
+    std::string logged, expected = "t: Inside get sub list\nt: After empty check\n";
+    std::thread reader([&] {
+        char buffer[4096];
+        for (ssize_t length; (length = read(reading.get(), buffer, sizeof buffer)) > 0;)
+            logged.append(buffer, length);
+    });
+    EXPECT_EQ(get_list_size(page.get()), patterns - 1);
+    dup2(error.get(), STDERR_FILENO);
+    openlog("t", 0, LOG_LOCAL0);
+    closelog();
+    reader.join();
+    for (int i = 0; i < patterns; i++)
+        expected += "t: Loop: i: " + std::to_string(i) + ", start: 1, count: 3000\n" +
+                    (i ? "" : "t: Skip commented or empty line: #\n") + "t: After break\n";
+    EXPECT_EQ(logged, expected);
 }
 
 TEST(ListTest, AnIndexBeyond65535Wraps) {
