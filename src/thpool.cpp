@@ -119,11 +119,14 @@ static void jobqueue_destroy(jobqueue *queue, void (*drop)(void *)) {
 
 // Workers
 
-// The pause signal's handler: the worker sleeps here, wherever it was. The end of the pool ends the
-// hold, also one that begins late.
-static void thread_hold(int) {
+// The pause signal's handler: the worker sleeps here, wherever it was. thpool_pause() sets the flag
+// itself, before it sends, so that its signals hold nobody whom they reach behind the resume; a
+// signal from outside sets it here. The end of the pool ends the hold, also one that begins late.
+static void thread_hold(int, siginfo_t *info, void *) {
     const int saved = errno;
-    threads_on_hold = 1;
+    const bool is_from_pause = info->si_code == SI_TKILL && info->si_pid == getpid();
+    if (!is_from_pause)
+        threads_on_hold = 1;
     while (threads_on_hold && threads_keepalive)
         sleep(1);
     errno = saved;
@@ -132,7 +135,8 @@ static void thread_hold(int) {
 static void install_thread_hold() {
     struct sigaction action = {};
     sigemptyset(&action.sa_mask);
-    action.sa_handler = thread_hold;
+    action.sa_sigaction = thread_hold;
+    action.sa_flags = SA_SIGINFO;
     if (sigaction(SIGUSR1, &action, nullptr) != 0)
         std::fputs("thread_do(): cannot handle SIGUSR1", stderr);
 }
@@ -282,6 +286,7 @@ void thpool_wait(thpool *pool) {
 }
 
 void thpool_pause(thpool *pool) {
+    threads_on_hold = 1;
     for (int n = 0; n < pool->alive_count; n++)
         pthread_kill(pool->threads[n]->handle, SIGUSR1);
 }

@@ -2,8 +2,9 @@
 //
 // The server makes one pool at start and queues a job for every datagram that it does not answer at
 // once. SIGUSR1 pauses a worker: it sleeps wherever the signal caught it, in the middle of a job
-// included, until it sees a flag cleared. A SIGUSR1 from outside thus holds one worker until the
-// pool is destroyed, and with it the whole service if that worker was in the middle of a request.
+// included, until it sees a flag cleared. A SIGUSR1 from outside thus holds one worker until a
+// resume or the end of the pool, and with it the whole service if that worker was in the middle of
+// a request.
 // All messages go to standard error, not to the log.
 //
 // Ownership: the pool owns its threads, its queue and the job records. It never frees a job's
@@ -84,9 +85,11 @@ int thpool_add_work(thpool *pool, void *(*function)(void *), void *arg);
 void thpool_wait(thpool *pool);
 
 // Sends the pause signal to every worker and returns at once; a worker may still be on its way.
+// A worker that the signal reaches behind a resume is not held.
 void thpool_pause(thpool *pool);
 
-// Lets held workers, of every pool, go on within a second. The argument is not used.
+// Lets held workers, of every pool, go on within a second, and those whose pause signal is still on
+// its way too. The argument is not used.
 void thpool_resume(thpool *pool);
 
 // Stops the workers, each after the job it runs, and frees the pool. Jobs still queued are freed

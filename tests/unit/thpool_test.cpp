@@ -6,7 +6,9 @@
 #include <atomic>
 #include <chrono>
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <thread>
+#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -113,6 +115,33 @@ TEST_F(Pool, PausedWorkersSleepUntilResumed) {
     thpool_resume(pool);
     EXPECT_TRUE(eventually([] { return ran == 10; }));
     pause(); // held workers do not keep the pool from ending with the test
+}
+
+TEST_F(Pool, AResumeCountsForPausesThatArriveLater) {
+    static std::atomic<bool> deaf;
+    const auto late = [](void *) {
+        block_daemon_signals();
+        deaf = true;
+        work(nullptr);
+        open_pause_signal();
+        return static_cast<void *>(nullptr);
+    };
+    deaf = false;
+    start(1, false);
+    ASSERT_EQ(thpool_add_work(pool, late, nullptr), 0);
+    ASSERT_TRUE(eventually([] { return deaf.load(); }));
+    thpool_pause(pool);
+    thpool_resume(pool);
+    go_on = true;
+    add(1);
+    EXPECT_TRUE(eventually([] { return ran == 2; }));
+    kill(getpid(), SIGUSR1); // from outside it holds without a pause before it
+    ASSERT_TRUE(eventually([] { return threads_on_hold == 1; }));
+    add(1);
+    sleep_for(300ms);
+    EXPECT_EQ(ran, 2);
+    thpool_resume(pool);
+    EXPECT_TRUE(eventually([] { return ran == 3; }));
 }
 
 TEST_F(Pool, DestructionWaitsForTheRunningJobsAndDropsTheRest) {
