@@ -229,9 +229,8 @@ thpool *thpool_init(int num_threads) {
     pthread_mutex_init(&pool->count_lock, nullptr);
     pthread_cond_init(&pool->all_idle, nullptr);
     int started = 0;
-    for (int id = 0; id < num_threads; id++)
-        if (thread_init(pool, &pool->threads[started], id) == 0)
-            started++;
+    while (started < num_threads && thread_init(pool, &pool->threads[started], started) == 0)
+        started++;
     while (pool->alive_count != started)
         sched_yield();
     return pool;

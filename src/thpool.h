@@ -61,7 +61,9 @@ struct thpool {
 };
 
 // Starts `num_threads` workers (a negative count is 0) and returns when all of them run; null when
-// memory ran out. Workers inherit the caller's signal mask and open SIGUSR1.
+// memory ran out. At the first worker that cannot be started it says so and tries no other: the
+// pool then has those before it, perhaps none. Workers inherit the caller's signal mask and open
+// SIGUSR1.
 thpool *thpool_init(int num_threads);
 
 // From now on jobs run one at a time, in the order of their arrival, however many workers there

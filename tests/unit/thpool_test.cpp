@@ -144,6 +144,19 @@ TEST_F(Pool, AResumeCountsForPausesThatArriveLater) {
     EXPECT_TRUE(eventually([] { return ran == 3; }));
 }
 
+TEST_F(Pool, TheFirstWorkerThatCannotStartIsTheLastThatIsTried) {
+    pthread_attr_t usual, huge; // stacks
+    pthread_getattr_default_np(&usual);
+    pthread_getattr_default_np(&huge);
+    pthread_attr_setstacksize(&huge, SIZE_MAX / 2);
+    pthread_setattr_default_np(&huge);
+    testing::internal::CaptureStderr();
+    start(300, true);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "thread_init(): Could not start thread\n");
+    pthread_setattr_default_np(&usual);
+    EXPECT_EQ(pool->alive_count, 0);
+}
+
 TEST_F(Pool, DestructionWaitsForTheRunningJobsAndDropsTheRest) {
     static std::atomic<int> dropped;
     dropped = 0;
