@@ -1,5 +1,5 @@
 # Where libuci, libubox and libubus come from: the system's, where OpenWrt's SDK has them, or the
-# project's own stand-ins under host/. Either way the targets platform::uci and platform::ubus
+# project's own stand-ins under platform/. Either way the targets platform::uci and platform::ubus
 # carry the include paths and the libraries.
 
 find_path(UCI_INCLUDE_DIR uci.h)
@@ -14,7 +14,7 @@ if(platform STREQUAL auto)
     if(UCI_INCLUDE_DIR AND UCI_LIBRARY AND UBUS_INCLUDE_DIR AND UBUS_LIBRARY AND UBOX_LIBRARY)
         set(platform system)
     else()
-        set(platform host)
+        set(platform standin)
     endif()
 endif()
 
@@ -32,9 +32,9 @@ if(platform STREQUAL system)
     target_link_libraries(platform_ubus INTERFACE ${UBUS_LIBRARY} ${UBOX_LIBRARY})
     add_library(platform::uci ALIAS platform_uci)
     add_library(platform::ubus ALIAS platform_ubus)
-elseif(platform STREQUAL host)
-    add_subdirectory(host)
+elseif(platform STREQUAL standin)
+    add_subdirectory(platform)
 else()
-    message(FATAL_ERROR "VANTRELLE_PLATFORM is '${platform}', not auto, system or host")
+    message(FATAL_ERROR "VANTRELLE_PLATFORM is '${platform}', not auto, system or standin")
 endif()
 message(STATUS "Platform libraries: ${platform}")

@@ -14,7 +14,7 @@ quietly() {
 }
 
 # Installs those packages of scripts/packages that serve the purpose and are missing.
-install_packages() { # build | check | bench
+install_packages() { # run | test | check | bench
 	local package purpose missing=() as_root=()
 	while read -r package purpose; do
 		[[ $purpose == "$1" ]] || continue

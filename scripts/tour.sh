@@ -6,7 +6,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 readonly LOG=/run/sandbox/log FRAMES=/tmp/frames ROUTER=192.168.8.1 CLIENT=192.168.8.20
-export PATH=$PWD/build/release/bin:$PATH:/usr/sbin:/sbin
+export PATH=$PWD/build/run/bin:$PATH:/usr/sbin:/sbin
 daemon="" upstreams=()
 
 if [[ ! -e $LOG ]]; then
