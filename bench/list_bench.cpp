@@ -5,8 +5,8 @@
 #include "listindex.h"
 #include "listload.h"
 #include "names.h"
+#include "log.h"
 #include "statsdb.h"
-#include "utils.h"
 
 #include <algorithm>
 #include <benchmark/benchmark.h>

@@ -48,16 +48,4 @@ BENCHMARK(BM_HandOver)
     ->ArgsProduct({{1, 64}, {0, 1}})
     ->UseRealTime();
 
-// What a job costs whose caller runs it itself when no other waits.
-void BM_TakeTurn(benchmark::State &state) {
-    thpool *pool = thpool_init(5);
-    thpool_run_in_turn(pool);
-    for (auto _ : state) {
-        benchmark::DoNotOptimize(thpool_take_turn(pool));
-        thpool_end_turn(pool);
-    }
-    thpool_destroy(pool);
-}
-BENCHMARK(BM_TakeTurn);
-
 } // namespace

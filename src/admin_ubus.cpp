@@ -5,7 +5,7 @@
 #include "config.h"
 #include "counters.h"
 #include "guards.h"
-#include "server.h"
+#include "log.h"
 #include "strutils.h"
 #include "thpool.h"
 #include "uciutils.h"

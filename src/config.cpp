@@ -1,8 +1,8 @@
 #include "config.h"
 
+#include "log.h"
 #include "netutils.h"
 #include "uciutils.h"
-#include "utils.h"
 
 #include <arpa/inet.h>
 #include <cstdio>
@@ -71,6 +71,7 @@ static void read_settings() {
     OwnedText(get_uci_string("vantrelle.@main[0].board")).reset();
     oDNS.debug = get_uci_int_with_default("vantrelle.@logging[0].debug", 0);
     oDNS.debug_sql = get_uci_int_with_default("vantrelle.@logging[0].debug_sql", 0);
+    set_traces(oDNS.debug, oDNS.debug_sql);
     oDNS.interface = get_uci_string_with_default("vantrelle.@main[0].interface", "apcli0");
     oDNS.board = get_uci_string_with_default("vantrelle.@main[0].board", "Unknown");
     oDNS.path = get_uci_string_with_default("vantrelle.@main[0].path", "/etc/vantrelle");
@@ -85,13 +86,17 @@ void load_config() {
     oDNS.disabled = 0;
     oDNS.debug = 0;
     oDNS.debug_sql = 0;
+    set_traces(false, false);
     read_settings();
     syslog(LOG_DEBUG, "Done Load Config");
 }
 
-void set_log_mask(int level) {
-    if (level >= 0) // a negative level leaves the mask as it is
-        set_logged_priorities(LOG_UPTO(level < LOG_DEBUG ? level : LOG_DEBUG));
+void _free_config() {
+    for (char *&text : oDNS.upstream_dns)
+        free(std::exchange(text, nullptr));
+    for (char **text : {&oDNS.path, &oDNS.interface, &oDNS.listen_address, &oDNS.hostname,
+                        &oDNS.spare, &oDNS.board})
+        free(std::exchange(*text, nullptr));
 }
 
 in_addr_t upstream_address(int slot) {

@@ -23,7 +23,7 @@ inline constexpr const char *PRODUCT_NAME = "Vantrelle";
 inline constexpr const char *PRODUCT_VERSION = "2.03a";
 inline constexpr int UPSTREAM_SLOTS = 4;
 
-// Texts marked "owned" are heap copies that _free_config() (server.cpp) releases; an option of the
+// Texts marked "owned" are heap copies that _free_config() releases; an option of the
 // command line may leave a text of the argument vector in one of them until load_config() runs.
 struct Settings {
     char *path;                          // base directory for list files; owned
@@ -46,8 +46,8 @@ struct Settings {
     char *board;                         // board name; owned
     int32_t dns_max_time_on_secondary;   // seconds
     int32_t pid;
-    int32_t debug;     // asked for through is_sql_debug(), see there
-    int32_t debug_sql; // asked for through is_debug(), see there
+    int32_t debug;     // set_traces() takes both;
+    int32_t debug_sql; // log.h says which turns on what
     uint64_t requests; // the four counters, see counters.h
     uint64_t errors;
     uint64_t resets;
@@ -63,7 +63,7 @@ struct Settings {
 extern Settings oDNS;
 
 // Serialises the processing of requests: a worker, or the receive loop, holds it for the whole of
-// one. Initialised by server_init(), destroyed by server_shutdown().
+// one. The server initialises and destroys it.
 extern pthread_mutex_t lock;
 
 // Fills oDNS from the configuration store, with a default for every missing option, and sets the
@@ -71,8 +71,8 @@ extern pthread_mutex_t lock;
 // read logs why and the default stands.
 void load_config();
 
-// Sets the log mask to all priorities up to and including `level`.
-void set_log_mask(int level);
+// Frees the owned texts. Main thread, when nobody else reads them any more.
+void _free_config();
 
 // The address of an upstream slot in network order; 0.0.0.0 for a slot outside 0..3 and
 // INADDR_NONE for a text that is no address. Any thread.

@@ -1,5 +1,5 @@
-// The four counters of the settings record, their rows in the statistics database and their lines in
-// the log.
+// The four counters of the settings record, their rows in the statistics database and their lines
+// in the log.
 //
 // Whoever answers queries counts; the server restores the counters at start and writes them a last
 // time at shutdown; reports and the bus thread read them.

@@ -3,9 +3,9 @@
 #include "config.h"
 #include "guards.h"
 #include "listload.h"
+#include "log.h"
 #include "statsdb.h"
 #include "strutils.h"
-#include "uciutils.h"
 
 #include <climits>
 #include <cstdio>
@@ -64,10 +64,6 @@ const FilterList &row_of(ListId id) {
 // Held while lists are loaded or unloaded, also by loads that chain into each other. Lookups in
 // loaded lists do not take it.
 RecursiveMutex list_loading;
-
-const char *shown(const char *text) {
-    return text ? text : "(null)";
-}
 
 uint32_t monotonic_seconds() {
     timespec now;

@@ -4,7 +4,7 @@
 #include "counters.h"
 #include "ledutils.h"
 #include "netutils.h"
-#include "server.h"
+#include "svrutils.h"
 #include "utils.h"
 
 #include <cstdlib>

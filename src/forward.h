@@ -1,7 +1,7 @@
 // The upstream connection: one UDP socket to one of four resolvers at a time, with failover.
 //
-// server.cpp opens and closes the socket and passes queries on. A worker calls everything else and
-// holds `lock`, so that one request at a time uses the socket.
+// The server opens and closes the socket, request.cpp forwards queries. A worker calls everything
+// else and holds `lock`, so that one request at a time uses the socket.
 #pragma once
 
 #include <cstdint>

@@ -2,10 +2,9 @@
 
 #include "guards.h"
 #include "listindex.h"
+#include "log.h"
 #include "statsdb.h"
 #include "strutils.h"
-#include "uciutils.h"
-#include "utils.h"
 
 #include <cstddef>
 #include <cstdio>
@@ -379,8 +378,7 @@ ListResult remove_item_by_id(long id, List *list) {
     const OwnedText frag(get_frag_by_id(id, list->name));
     if (frag && *frag)
         return remove_item(frag.get(), list);
-    syslog(LOG_ERR, "Could not find %s item with id of %ld", list->name ? list->name : "(null)",
-           id);
+    syslog(LOG_ERR, "Could not find %s item with id of %ld", shown(list->name), id);
     return LIST_NOT_FOUND;
 }
 

@@ -1,6 +1,6 @@
 #include "listindex.h"
 
-#include "list.h"
+#include "node.h"
 
 #include <algorithm>
 #include <array>

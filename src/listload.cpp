@@ -3,9 +3,9 @@
 #include "guards.h"
 #include "ioutils.h"
 #include "list.h"
+#include "log.h"
 #include "statsdb.h"
 #include "strutils.h"
-#include "uciutils.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -141,7 +141,7 @@ int _load_list_db(List *&list, const char *path) {
 
 int _load_list(List *&list, const char *path) {
     name_list(list, path);
-    syslog(LOG_INFO, "Loading %s list", list->name ? list->name : "(null)");
+    syslog(LOG_INFO, "Loading %s list", shown(list->name));
     list->tables_ready = create_list_stats_table(list->name);
     _load_list_file(list, path);
     return _load_list_db(list, path);

@@ -1,13 +1,12 @@
 // The process entry: options, banner, signal handlers, and then the server until it stops.
 
 #include "config.h"
-#include "counters.h"
+#include "log.h"
 #include "server.h"
 #include "sigmask.h"
+#include "signals.h"
 #include "strutils.h"
-#include "utils.h"
 
-#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -31,13 +30,9 @@ static void usage() {
 static void brag() {
     syslog(LOG_INFO, "%s v%s %s", PRODUCT_NAME, PRODUCT_VERSION, ARCHITECTURE);
     syslog(LOG_INFO, "%s %s", NOTICE[0], NOTICE[1]);
-    std::printf("%s v%s %s\n", PRODUCT_NAME, PRODUCT_VERSION, ARCHITECTURE);
-    std::printf("%s %s\n", NOTICE[0], NOTICE[1]);
-    std::fflush(stdout);
-}
-
-static void system_shutdown() {
-    shutting_down = 1;
+    printf("%s v%s %s\n", PRODUCT_NAME, PRODUCT_VERSION, ARCHITECTURE);
+    printf("%s %s\n", NOTICE[0], NOTICE[1]);
+    fflush(stdout);
 }
 
 // Ends the process; bringing the daemon back is the service supervisor's job.
@@ -46,52 +41,11 @@ static void restart() {
     raise(SIGHUP);
 }
 
-// Acts only where sigmask.h lets it, but for SIGSEGV.
-static void sig_handler(int number) {
-    if (is_deferred(number))
-        return;
-    const int saved = errno;
-    block_daemon_signals(); // one at a time: they share the logger and the database
-    if (number == SIGSEGV) {
-        // A fault inside the logger or the allocator must not hang the process here for ever.
-        signal(SIGSEGV, SIG_DFL);
-        alarm(5);
-    }
-    syslog(LOG_INFO, "Processing signal %d\n", number);
-    switch (number) {
-    case SIGUSR1:
-        log_config(1);
-        break;
-    case SIGUSR2:
-        log_config(1);
-        write_stats();
-        break;
-    case SIGTERM:
-        syslog(LOG_INFO, "Processing signal SIGTERM");
-        [[fallthrough]]; // the lines of the lesser signals are logged too
-    case SIGINT:
-        syslog(LOG_INFO, "Processing signal SIGINT");
-        [[fallthrough]];
-    case SIGABRT:
-        syslog(LOG_INFO, "Processing signal SIGABRT");
-        system_shutdown();
-        break;
-    default:
-        std::exit(number);
-    }
-    errno = saved;
-}
-
-static void set_signal_handlers() {
-    for (const int number : {SIGUSR1, SIGUSR2, SIGHUP, SIGTERM, SIGSEGV})
-        signal(number, sig_handler);
-}
-
 static void reject_option() {
     if (optopt > 0)
         syslog(LOG_WARNING, "Unknown option: %c", optopt);
     usage();
-    std::exit(EXIT_SUCCESS);
+    exit(EXIT_SUCCESS);
 }
 
 // Each option takes effect at once. The stored settings replace all of them but the log level.
@@ -117,8 +71,8 @@ static void apply_option(int option, char *argument) {
         oDNS.thread_pool = decimal(argument);
         break;
     case 'n':
-        std::printf("%s", PRODUCT_VERSION);
-        std::exit(EXIT_SUCCESS);
+        printf("%s", PRODUCT_VERSION);
+        exit(EXIT_SUCCESS);
     case 'p':
         oDNS.port = decimal(argument);
         break;
@@ -136,7 +90,7 @@ static void apply_option(int option, char *argument) {
         break;
     case 'v':
         brag();
-        std::exit(EXIT_SUCCESS);
+        exit(EXIT_SUCCESS);
     case 'x':
         oDNS.log_stats_interval = decimal(argument);
         break;
@@ -152,7 +106,7 @@ static void apply_option(int option, char *argument) {
 }
 
 int main(int argc, char **argv) {
-    std::atexit(cleanup);
+    atexit(cleanup);
     set_logged_priorities(127);
     openlog("vantrelled", LOG_PID | LOG_CONS | LOG_NDELAY, LOG_LOCAL0);
     // NOLINTNEXTLINE(concurrency-mt-unsafe): no other thread runs yet

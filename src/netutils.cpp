@@ -1,7 +1,7 @@
 #include "netutils.h"
 
-#include "config.h"
 #include "guards.h"
+#include "log.h"
 
 #include <arpa/inet.h>
 #include <cerrno>
@@ -43,14 +43,8 @@ Address address_of(const ifaddrs *entry) {
 } // namespace
 
 const char *socket2ip(sockaddr_in address) {
-    // Every list asks for the same client's text, which takes a formatted print to make.
-    static thread_local in_addr_t written = INADDR_ANY;
-    static thread_local char text[INET_ADDRSTRLEN] = "0.0.0.0";
-    if (address.sin_addr.s_addr != written) {
-        written = address.sin_addr.s_addr;
-        inet_ntop(AF_INET, &address.sin_addr, text, sizeof text);
-    }
-    return text;
+    static thread_local char text[INET_ADDRSTRLEN];
+    return inet_ntop(AF_INET, &address.sin_addr, text, sizeof text);
 }
 
 ssize_t send_datagram(int fd, const uint8_t *bytes, int32_t length, sockaddr_in to) {
@@ -73,9 +67,9 @@ int get_address_from_interface(const char *name, InterfaceAddress *address) {
         const AddressList list = interface_addresses();
         // The walk ends at the IPv4 match: an IPv6 address listed behind it is never taken.
         for (const ifaddrs *entry = list.get(); entry && !found; entry = entry->ifa_next) {
-            syslog(LOG_DEBUG, "Checking %s is the same as %s", entry->ifa_name, oDNS.interface);
+            syslog(LOG_DEBUG, "Checking %s is the same as %s", entry->ifa_name, name);
             const int family = family_of(entry);
-            if (std::strcmp(entry->ifa_name, oDNS.interface) != 0)
+            if (std::strcmp(entry->ifa_name, name) != 0)
                 continue;
             if (family == AF_INET) {
                 std::snprintf(address->ipv4, sizeof address->ipv4, "%s",
@@ -89,7 +83,7 @@ int get_address_from_interface(const char *name, InterfaceAddress *address) {
             }
         }
         if (!found) {
-            syslog(LOG_CRIT, "No such interface: %s", oDNS.interface);
+            syslog(LOG_CRIT, "No such interface: %s", name);
             std::exit(EXIT_FAILURE);
         }
         syslog(LOG_DEBUG, "Before freeing structures");
@@ -118,7 +112,7 @@ char *get_ipv6host_address(char *buffer) {
 
 void getHostName(in_addr address) {
     const hostent *host = gethostbyaddr(&address, sizeof address, AF_INET);
-    std::printf("Host:  %s\n", host ? host->h_name : "(null)");
+    std::printf("Host:  %s\n", shown(host ? host->h_name : nullptr));
 }
 
 char *getMacAddress(const char *name) {

@@ -22,9 +22,8 @@ ssize_t send_datagram(int fd, const uint8_t *bytes, int32_t length, sockaddr_in 
 // Writes the text of an IPv6 address into `buffer` of INET6_ADDRSTRLEN bytes; null on failure.
 const char *ipv6socket2ip(in6_addr address, char *buffer);
 
-// Fills `address` with the texts of the configured interface (oDNS.interface: `name` only shows in
-// the first trace). Returns 1, or ends the process with status 1 when that interface has no IPv4
-// address. Main thread, during start-up.
+// Fills `address` with the texts of an interface. Returns 1, or ends the process with status 1 when
+// it has no IPv4 address. Main thread, during start-up.
 int get_address_from_interface(const char *name, InterfaceAddress *address);
 
 // The dotted text of the last non-loopback IPv4 address in the interface list, empty when there is

@@ -2,6 +2,7 @@
 
 #include "config.h"
 #include "guards.h"
+#include "log.h"
 #include "netutils.h"
 #include "uciutils.h"
 
@@ -24,7 +25,6 @@ namespace {
 constexpr char DATABASE_NAME[] = "vantrelle.db";
 constexpr int FILE_NAME_SIZE = 254;
 constexpr int STATEMENT_SIZE = 300;
-constexpr char NULL_MARKER[] = "(null)";
 constexpr char WORD_CHARACTERS[] =
     "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_";
 
@@ -65,7 +65,7 @@ class Statement {
     static bool can_be_pasted(Table table) { return table.name && is_word(table.name); }
     static bool can_be_pasted(long long) { return true; }
 
-    static const char *printed(const char *value) { return value ? value : NULL_MARKER; }
+    static const char *printed(const char *value) { return shown(value); }
     static const char *printed(Table table) { return printed(table.name); }
     template <typename Number>
     static Number printed(Number number) {
@@ -523,7 +523,7 @@ int open_stats_database() {
         set_stats_db_location(oDNS.path);
     }
     char file[FILE_NAME_SIZE];
-    snprintf(file, sizeof file, "%s/%s", location ? location.get() : NULL_MARKER, DATABASE_NAME);
+    snprintf(file, sizeof file, "%s/%s", shown(location.get()), DATABASE_NAME);
     sqlite3 *db = nullptr;
     const int result = open_database(file, &db);
     {
@@ -809,7 +809,7 @@ static bool insert_hit(Connection &connection, const char *table, long id, const
 int insert_list_record(const char *fqdn, const char *table, const char *frag, const char *ip) {
     if (!oDNS.record_traffic)
         return 1;
-    trace("Starting insert stats record: %s", frag ? frag : NULL_MARKER);
+    trace("Starting insert stats record: %s", shown(frag));
     if (!frag || !*frag)
         return 0;
     trace("record is not null or empty");

@@ -1,5 +1,7 @@
 #include "strutils.h"
 
+#include "log.h"
+
 #include <cstdlib>
 #include <string_view>
 #include <syslog.h>
@@ -37,7 +39,7 @@ int endsWith(const char *text, const char *suffix) {
 }
 
 int isNumeric(const char *text) {
-    syslog(LOG_DEBUG, "Check isNumeric: %s", text ? text : "(null)");
+    syslog(LOG_DEBUG, "Check isNumeric: %s", shown(text));
     if (!text || !*text)
         return 0;
     bool found_digit = false;

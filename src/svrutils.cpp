@@ -1,7 +1,7 @@
 #include "svrutils.h"
 
+#include "log.h"
 #include "netutils.h"
-#include "utils.h"
 
 #include <cstring>
 #include <syslog.h>

@@ -1,9 +1,12 @@
-// Decodes the question name of a DNS message, for the request processing of server.cpp.
+// DNS messages as far as the daemon reads them: their size, and the name of the question.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <netinet/in.h>
+
+// Longest datagram taken, without EDNS (RFC 1035, 4.2.1); longer ones are cut.
+inline constexpr int MAX_MESSAGE = 512;
 
 // Both positions of the decoder are 8-bit counters, so 255 is the last one and the buffer has room
 // for a terminator there.

@@ -204,6 +204,12 @@ static int thread_init(thpool *pool, struct thread **slot, int id) {
     return 0;
 }
 
+// Every job that has not ended; in turn, all but the first of them could as well be waiting in a
+// worker each.
+static int jobs_of(const thpool *pool) {
+    return pool->working_count + pool->jobqueue.len;
+}
+
 thpool *thpool_init(int num_threads) {
     threads_on_hold = 0;
     threads_keepalive = 1;
@@ -241,27 +247,8 @@ void thpool_run_in_turn(thpool *pool) {
         pool->jobqueue.in_turn = true;
 }
 
-bool thpool_take_turn(thpool *pool) {
-    if (!pool || pool->alive_count == 0 || threads_on_hold)
-        return false;
-    {
-        jobqueue &queue = pool->jobqueue;
-        const MutexGuard guard(queue.queue_lock);
-        if (!queue.in_turn || queue.turn_taken || queue.len > 0)
-            return false;
-        queue.turn_taken = true;
-    }
-    count_working(pool, +1);
-    return true;
-}
-
-void thpool_end_turn(thpool *pool) {
-    count_working(pool, -1);
-    jobqueue &queue = pool->jobqueue;
-    const MutexGuard guard(queue.queue_lock);
-    queue.turn_taken = false;
-    if (queue.len > 0)
-        bsem_post(queue.jobs_available);
+bool thpool_is_idle(const thpool *pool) {
+    return pool && pool->alive_count > 0 && !threads_on_hold && jobs_of(pool) == 0;
 }
 
 int thpool_add_work(thpool *pool, void *(*function)(void *), void *arg) {
@@ -316,12 +303,6 @@ void thpool_destroy(thpool *pool, void (*drop)(void *)) {
         std::free(pool->threads[n]);
     std::free(pool->threads);
     std::free(pool);
-}
-
-// Every job that has not ended; in turn, all but the first of them could as well be waiting in a
-// worker each.
-static int jobs_of(const thpool *pool) {
-    return pool->working_count + pool->jobqueue.len;
 }
 
 int thpool_num_threads_working(thpool *pool) {

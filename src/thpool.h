@@ -72,12 +72,10 @@ thpool *thpool_init(int num_threads);
 // called before the first job.
 void thpool_run_in_turn(thpool *pool);
 
-// Takes the turn for the caller, who then does the next job itself, without the switches of context
-// that a worker costs. Only where jobs run in turn, and false when one runs or waits, or there is
-// no worker, or one is held. Until thpool_end_turn() the caller counts as a busy worker and no job
-// runs. Any thread.
-bool thpool_take_turn(thpool *pool);
-void thpool_end_turn(thpool *pool);
+// Whether no job runs or waits, and there are workers, none of them held. It stays so until the
+// next job is queued: who alone queues jobs may do one itself, without the switches of context that
+// a worker costs. Any thread.
+bool thpool_is_idle(const thpool *pool);
 
 // Queues function(arg). Returns 0, or -1 when there is no pool or no memory for the job. Any
 // thread.

@@ -1,7 +1,7 @@
 #include "uciutils.h"
 
-#include "config.h"
 #include "guards.h"
+#include "log.h"
 #include "strutils.h"
 
 #include <cstdio>
@@ -84,7 +84,7 @@ int get_uci_int_with_default(const char *key, int fallback) {
 
 char *get_uci_string_with_default(const char *key, const char *fallback) {
     OwnedText text(get_uci_string(key));
-    syslog(LOG_DEBUG, "ret: %s", text ? text.get() : "(null)");
+    syslog(LOG_DEBUG, "ret: %s", shown(text.get()));
     if (!text || !*text)
         return strdup(fallback);
     // The message stands in the branch that does not use the default; log readers know it there.
@@ -130,14 +130,6 @@ bool isRemoteLog() {
 
 bool isFirstBoot() {
     return get_uci_int("vantrelle.@main[0].first_boot") == 1;
-}
-
-bool is_debug() {
-    return oDNS.debug_sql != 0;
-}
-
-bool is_sql_debug() {
-    return oDNS.debug != 0;
 }
 
 // Looks up the section that `key` names, or begins with; false when there is none, which is no
@@ -229,8 +221,7 @@ int set_remote_log(int flag) {
 }
 
 int set_dns(int n, const char *address) {
-    const char *shown = address ? address : "(null)";
-    syslog(LOG_DEBUG, "Inside set_dns %d : %s", n, shown);
+    syslog(LOG_DEBUG, "Inside set_dns %d : %s", n, shown(address));
     Lookup lookup = {.ctx = UciContext(uci_alloc_context())}; // without one the lookup fails
     char option[24] = "upstream_dns";
     if (n != 1) // the first one has no digit
@@ -242,7 +233,7 @@ int set_dns(int n, const char *address) {
         return 1;
     }
     syslog(LOG_DEBUG, "About to set option");
-    syslog(LOG_DEBUG, "config.option/config.value: %s, %s", option, shown);
+    syslog(LOG_DEBUG, "config.option/config.value: %s, %s", option, shown(address));
     // The failures name the database location, as log readers know them.
     if (!set_option(lookup, option, address)) {
         syslog(LOG_ERR, "failed to set new stats_db_location");
@@ -264,7 +255,7 @@ void set_stats_db_location(const char *directory) {
         syslog(LOG_ERR, "failed to find the specified section: %s 1", STATS_DB_PATH_KEY);
         return;
     }
-    syslog(LOG_DEBUG, "Stats db location is:  %s", directory ? directory : "(null)");
+    syslog(LOG_DEBUG, "Stats db location is:  %s", shown(directory));
     // The whole key is no option name: the library reports success and stores nothing, so that the
     // next start has no location either. Whoever wants a database configures its directory.
     if (!set_option(lookup, STATS_DB_PATH_KEY, directory))

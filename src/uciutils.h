@@ -34,12 +34,6 @@ bool isRemoteLog();
 // Whether the device was never set up ("vantrelle.@main[0].first_boot" reads as 1).
 bool isFirstBoot();
 
-// The two debug flags, crossed: is_sql_debug() returns oDNS.debug and is_debug() returns
-// oDNS.debug_sql. So the option "debug" turns on the traces of the database, "debug_sql" those of
-// the configuration store and of list matches. Existing set-ups rely on it.
-bool is_debug();
-bool is_sql_debug();
-
 // The writers change one option and commit its package at once; oDNS is left to the caller. A
 // commit changes the configuration file only when the option's value changes. The file then holds
 // what the store makes of it: comments and layout are gone. A missing section is a failure.

@@ -1,14 +1,11 @@
 #include "utils.h"
 
-#include <atomic>
 #include <cerrno>
 #include <clocale>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <syslog.h>
-
-static std::atomic<int> logged_priorities{LOG_UPTO(LOG_DEBUG)}; // what a process starts with
 
 int time2String(char *buffer, int64_t seconds) {
     int64_t hours = seconds / 3600;
@@ -48,15 +45,6 @@ char *commaprint(uint64_t number) {
 
 const char *error_text() {
     return std::strerror(errno); // NOLINT(concurrency-mt-unsafe): it is safe in glibc and musl
-}
-
-int set_logged_priorities(int mask) {
-    setlogmask(mask);
-    return logged_priorities.exchange(mask);
-}
-
-bool is_logged(int priority) {
-    return logged_priorities & LOG_MASK(priority);
 }
 
 void debugLog(const char *label, int64_t value) {

@@ -22,14 +22,6 @@ char *commaprint(uint64_t number);
 // The text of errno. Any thread.
 const char *error_text();
 
-// Sets the priorities that reach the log, as bits of LOG_MASK(), and returns those of before. Any
-// thread.
-int set_logged_priorities(int mask);
-
-// Whether lines of a priority reach the log now: asked where the line's arguments cost more than
-// the line. Takes no lock, which setlogmask() may. Any thread.
-bool is_logged(int priority);
-
 // Logs label and value at debug level with a format that lacks its conversion letter, so that what
 // is shown of the value is up to the C library. Any thread.
 void debugLog(const char *label, int64_t value);

@@ -4,8 +4,8 @@
 #include "fuzz.h"
 #include "list.h"
 #include "listload.h"
+#include "log.h"
 #include "statsdb.h"
-#include "utils.h"
 
 #include <cstdio>
 #include <sqlite3.h>

@@ -4,9 +4,9 @@
 #include "blacklist.h"
 #include "config.h"
 #include "fuzz.h"
-#include "server.h"
+#include "request.h"
+#include "log.h"
 #include "statsdb.h"
-#include "utils.h"
 #include "whitelist.h"
 
 #include <algorithm>

@@ -2,6 +2,7 @@
 #include "config.h"
 #include "database.h"
 #include "harness.h"
+#include "log.h"
 #include "statsdb.h"
 
 #include <cstdlib>
@@ -252,7 +253,7 @@ TEST_F(DatabaseSystemTest, LogLines) {
     openlog("database", LOG_PID, LOG_LOCAL0);
     oDNS.record_traffic = 1;
     for (const int debug : {1, 0}) {
-        oDNS.debug = debug;
+        set_traces(debug, false);
         fs::remove(file);
         ASSERT_EQ(open_database(file.c_str(), &oDNS.db), SQLITE_OK);
         const size_t old = log_lines().size();

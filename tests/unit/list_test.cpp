@@ -1,6 +1,6 @@
 #include "config.h"
 #include "list_helpers.h"
-#include "utils.h"
+#include "log.h"
 
 #include <fstream>
 #include <future>
@@ -146,14 +146,13 @@ TEST(ListTest, TracesFollowTheirFlags) {
         ASSERT_EQ(add(item, opt, list), LIST_OK);
     const auto traces = [&list](int debug, int debug_sql, int priorities) {
         const int mask = set_logged_priorities(priorities);
-        oDNS.debug = debug;
-        oDNS.debug_sql = debug_sql;
+        set_traces(debug, debug_sql);
         testing::internal::CaptureStderr();
         openlog("t", LOG_PERROR, LOG_LOCAL0);
         find_in_list("a.ww", list, 1, nullptr);
         openlog("t", 0, LOG_LOCAL0);
         closelog();
-        oDNS.debug = oDNS.debug_sql = 0;
+        set_traces(false, false);
         set_logged_priorities(mask);
         return testing::internal::GetCapturedStderr();
     };

@@ -4,7 +4,7 @@
 #include "filterlist.h"
 #include "list_helpers.h"
 #include "listload.h"
-#include "utils.h"
+#include "log.h"
 #include "whitelist.h"
 
 #include <atomic>

@@ -82,22 +82,18 @@ TEST_F(Pool, TurnsRunOneJobAtATimeAndCountAsWorkersWould) {
     };
     start(3, false);
     thpool_run_in_turn(pool);
-    ASSERT_TRUE(thpool_take_turn(pool));
-    EXPECT_FALSE(thpool_take_turn(pool));
-    add(4);
+    EXPECT_TRUE(thpool_is_idle(pool));
+    add(5);
+    EXPECT_FALSE(thpool_is_idle(pool));
     EXPECT_EQ(counts(), std::pair(3, 2));
     go_on = true;
-    sleep_for(50ms);
-    EXPECT_EQ(ran, 0);
-    thpool_end_turn(pool);
     for (int i = 0; i < 20; i++)
         ASSERT_EQ(thpool_add_work(pool, overlap, nullptr), 0);
     thpool_wait(pool);
-    EXPECT_EQ(ran, 4);
+    EXPECT_EQ(ran, 5);
     EXPECT_EQ(most, 1);
     EXPECT_EQ(counts(), std::pair(0, 0));
-    EXPECT_TRUE(thpool_take_turn(pool));
-    thpool_end_turn(pool);
+    EXPECT_TRUE(thpool_is_idle(pool));
 }
 
 TEST_F(Pool, PausedWorkersSleepUntilResumed) {

@@ -1,0 +1,131 @@
+#include "request.h"
+
+#include "blacklist.h"
+#include "blockedlist.h"
+#include "config.h"
+#include "counters.h"
+#include "forward.h"
+#include "ledutils.h"
+#include "log.h"
+#include "netutils.h"
+#include "statsdb.h"
+#include "utils.h"
+#include "whitelist.h"
+
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <strings.h>
+#include <syslog.h>
+
+static int is_reverse(const char *name, sockaddr_in client) {
+    // IPv6 reverse names are not recognised.
+    if (strlen(name) < 13 || !strstr(name, "in-addr.arpa"))
+        return 0;
+    syslog(LOG_DEBUG, "%s is a reverse lookup (%s)", name, socket2ip(client));
+    return 1;
+}
+
+static bool is_own_name(const char *name) {
+    if (strcasecmp(name, "vantrelle") == 0 || strcasecmp(name, "vantrelle.localdomain") == 0)
+        return true;
+    const size_t length = strlen(oDNS.hostname);
+    if (strncasecmp(name, oDNS.hostname, length) != 0)
+        return false;
+    // The buffer cuts the suffix to ".loca"; queries for the full name go through the lists. Kept.
+    char with_suffix[24];
+    snprintf(with_suffix, sizeof with_suffix, "%s.local", oDNS.hostname);
+    return !name[length] || strcasecmp(name, with_suffix) == 0;
+}
+
+static int is_local(const char *name, sockaddr_in client) {
+    if (!is_own_name(name))
+        return 0;
+    syslog(LOG_INFO, "%s is local server (%s)", name, socket2ip(client));
+    return 1;
+}
+
+void divert(const uint8_t *message, int32_t length, sockaddr_in client, int blocked) {
+    // A pointer to the question's name (RFC 1035, 4.1.4), type A, class IN, 1345 seconds to live,
+    // 4 bytes of data: 255.255.255.255.
+    static constexpr uint8_t ANSWER[] = {0xC0, 0x0C, 0x00, 0x01, 0x00, 0x01, 0x00, 0x00,
+                                         0x05, 0x41, 0x00, 0x04, 0xFF, 0xFF, 0xFF, 0xFF};
+    syslog(LOG_DEBUG, "Diverting");
+    if (blocked == 1) {
+        update_stats(1, 1, 0, 0);
+        multi_led_red();
+    } else {
+        multi_led_green();
+    }
+    if (length < 0)
+        length = 0;
+    uint8_t reply[MAX_MESSAGE + sizeof ANSWER] = {};
+    memcpy(reply, message, static_cast<size_t>(length));
+    reply[2] = 0x80;  // a response; opcode, authority, truncation and recursion desired are cleared
+    reply[3] |= 0x83; // recursion available, name error
+    reply[6] = 0;     // one answer
+    reply[7] = 1;
+    reply[10] = reply[11] = 0; // no additional records, though the query's own may still follow
+    memcpy(reply + length, ANSWER, sizeof ANSWER);
+    const ssize_t sent =
+        send_datagram(oDNS.listenfd, reply, length + static_cast<int32_t>(sizeof ANSWER), client);
+    if (sent < 0)
+        syslog(LOG_ERR, "[%lu] Divert Received error: %s %d\n",
+               static_cast<unsigned long>(pthread_self()), error_text(), static_cast<int>(sent));
+}
+
+// The first rule that matches decides. Blocked devices win over everything, white over black.
+static Decision decide(const char *name, sockaddr_in client) {
+    if (oDNS.disabled == 1 || is_local(name, client) || is_reverse(name, client))
+        return Decision::FORWARD;
+    const Query query{name, socket2ip(client)};
+    if (is_blocked_device(query))
+        return Decision::DIVERT;
+    if (is_whitelisted(query))
+        return Decision::FORWARD_AND_RECORD;
+    return is_blacklisted(query) ? Decision::DIVERT : Decision::FORWARD_AND_RECORD;
+}
+
+// Decides unless that is done, and diverts what is blocked. Returns whether it was. Sets the name.
+static bool divert_if_blocked(DnsRequest &request, char (&name)[QUERY_NAME_SIZE]) {
+    extract_url(name, request.message, QUESTION_OFFSET, request.client);
+    if (request.decision == Decision::OPEN)
+        request.decision = decide(name, request.client);
+    if (request.decision != Decision::DIVERT)
+        return false;
+    divert(request.message, request.length, request.client, 1);
+    return true;
+}
+
+static void answer(DnsRequest &request) {
+    char name[QUERY_NAME_SIZE] = "";
+    if (divert_if_blocked(request, name))
+        return;
+    forward_request(request.message, request.length, request.client);
+    if (request.decision == Decision::FORWARD_AND_RECORD && oDNS.record_traffic == 1)
+        record_request(name, request.client);
+}
+
+bool divert_at_once(DnsRequest &request) {
+    const MutexGuard guard(lock);
+    char name[QUERY_NAME_SIZE] = "";
+    return !is_report_due(read_counter(oDNS.requests) + 1) && divert_if_blocked(request, name);
+}
+
+void *_process_request(void *job) {
+    const MutexGuard guard(lock);
+    const bool timed = is_logged(LOG_DEBUG); // reading the processor clock is a system call
+    const clock_t start = timed ? clock() : 0;
+    if (timed)
+        debugLog("Request Start", start);
+    {
+        const std::unique_ptr<DnsRequest, FreeMemory> request(static_cast<DnsRequest *>(job));
+        answer(*request);
+    }
+    if (timed) {
+        syslog(LOG_DEBUG, "Request End: %lf",
+               static_cast<double>(clock() - start) / CLOCKS_PER_SEC);
+        syslog(LOG_DEBUG, "_____________________________________________________________");
+    }
+    return nullptr;
+}

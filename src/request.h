@@ -1,0 +1,37 @@
+// One query on its way through the daemon: the job record, the decision and the local answer. What
+// is forwarded goes through forward.h.
+//
+// A worker runs _process_request() for each datagram, unless the receive loop could divert it at
+// once with divert_at_once(); both hold `lock` meanwhile, so there is one request at a time.
+#pragma once
+
+#include "svrutils.h"
+
+#include <cstdint>
+#include <netinet/in.h>
+
+// What becomes of a request.
+enum class Decision : uint8_t { OPEN, FORWARD, FORWARD_AND_RECORD, DIVERT };
+
+// One received datagram. The receive loop allocates what it queues with malloc(); the worker that
+// runs it, or the pool's destruction, frees it.
+struct DnsRequest {
+    uint8_t message[MAX_MESSAGE + 4]; // zero-filled behind the datagram
+    int32_t length;                   // as the receive returned it
+    sockaddr_in client;               // all zero for the first datagram after the start
+    Decision decision;                // OPEN unless the receive loop made it
+};
+
+// Classifies one request, forwards or diverts it and frees it. `job` is a DnsRequest *. Returns
+// null. Worker.
+void *_process_request(void *job);
+
+// Decides a request and diverts it if it is blocked, unless a report falls due with it, whose row
+// may have to wait for the database. Returns whether it was diverted; if not, the request is for a
+// worker. Receive loop, while no worker has a job.
+bool divert_at_once(DnsRequest &request);
+
+// Sends the local answer to a query: the query itself with response code 3 (name error) and one A
+// record for 255.255.255.255 behind it. `blocked` is 1 when a list decided it, which counts.
+// `message` has `length` bytes. Holder of `lock`.
+void divert(const uint8_t *message, int32_t length, sockaddr_in client, int blocked);
