@@ -1,0 +1,134 @@
+// The service script on a router's shell and tools (busybox), under a stand-in of its supervisor.
+#include "harness.h"
+
+#include <array>
+
+using namespace harness;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+struct Service : SystemTest {
+    Upstream upstream{1};
+    std::string first_socket; // when the test's action began
+
+    void SetUp() override {
+        SystemTest::SetUp();
+        configure({{"dns_timeout", "5000"}});
+        ASSERT_EQ(system("command -v busybox >/dev/null"), 0) << "needs Debian's package busybox";
+        // The router's tools and no others, its shell as /bin/sh, its scripts where it has them.
+        run("mkdir /tmp/router && busybox --install -s /tmp/router && "
+            "cp " ROUTER_FILES "/uci /tmp/router && cp " ROUTER_FILES "/rc.common /etc && "
+            "rm -f /etc/init.d && mkdir /etc/init.d && sed 's|^DAEMON=.*|DAEMON=" +
+            std::string(daemon_program) +
+            "|' " SHIPPED_FILES "/etc/init.d/vantrelle "
+            ">/etc/init.d/vantrelle && chmod +x /etc/init.d/vantrelle && "
+            "mount --bind \"$(command -v busybox)\" \"$(readlink -f /bin/sh)\"");
+        setenv("PATH", "/tmp/router", 1);
+        service("start");
+        expect_new_daemon();
+    }
+
+    static void service(const std::string &action) { run("/etc/init.d/vantrelle " + action); }
+
+    // The daemon's listening socket, by its inode; empty while there is none.
+    static std::string listener() {
+        std::ifstream table("/proc/net/udp");
+        for (std::string line; std::getline(table, line);) {
+            std::array<char, 9> address{};
+            unsigned port = 0;
+            unsigned long inode = 0;
+            if (sscanf(line.c_str(), "%*s %8[^:]:%x %*s %*s %*s %*s %*s %*s %*s %lu",
+                       address.data(), &port, &inode) == 3 &&
+                port == 53 && strncmp(address.data() + 2, "08A8C0", 6) == 0)
+                return std::to_string(inode);
+        }
+        return "";
+    }
+
+    bool is_new() const { return !listener().empty() && listener() != first_socket; }
+
+    // A daemon that was not there before listens in that time (milliseconds), and answers the first
+    // client. Whoever asks in the very moment of its start may be first and is not answered.
+    void expect_new_daemon(int timeout = 1000, const char *address = sandbox::router) {
+        ASSERT_TRUE(eventually([&] { return is_new(); }, timeout));
+        usleep(500'000);
+        EXPECT_TRUE(Client().ask(query("first.example"), address));
+        first_socket = listener();
+    }
+};
+
+TEST_F(Service, ReloadRestartsOnlyForAChange) {
+    service("reload");
+    EXPECT_FALSE(eventually([&] { return is_new() || log_count("signal") > 0; }, 500));
+    configure({{"board", "Other"}});
+    service("reload");
+    expect_new_daemon();
+    EXPECT_EQ(log_count("Shutdown Complete"), 1U);
+}
+
+// One query every 20 ms: unanswered are those of the time without a daemon, and the first.
+TEST_F(Service, ReloadCostsAMomentOfQueries) {
+    configure({{"board", "Other"}});
+    Process reload("/etc/init.d/vantrelle", {"reload"});
+    Client client;
+    constexpr uint16_t queries = 75;
+    std::array<bool, queries + 1> answered{};
+    uint16_t sent_before = queries; // the new daemon
+    auto due = Clock::now();
+    for (uint16_t id = 1; id <= queries; id++) {
+        if (is_new())
+            sent_before = std::min(sent_before, id);
+        client.send(query("stream.example", id));
+        due += std::chrono::milliseconds(20);
+        for (auto now = Clock::now(); now < due; now = Clock::now()) {
+            const auto left = std::chrono::ceil<std::chrono::milliseconds>(due - now);
+            if (const auto answer = client.receive(static_cast<int>(left.count())))
+                answered[id_of(*answer)] = true;
+        }
+    }
+    const auto lost = [&](uint16_t from, uint16_t to) {
+        return std::count(answered.begin() + from, answered.begin() + to, false);
+    };
+    EXPECT_LT(lost(1, sent_before), 50);
+    EXPECT_LE(lost(sent_before, queries), 1);
+}
+
+// No datagram of a client reaches the old daemon then. One that still waits for an upstream is
+// killed.
+TEST_F(Service, AddressChange) {
+    const auto change_to = [](const char *address) {
+        run("ip addr flush dev apcli0 && ip addr add "s + address + "/24 dev apcli0");
+        service("reload");
+    };
+    change_to("192.168.8.2");
+    expect_new_daemon(2000, "192.168.8.2");
+    EXPECT_EQ(log_count("Shutdown Complete"), 1U);
+    const size_t waiting = upstream.count() + 1;
+    Client().send(query("silent.example"), "192.168.8.2");
+    ASSERT_TRUE(eventually([&] { return upstream.count() == waiting; }));
+    change_to("192.168.8.3");
+    EXPECT_TRUE(eventually([&] { return is_new(); }, 2000));
+    EXPECT_EQ(system("{ ip addr; ip route; } | grep '192.168.8.[12][/ ]'"), 256)
+        << "a borrowed address stayed";
+}
+
+TEST_F(Service, CrashIsPrimedToo) {
+    run("kill -KILL $(pidof vantrelled)");
+    expect_new_daemon(7000);
+}
+
+TEST_F(Service, StopAndRestartAreOrderlyAndFast) {
+    for (size_t round = 1; const char *action : {"restart", "stop"}) {
+        const auto start = Clock::now();
+        service(action);
+        EXPECT_LT(Clock::now() - start, std::chrono::seconds(1)) << action;
+        EXPECT_EQ(log_count("Shutdown Complete"), round++);
+        if (action == "restart"s)
+            expect_new_daemon();
+    }
+    EXPECT_FALSE(eventually([&] { return is_new(); }, 6000)) << "stopped, and started again";
+}
+
+} // namespace
