@@ -4,15 +4,15 @@
 #include "blacklist.h"
 #include "config.h"
 #include "fuzz.h"
-#include "request.h"
 #include "log.h"
+#include "request.h"
+#include "sqlite_heap.h"
 #include "statsdb.h"
 #include "whitelist.h"
 
 #include <algorithm>
 #include <arpa/inet.h>
 #include <fstream>
-#include <sqlite3.h>
 #include <syslog.h>
 
 namespace {
@@ -57,6 +57,7 @@ void forget_queries() {
 
 std::string set_up() {
     static char directory[] = "/dev/shm/query-fuzz-XXXXXX";
+    take_own_heap();
     check(mkdtemp(directory) && open_database(":memory:", &oDNS.db) == SQLITE_OK);
     for (const auto &[name, lines] : FILES)
         std::ofstream(std::string(directory) + '/' + name) << lines;
