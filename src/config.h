@@ -20,7 +20,7 @@ struct sqlite3;
 struct thpool;
 
 inline constexpr const char *PRODUCT_NAME = "Vantrelle";
-inline constexpr const char *PRODUCT_VERSION = "2.03a";
+inline constexpr const char *PRODUCT_VERSION = VANTRELLE_VERSION; // the file VERSION
 inline constexpr int UPSTREAM_SLOTS = 4;
 
 // Texts marked "owned" are heap copies that _free_config() releases; an option of the
