@@ -49,7 +49,7 @@ BENCHMARK_DEFINE_F(Database, RecordRequest)(benchmark::State &state) {
     Names names;
     for (auto _ : state)
         if (!record_request(names.next(), client))
-            state.SkipWithError("a row was refused");
+            state.SkipWithError("a row was not written");
     state.SetItemsProcessed(state.iterations());
 }
 
@@ -57,7 +57,7 @@ BENCHMARK_DEFINE_F(Database, InsertListRecord)(benchmark::State &state) {
     Names names;
     for (auto _ : state)
         if (!insert_list_record(names.next(), "black", "ads", "192.168.8.20"))
-            state.SkipWithError("a row was refused");
+            state.SkipWithError("a row was not written");
     state.SetItemsProcessed(state.iterations());
 }
 

@@ -49,8 +49,8 @@ expect_log() { # text, which is then shown as the log has it
 	grep -F -- "$1" "$LOG" | tail -n 1 | sed 's/^<[0-9]*>//' | indent
 }
 
-# Asks like a device of the network, most of which do without EDNS, and shows the question, the
-# status and the answers; what dig said stays in $answer.
+# Sends a query like a device of the network, most of which do without EDNS, and shows it, the status
+# and the answers; what dig said stays in $answer.
 ask() { # name, type, the device's address
 	printf '%s    $ dig @%s -b %s +noedns %s %s%s\n' \
 		"$dim" "$ROUTER" "${3:-$CLIENT}" "$1" "${2:-A}" "$plain"
@@ -129,7 +129,7 @@ start_daemon() {
 stop_daemon() {
 	kill "$daemon"
 	expect_log "vantrelled[$daemon]: Processing signal SIGTERM"
-	say "It stops with the next question that arrives:"
+	say "It stops with the next query that arrives:"
 	dig "@$ROUTER" -b "$CLIENT" +tries=1 +time=1 news.example >/dev/null || true
 	expect_log "vantrelled[$daemon]: Shutdown Complete"
 	wait "$daemon" || fail "the daemon ended with status $?"
@@ -157,7 +157,7 @@ step_start() {
 
 step_forward() {
 	title "A name that nobody minds"
-	say "A device on the network ($CLIENT) asks the router; the router asks the outside world:"
+	say "A device on the network ($CLIENT) asks the router, which forwards the query:"
 	ask news.example
 	expect_answer 203.0.113.10 "the answer came through"
 	ask printer.home.example
@@ -189,7 +189,7 @@ step_live_edit() {
 	call list '{"list":"bl","start":"1","count":"10"}'
 	expect_answer "games.example" "the page of the local black list shows it"
 	ask www.games.example
-	expect_blocked "and it holds from the next question on"
+	expect_blocked "and it holds from the next query on"
 	call remove '{"list":"bl","pattern":"games.example"}'
 	ask www.games.example
 	expect_answer 203.0.113.67 "removed again, the name resolves"
@@ -198,7 +198,7 @@ step_live_edit() {
 step_statistics() {
 	title "What it remembers"
 	call stats
-	expect_answer '"blocked":4' "four of ten questions were refused so far (nothing counts block_rate: it is always 0)"
+	expect_answer '"blocked":4' "four of ten queries were blocked so far (nothing counts block_rate: it is always 0)"
 	say "The database has each of the four:"
 	local list query=""
 	for list in black local_black blocked_device; do
@@ -210,7 +210,7 @@ step_statistics() {
 	(($(grep -c 192.168.8.2 <<<"$answer") == 4)) || fail "it does not have four"
 	expect_answer games.example "which list, which pattern, which name, which device"
 	query_database "select fqdn, ip from dns_traffic where ip <> '0.0.0.0' order by id"
-	expect_answer 192.168.8.22 "and what was passed on, to whom"
+	expect_answer 192.168.8.22 "and what was forwarded, for whom"
 	call clients
 	expect_answer '"clients"' "the neighbours that the router knows (none here, where all are one machine)"
 }
@@ -218,7 +218,7 @@ step_statistics() {
 step_failover() {
 	title "The first DNS server goes down"
 	kill "${upstreams[0]}"
-	say "Five questions in a row stay without an answer (0.3 seconds each), ..."
+	say "Five queries in a row stay without an answer (0.3 seconds each), ..."
 	local try
 	for try in 1 2 3 4 5; do
 		dig "@$ROUTER" -b "$CLIENT" +tries=1 +time=1 news.example >/dev/null || true
@@ -272,8 +272,8 @@ step_leds() {
 		BEGIN {
 			meaning["0 255 0"] = "green: starting"
 			meaning["255 240 0"] = "yellow: loading the lists"
-			meaning["255 0 0"] = "red: lists loaded, or a refusal"
-			meaning[blue = "0 0 255"] = "blue: ready, or passed on"
+			meaning["255 0 0"] = "red: lists loaded, or a query blocked"
+			meaning[blue = "0 0 255"] = "blue: ready, or a query forwarded"
 			meaning["204 102 0"] = "orange: no answer from a DNS server"
 			meaning["0 0 0"] = "off"
 		}
