@@ -16,7 +16,3 @@ void *admin_ubus_main(void *);
 // configuration store may be stuck. Main thread.
 bool close_admin_gate();
 void open_admin_gate();
-
-// "Black", "White" and "Device" for the list ids 0, 1 and 2, "Unknown" for any other: the list of
-// blocked devices, id 3, has no name on the bus.
-const char *get_list_name(int id);

@@ -218,11 +218,20 @@ static void trace_match(const char *key, const Node *node) {
         syslog(LOG_DEBUG, "Found %s Ends With: %s", key, frag);
 }
 
-// Patterns longer than the key cannot match it, and from the first of them on all are.
-static Node *walk(const char *key, size_t length, List *list, Node *&expired) {
+// The first node that matches. Patterns longer than the key cannot, and from the first of them on
+// all are longer.
+static Node *walk(const char *key, size_t length, const List *list) {
+    for (Node *node = list->head; node && !is_longer(node, length); node = node->next)
+        if (matches(key, node))
+            return node;
+    return nullptr;
+}
+
+// The same, removing what has expired on the way. The node behind an expired one is tested whatever
+// its own length and expiry are.
+static Node *walk_and_expire(const char *key, size_t length, List *list, Node *&expired) {
     for (Node **link = &list->head; *link && !is_longer(*link, length); link = &(*link)->next) {
         is_expired_node(*link, list, expired);
-        // The node behind an expired one is tested whatever its own length and expiry are.
         if (!*link)
             break;
         if (matches(key, *link))
@@ -237,10 +246,16 @@ static bool is_traced() {
            (is_sql_debug() && is_logged(LOG_INFO)); // that of the expiry
 }
 
-static Node *find_node(const char *key, List *list, Node *&expired) {
+static Node *search(const char *key, List *list, Node *&expired) {
     const size_t length = strlen(key);
-    const ListIndex *index = is_traced() || length > LONGEST_INDEXED ? nullptr : index_of(list);
-    Node *node = index ? index_find(*index, {key, length}) : walk(key, length, list, expired);
+    if (list->expiring || is_traced())
+        return walk_and_expire(key, length, list, expired);
+    const ListIndex *index = length > LONGEST_INDEXED ? nullptr : index_of(list);
+    return index ? index_find(*index, {key, length}) : walk(key, length, list);
+}
+
+static Node *find_node(const char *key, List *list, Node *&expired) {
+    Node *node = search(key, list, expired);
     if (node)
         trace_match(key, node);
     return node;
