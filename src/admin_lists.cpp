@@ -128,14 +128,14 @@ struct EditableList {
     int (*remove)(const char *item);
 };
 
-constexpr EditableList EDITABLE_LISTS[] = {
+} // namespace
+
+static constexpr EditableList EDITABLE_LISTS[] = {
     {"bl", ubus_add_black_list, ubus_del_black_list},
     {"wl", ubus_add_white_list, ubus_del_white_list},
     {"ad", ubus_add_admin_list, ubus_del_device_list},
     {"bd", ubus_add_bad_list, ubus_del_bad_device_list},
 };
-
-} // namespace
 
 enum { UPDATE_ID, UPDATE_LIST, UPDATE_PATTERN, UPDATE_OPTION };
 

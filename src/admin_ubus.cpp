@@ -192,7 +192,9 @@ struct NumberSetting {
     const char *applied;
 };
 
-constexpr NumberSetting NUMBER_SETTINGS[] = {
+} // namespace
+
+static constexpr NumberSetting NUMBER_SETTINGS[] = {
     {"loglevel", [] { return oDNS.log_level.load(); }, set_loglevel,
      [](int level) {
          oDNS.log_level = level;
@@ -207,8 +209,8 @@ constexpr NumberSetting NUMBER_SETTINGS[] = {
 };
 
 // The arguments: an id that is not read, the addresses, the numbers in the order of their table.
-constexpr int SET_DNS1 = 1, SET_NUMBERS = SET_DNS1 + UPSTREAM_SLOTS;
-constexpr auto set_config_policy = [] {
+static constexpr int SET_DNS1 = 1, SET_NUMBERS = SET_DNS1 + UPSTREAM_SLOTS;
+static constexpr auto set_config_policy = [] {
     std::array<blobmsg_policy, SET_NUMBERS + std::size(NUMBER_SETTINGS)> policy = {
         {{.name = "id", .type = BLOBMSG_TYPE_INT32},
          {.name = "dns1", .type = BLOBMSG_TYPE_STRING},
@@ -219,6 +221,8 @@ constexpr auto set_config_policy = [] {
         policy[SET_NUMBERS + i] = {.name = NUMBER_SETTINGS[i].name, .type = BLOBMSG_TYPE_STRING};
     return policy;
 }();
+
+namespace {
 
 // What set_config is to set: the arguments, or the current number where one is missing.
 struct NewSettings {

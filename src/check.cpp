@@ -6,6 +6,6 @@
 void require(bool holds, const char *text, const char *where) {
     if (holds)
         return;
-    std::fprintf(stderr, "Assertion failed: %s (%s)\n", text, where);
-    std::abort();
+    fprintf(stderr, "Assertion failed: %s (%s)\n", text, where);
+    abort();
 }

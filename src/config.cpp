@@ -20,9 +20,9 @@ static char *make_hostname() {
     constexpr size_t SIZE = 19;
     // The interface is fixed: the host name is built before the configured interface is read.
     const OwnedText mac(getMacAddress("apcli0"));
-    char *hostname = static_cast<char *>(std::calloc(1, SIZE));
+    char *hostname = static_cast<char *>(calloc(1, SIZE));
     if (hostname)
-        std::snprintf(hostname, SIZE, "%s-%s", PRODUCT_NAME, mac ? mac.get() : "");
+        snprintf(hostname, SIZE, "%s-%s", PRODUCT_NAME, mac ? mac.get() : "");
     return hostname;
 }
 
@@ -119,7 +119,7 @@ void replace_upstreams(const char *const (&texts)[UPSTREAM_SLOTS]) {
         char *copy = strdup(texts[slot]);
         if (!copy)
             continue; // out of memory: the old address stays in use
-        std::free(oDNS.upstream_dns[slot]);
+        free(oDNS.upstream_dns[slot]);
         oDNS.upstream_dns[slot] = copy;
     }
 }

@@ -43,7 +43,8 @@ void update_stats(int32_t requests, int32_t blocked, int32_t resets, int32_t err
     write_stats();
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat"
-    // Where a long has 32 bits this shows the halves of the first counters; the text is kept.
+    // Where a long has 32 bits this shows the halves of the first counters: log readers know the
+    // text so.
     syslog(LOG_INFO,
            "[ Req: %lu ] [ Blocked: %lu ] [ Resets: %lu ] [ Errors: %lu ] [ Threads: %d ]",
            read_counter(oDNS.requests), read_counter(oDNS.blocked), read_counter(oDNS.resets),

@@ -21,13 +21,13 @@ std::atomic<List *> white_list;
 std::atomic<List *> local_white_list;
 std::atomic<List *> device_list;
 
-namespace {
-
 // Seconds after which a list whose table was locked is tried again.
-constexpr uint32_t RETRY_INTERVAL = 10;
+static constexpr uint32_t RETRY_INTERVAL = 10;
 
 // Longer paths of the black lists are cut, file and list name with them.
-constexpr size_t BLACK_PATH_SIZE = 100;
+static constexpr size_t BLACK_PATH_SIZE = 100;
+
+namespace {
 
 enum class Subject : uint8_t { NAME, CLIENT };
 
@@ -42,7 +42,9 @@ struct FilterList {
     bool next_anew;    // even if it is loaded already
 };
 
-const FilterList FILTER_LISTS[] = {
+} // namespace
+
+static const FilterList FILTER_LISTS[] = {
     {black_list, "black.lst", BLACK_PATH_SIZE, Subject::NAME, "%s blacklisted (%s)", true,
      ListId::NONE, false},
     {local_black_list, "local_black.lst", BLACK_PATH_SIZE, Subject::NAME,
@@ -57,28 +59,28 @@ const FilterList FILTER_LISTS[] = {
      "%s is excluded device, forwarding %s", true, ListId::NONE, false},
 };
 
-const FilterList &row_of(ListId id) {
+static const FilterList &row_of(ListId id) {
     return FILTER_LISTS[static_cast<size_t>(id)];
 }
 
 // Held while lists are loaded or unloaded, also by loads that chain into each other. Lookups in
 // loaded lists do not take it.
-RecursiveMutex list_loading;
+static RecursiveMutex list_loading;
 
-uint32_t monotonic_seconds() {
+static uint32_t monotonic_seconds() {
     timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);
     return static_cast<uint32_t>(now.tv_sec);
 }
 
 // Whether what the variable holds can be used as it is.
-bool is_usable(const List *list) {
+static bool is_usable(const List *list) {
     return list && (!list->is_locked_out || monotonic_seconds() - list->tried_at < RETRY_INTERVAL);
 }
 
 // Fills a new list from the file and the table and puts it into the variable. One whose table is
 // locked does not take the place of a list that is there already.
-int load_one(const FilterList &filter) {
+static int load_one(const FilterList &filter) {
     List *fresh = create_list();
     if (!fresh)
         return 0;
@@ -97,7 +99,7 @@ int load_one(const FilterList &filter) {
 }
 
 // The list, which is loaded first if it has to be. Empty only without memory.
-ListHold loaded(ListId id) {
+static ListHold loaded(ListId id) {
     const FilterList &filter = row_of(id);
     if (ListHold list(filter.variable); is_usable(list.get()))
         return list;
@@ -107,8 +109,6 @@ ListHold loaded(ListId id) {
     load_filter_list(id);
     return ListHold(filter.variable);
 }
-
-} // namespace
 
 int load_filter_list(ListId id) {
     const MutexGuard guard(list_loading);

@@ -6,24 +6,22 @@
 #include <cstring>
 #include <fcntl.h>
 
-namespace {
+static constexpr int PINS = 30;
+static constexpr size_t PATH_LENGTH = 100;
 
-constexpr int PINS = 30;
-constexpr size_t PATH_LENGTH = 100;
+static std::array<bool, PINS> exported{};
 
-std::array<bool, PINS> exported{};
-
-bool is_pin(int pin) {
+static bool is_pin(int pin) {
     return pin >= 0 && pin < PINS;
 }
 
-bool is_exported(int pin) {
+static bool is_exported(int pin) {
     return is_pin(pin) && exported[static_cast<size_t>(pin)];
 }
 
 // True when the file could be opened. What the kernel makes of the text is not looked at: a pin
-// that is exported already refuses to be exported again, and is ours all the same.
-bool write_text(const char *path, const char *text) {
+// that is exported already cannot be exported again, and is ours all the same.
+static bool write_text(const char *path, const char *text) {
     const UniqueFd file(open(path, O_WRONLY | O_TRUNC | O_CLOEXEC));
     if (!file)
         return false;
@@ -31,11 +29,13 @@ bool write_text(const char *path, const char *text) {
     return true;
 }
 
-bool write_number(const char *path, int number) {
+static bool write_number(const char *path, int number) {
     char text[12];
     snprintf(text, sizeof text, "%d", number);
     return write_text(path, text);
 }
+
+namespace {
 
 // The path of one of the pin's files.
 struct PinPath {

@@ -7,14 +7,15 @@
 #include <sys/mman.h>
 #include <syslog.h>
 
+static constexpr const char *MEMORY_DEVICE = "/dev/mem";
+static constexpr off_t REGISTERS_ADDRESS = 0x10000000;
+static constexpr size_t REGISTERS_SIZE = 1024;
+static constexpr size_t FIRST_MODE_REGISTER =
+    96 / sizeof(uint32_t); // index; the second one follows
+
+static constexpr uint32_t MAX_FUNCTIONS = 4;
+
 namespace {
-
-constexpr const char *MEMORY_DEVICE = "/dev/mem";
-constexpr off_t REGISTERS_ADDRESS = 0x10000000;
-constexpr size_t REGISTERS_SIZE = 1024;
-constexpr size_t FIRST_MODE_REGISTER = 96 / sizeof(uint32_t); // index; the second one follows
-
-constexpr uint32_t MAX_FUNCTIONS = 4;
 
 struct MuxGroup {
     const char *name;
@@ -23,7 +24,9 @@ struct MuxGroup {
     uint32_t mask;
 };
 
-constexpr MuxGroup omega2GpioMux[] = {
+} // namespace
+
+static constexpr MuxGroup omega2GpioMux[] = {
     {"i2c", {"i2c", "gpio"}, 20, 3},
     {"uart0", {"uart", "gpio"}, 8, 3},
     {"uart1", {"uart", "gpio", "pwm01"}, 24, 3},
@@ -40,8 +43,10 @@ constexpr MuxGroup omega2GpioMux[] = {
 
 // The mapping outlives no descriptor: both are taken and released together. Registers are read and
 // written as whole 32-bit words, exactly as often as the code says, hence volatile.
-int memory_fd = -1;
-volatile uint32_t *registers = nullptr;
+static int memory_fd = -1;
+static volatile uint32_t *registers = nullptr;
+
+namespace {
 
 // Where a field lies: its register and its shift within it.
 struct Field {

@@ -17,11 +17,13 @@ enum : int { RED_PIN = 0, BLUE_PIN = 1, GREEN_PIN = 2 };
 // The single LEDs hang between supply and pin: a low pin lights them.
 enum : int { LED_ON = 0, LED_OFF = 1 };
 
+} // namespace
+
 // Descriptor of the chain. Atomic because workers write frames while nothing but the order of
 // shutdown keeps the main thread from closing it.
-std::atomic<int> chain_fd{-1};
+static std::atomic<int> chain_fd{-1};
 
-constexpr LedFrame whole_chain(uint8_t red, uint8_t green, uint8_t blue) {
+static constexpr LedFrame whole_chain(uint8_t red, uint8_t green, uint8_t blue) {
     LedFrame frame{};
     for (size_t at = 0; at < frame.size(); at += 3) {
         frame[at] = red;
@@ -33,12 +35,10 @@ constexpr LedFrame whole_chain(uint8_t red, uint8_t green, uint8_t blue) {
 
 // The colour is a template argument so that each frame is built by the compiler.
 template <uint8_t red, uint8_t green, uint8_t blue>
-void show() {
+static void show() {
     static constexpr LedFrame frame = whole_chain(red, green, blue);
     multi_led(frame);
 }
-
-} // namespace
 
 void start_init_leds() {
     init_multi_led();
@@ -73,8 +73,8 @@ void multi_led(const LedFrame &frame) {
     const int fd = chain_fd;
     if (fd <= 0)
         return;
-    // A device that refuses a frame, or is not ready for it, keeps its old colour; there is nobody
-    // to tell.
+    // A device that does not take a frame, or is not ready for it, keeps its old colour; there is
+    // nobody to tell.
     [[maybe_unused]] const ssize_t written = write(fd, frame.data(), frame.size());
 }
 

@@ -25,18 +25,20 @@ struct Length {
     uint32_t patterns[ROLES];
 };
 
-constexpr size_t LENGTHS = LONGEST_INDEXED + 1;
-constexpr uint32_t WORD_BITS = 32;
+} // namespace
+
+static constexpr size_t LENGTHS = LONGEST_INDEXED + 1;
+static constexpr uint32_t WORD_BITS = 32;
 
 // Slots are taken up to three quarters. A word of the bitmap serves two slots, and each pattern
 // sets two of its bits: at most one miss in a hundred gets past it.
-constexpr uint32_t SMALLEST_CAPACITY = 128;
-constexpr uint32_t SLOTS_PER_WORD = 2;
+static constexpr uint32_t SMALLEST_CAPACITY = 128;
+static constexpr uint32_t SLOTS_PER_WORD = 2;
 
 // Base of the polynomial: a multiplier modulo 2^32 with a good spectrum (Steele and Vigna, 2021).
-constexpr uint32_t BASE = 0x915f77f5;
+static constexpr uint32_t BASE = 0x915f77f5;
 
-constexpr auto POWERS = [] {
+static constexpr auto POWERS = [] {
     std::array<uint32_t, LENGTHS> powers{};
     uint32_t power = 1;
     for (uint32_t &entry : powers) {
@@ -46,27 +48,27 @@ constexpr auto POWERS = [] {
     return powers;
 }();
 
-uint32_t extend(uint32_t hash, char c) {
+static uint32_t extend(uint32_t hash, char c) {
     return hash * BASE + static_cast<unsigned char>(c);
 }
 
 // The k low bits of the polynomial depend on the k low bits of the characters only; the high bits
 // of the mixed value, which choose slot and bit, depend on all of it.
-uint32_t mix(uint32_t hash) {
+static uint32_t mix(uint32_t hash) {
     return (hash ^ hash >> 15) * 0x9e3779b1;
 }
 
 // Maps a mixed hash evenly to 0..count-1, by its high bits.
-uint32_t scale(uint32_t mixed, uint32_t count) {
+static uint32_t scale(uint32_t mixed, uint32_t count) {
     return static_cast<uint32_t>((uint64_t{mixed} * count) >> WORD_BITS);
 }
 
 // The two bits of its word that a mixed hash sets, by its low bits.
-uint32_t bits_of(uint32_t mixed) {
+static uint32_t bits_of(uint32_t mixed) {
     return uint32_t{1} << (mixed % WORD_BITS) | uint32_t{1} << (mixed / WORD_BITS % WORD_BITS);
 }
 
-Role role_of(int8_t opt) {
+static Role role_of(int8_t opt) {
     switch (opt) {
     case MATCH_CONTAINS:
         return CONTAINS;
@@ -80,8 +82,6 @@ Role role_of(int8_t opt) {
         return NO_ROLE;
     }
 }
-
-} // namespace
 
 struct ListIndex {
     Slot *slots;      // one block with the bitmap behind them

@@ -122,7 +122,7 @@ int _load_list_file(List *&list, const char *path) {
 
 // --- tables --------------------------------------------------------------------------------------
 
-// Adds one row. Rows that the list refuses stay enabled in the table.
+// Adds one row. Rows that the list leaves out stay enabled in the table.
 static void add_row(const char *frag, int opt, void *list) {
     if (!*frag)
         return;

@@ -21,26 +21,26 @@ struct FreeAddresses {
 };
 using AddressList = std::unique_ptr<ifaddrs, FreeAddresses>;
 
-AddressList interface_addresses() {
+} // namespace
+
+static AddressList interface_addresses() {
     ifaddrs *list = nullptr;
     if (getifaddrs(&list) != 0)
         list = nullptr;
     return AddressList(list);
 }
 
-int family_of(const ifaddrs *entry) {
+static int family_of(const ifaddrs *entry) {
     return entry->ifa_addr ? entry->ifa_addr->sa_family : AF_UNSPEC;
 }
 
 // The sockaddr of an entry may be read as the type of its family only after a copy.
 template <typename Address>
-Address address_of(const ifaddrs *entry) {
+static Address address_of(const ifaddrs *entry) {
     Address address;
-    std::memcpy(&address, entry->ifa_addr, sizeof address);
+    memcpy(&address, entry->ifa_addr, sizeof address);
     return address;
 }
-
-} // namespace
 
 const char *socket2ip(sockaddr_in address) {
     static thread_local char text[INET_ADDRSTRLEN];
@@ -69,22 +69,22 @@ int get_address_from_interface(const char *name, InterfaceAddress *address) {
         for (const ifaddrs *entry = list.get(); entry && !found; entry = entry->ifa_next) {
             syslog(LOG_DEBUG, "Checking %s is the same as %s", entry->ifa_name, name);
             const int family = family_of(entry);
-            if (std::strcmp(entry->ifa_name, name) != 0)
+            if (strcmp(entry->ifa_name, name) != 0)
                 continue;
             if (family == AF_INET) {
-                std::snprintf(address->ipv4, sizeof address->ipv4, "%s",
-                              socket2ip(address_of<sockaddr_in>(entry)));
+                snprintf(address->ipv4, sizeof address->ipv4, "%s",
+                         socket2ip(address_of<sockaddr_in>(entry)));
                 found = true;
             } else if (family == AF_INET6) {
                 char text[INET6_ADDRSTRLEN] = "";
                 ipv6socket2ip(address_of<sockaddr_in6>(entry).sin6_addr, text);
                 syslog(LOG_DEBUG, "Retrieved ip: %s", text);
-                std::snprintf(address->ipv6, sizeof address->ipv6, "%.39s", text);
+                snprintf(address->ipv6, sizeof address->ipv6, "%.39s", text);
             }
         }
         if (!found) {
             syslog(LOG_CRIT, "No such interface: %s", name);
-            std::exit(EXIT_FAILURE);
+            exit(EXIT_FAILURE);
         }
         syslog(LOG_DEBUG, "Before freeing structures");
     }
@@ -105,38 +105,38 @@ const char *get_host_address() {
 char *get_ipv6host_address(char *buffer) {
     const AddressList list = interface_addresses();
     for (const ifaddrs *entry = list.get(); entry; entry = entry->ifa_next)
-        if (family_of(entry) == AF_INET6 && std::strcmp(entry->ifa_name, "lo") != 0)
+        if (family_of(entry) == AF_INET6 && strcmp(entry->ifa_name, "lo") != 0)
             ipv6socket2ip(address_of<sockaddr_in6>(entry).sin6_addr, buffer);
     return buffer;
 }
 
 void getHostName(in_addr address) {
     const hostent *host = gethostbyaddr(&address, sizeof address, AF_INET);
-    std::printf("Host:  %s\n", shown(host ? host->h_name : nullptr));
+    printf("Host:  %s\n", shown(host ? host->h_name : nullptr));
 }
 
 char *getMacAddress(const char *name) {
     const UniqueFd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (!fd) {
-        std::perror("socket");
+        perror("socket");
         return nullptr;
     }
     ifreq request = {};
-    std::snprintf(request.ifr_name, sizeof request.ifr_name, "%s", name);
+    snprintf(request.ifr_name, sizeof request.ifr_name, "%s", name);
     if (ioctl(fd.get(), SIOCGIFHWADDR, &request) != 0) {
-        std::perror("ioctl");
+        perror("ioctl");
         return strdup("");
     }
     unsigned char mac[6];
-    std::memcpy(mac, request.ifr_hwaddr.sa_data, sizeof mac);
+    memcpy(mac, request.ifr_hwaddr.sa_data, sizeof mac);
     char text[20];
-    std::snprintf(text, sizeof text, "%02X%02X%02X%02X", mac[2], mac[3], mac[4], mac[5]);
+    snprintf(text, sizeof text, "%02X%02X%02X%02X", mac[2], mac[3], mac[4], mac[5]);
     return strdup(text);
 }
 
 void print_buffer(const unsigned char *bytes, size_t count) {
     // Bytes are widened with their sign, so that 0x80 and above print as four digits.
     for (size_t i = 0; i < count; i++)
-        std::printf(" %02hx", static_cast<unsigned short>(static_cast<signed char>(bytes[i])));
-    std::printf("\n");
+        printf(" %02hx", static_cast<unsigned short>(static_cast<signed char>(bytes[i])));
+    printf("\n");
 }

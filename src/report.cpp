@@ -23,7 +23,7 @@ __attribute__((format(printf, 1, 2))) static void line_to_log(const char *format
     va_end(arguments);
 }
 
-// Writes no line break: the lines of a printed report run together, and are kept so.
+// Writes no line break: the lines of a printed report run together, on purpose.
 __attribute__((format(printf, 1, 2))) static void line_to_stdout(const char *format, ...) {
     va_list arguments;
     va_start(arguments, format);

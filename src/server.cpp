@@ -217,7 +217,9 @@ static void _open_ns_socket() {
             "bind(oDNS.listenfd, (struct sockaddr *) &sin, sizeof (sin)) == 0",
             "server: _open_ns_socket");
     syslog(LOG_DEBUG, "Bind completed");
-    const int reuse = 1; // set behind the bind, where it changes nothing for this socket; kept
+    // On purpose behind the bind, where it changes nothing for this socket: a port that is taken
+    // must end the start.
+    const int reuse = 1;
     setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof reuse);
     const int size = oDNS.socket_buffer_size;
     if (size > 0 && setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &size, sizeof size) != 0)

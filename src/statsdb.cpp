@@ -20,32 +20,32 @@
 #include <unistd.h>
 #include <utility>
 
-namespace {
-
-constexpr char DATABASE_NAME[] = "vantrelle.db";
-constexpr int FILE_NAME_SIZE = 254;
-constexpr int STATEMENT_SIZE = 300;
-constexpr char WORD_CHARACTERS[] =
+static constexpr char DATABASE_NAME[] = "vantrelle.db";
+static constexpr int FILE_NAME_SIZE = 254;
+static constexpr int STATEMENT_SIZE = 300;
+static constexpr char WORD_CHARACTERS[] =
     "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_";
 
 // How long is waited, in milliseconds, for another process that holds the file. A query's rows must
 // not get lost by a moment's lock, but whoever waits has the request lock: when that long was in
 // vain, the rows that follow are not waited for.
-constexpr int64_t QUERY_WAIT_MS = 1000;
-constexpr int64_t PAUSE_AFTER_VAIN_WAIT_MS = 10000;
-constexpr int64_t START_UP_WAIT_MS = 10000; // of all its steps together
-constexpr int64_t EDIT_WAIT_MS = 5000;
-constexpr int64_t EDIT_WAIT_AFTER_VAIN_MS = 1000;
-constexpr useconds_t BUSY_STEP_US = 2000;
-constexpr useconds_t EDIT_STEP_US = 20000;
+static constexpr int64_t QUERY_WAIT_MS = 1000;
+static constexpr int64_t PAUSE_AFTER_VAIN_WAIT_MS = 10000;
+static constexpr int64_t START_UP_WAIT_MS = 10000; // of all its steps together
+static constexpr int64_t EDIT_WAIT_MS = 5000;
+static constexpr int64_t EDIT_WAIT_AFTER_VAIN_MS = 1000;
+static constexpr useconds_t BUSY_STEP_US = 2000;
+static constexpr useconds_t EDIT_STEP_US = 20000;
 
-int64_t monotonic_ms() {
+static int64_t monotonic_ms() {
     timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);
     return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
 }
 
 // --- statement texts -----------------------------------------------------------------------------
+
+namespace {
 
 // A table name within a statement, where no quotes protect the statement from it.
 struct Table {
@@ -57,7 +57,7 @@ struct Table {
 // without values is taken as it stands, percent signs included.
 class Statement {
     char text_[STATEMENT_SIZE];
-    int refusal_ = SQLITE_OK;
+    int reason_ = SQLITE_OK;
 
     static bool is_word(const char *text) { return *text && !text[strspn(text, WORD_CHARACTERS)]; }
     // Nothing but a single quote can end a quoted SQL text.
@@ -81,12 +81,12 @@ class Statement {
         else
             length = snprintf(text_, sizeof text_, format, printed(values)...);
         if (length >= STATEMENT_SIZE)
-            refusal_ = SQLITE_TOOBIG;
+            reason_ = SQLITE_TOOBIG;
         if (!(can_be_pasted(values) && ...))
-            refusal_ = SQLITE_ERROR;
+            reason_ = SQLITE_ERROR;
     }
     const char *text() const { return text_; }
-    int refusal() const { return refusal_; }
+    int reason() const { return reason_; }
 };
 
 // What every recorded query runs is compiled once per table and then run with bound values, since
@@ -97,33 +97,44 @@ struct Recurring {
     const char *text; // with conversions for table and values
 };
 
-constexpr Recurring BEGIN = {"begin immediate", "begin immediate"};
-constexpr Recurring COMMIT = {"commit", "commit"};
-constexpr Recurring FIND_ENTRY = {"select id from %s where frag = ?",
-                                  "select id from %s where frag = '%s'"};
-constexpr Recurring INSERT_CLIENT = {"insert into %s_stats ('frag_id', 'ip') values(?, ?)",
-                                     "insert into %s_stats ('frag_id', 'ip') values(%ld , '%s')"};
-constexpr Recurring INSERT_NAME = {"insert or replace into %s_fqdn ('fqdn') values(?)",
-                                   "insert or replace into %s_fqdn ('fqdn') values('%s')"};
-constexpr Recurring INSERT_HIT = {"insert into %s_hit ('fqdn_id', 'stats_id') values(?, ?)",
-                                  "insert into %s_hit ('fqdn_id', 'stats_id') values(%lld, %lld)"};
-constexpr Recurring INSERT_TRAFFIC = {"insert into dns_traffic ('fqdn', 'ip') values(?, ?)",
-                                      "insert into dns_traffic ('fqdn', 'ip') values('%s', '%s')"};
+} // namespace
+
+static constexpr Recurring BEGIN = {"begin immediate", "begin immediate"};
+static constexpr Recurring COMMIT = {"commit", "commit"};
+static constexpr Recurring FIND_ENTRY = {"select id from %s where frag = ?",
+                                         "select id from %s where frag = '%s'"};
+static constexpr Recurring INSERT_CLIENT = {
+    "insert into %s_stats ('frag_id', 'ip') values(?, ?)",
+    "insert into %s_stats ('frag_id', 'ip') values(%ld , '%s')"};
+static constexpr Recurring INSERT_NAME = {"insert or replace into %s_fqdn ('fqdn') values(?)",
+                                          "insert or replace into %s_fqdn ('fqdn') values('%s')"};
+static constexpr Recurring INSERT_HIT = {
+    "insert into %s_hit ('fqdn_id', 'stats_id') values(?, ?)",
+    "insert into %s_hit ('fqdn_id', 'stats_id') values(%lld, %lld)"};
+static constexpr Recurring INSERT_TRAFFIC = {
+    "insert into dns_traffic ('fqdn', 'ip') values(?, ?)",
+    "insert into dns_traffic ('fqdn', 'ip') values('%s', '%s')"};
 
 // --- the connection ------------------------------------------------------------------------------
 
 // Guards the handle in oDNS.db, what was compiled for it and all variables of this section: the bus
 // thread runs before it is opened and while it is closed.
-RecursiveMutex handle_lock;
+static RecursiveMutex handle_lock;
+
+namespace {
 
 struct Compiled {
     const Recurring *statement;
     char table[24];
     sqlite3_stmt *compiled;
 };
-Compiled compiled[32]; // room for four statements of each of six lists, and for those without list
 
-void drop_compiled() {
+} // namespace
+
+// Room for four statements of each of six lists, and for those without list.
+static Compiled compiled[32];
+
+static void drop_compiled() {
     for (Compiled &entry : compiled) {
         sqlite3_finalize(entry.compiled);
         entry = {};
@@ -131,7 +142,7 @@ void drop_compiled() {
 }
 
 // The compiled statement for a table; null when it does not compile.
-sqlite3_stmt *compile_once(sqlite3 *db, const Recurring &statement, const char *table) {
+static sqlite3_stmt *compile_once(sqlite3 *db, const Recurring &statement, const char *table) {
     Compiled *entry = compiled;
     for (; entry != std::end(compiled) && entry->compiled; entry++)
         if (entry->statement == &statement && strcmp(entry->table, table) == 0)
@@ -147,6 +158,8 @@ sqlite3_stmt *compile_once(sqlite3 *db, const Recurring &statement, const char *
     snprintf(entry->table, sizeof entry->table, "%s", table);
     return entry->compiled;
 }
+
+namespace {
 
 // A statement that can be run: finalised at the end of its scope or, when it recurs, reset. Null
 // when it did not compile.
@@ -178,28 +191,32 @@ class Prepared {
     }
 };
 
+} // namespace
+
 // Runs statements that may fail without harm.
-void attempt(sqlite3 *db, const char *sql) {
+static void attempt(sqlite3 *db, const char *sql) {
     sqlite3_exec(db, sql, nullptr, nullptr, nullptr);
 }
 
 // Whether commits append to the log without waiting for the disk, but where they are told to.
-bool commits_lazily;
+static bool commits_lazily;
 
 // Whether commits wait for the disk. Not within a transaction. Whoever turns it on turns it off
 // again; a rollback journal does so all the time.
-bool set_full_sync(sqlite3 *db, bool on) {
+static bool set_full_sync(sqlite3 *db, bool on) {
     return !commits_lazily ||
            sqlite3_exec(db, on ? "pragma synchronous=full" : "pragma synchronous=normal", nullptr,
                         nullptr, nullptr) == SQLITE_OK;
 }
+
+namespace {
 
 // The connection for the life of a scope. Meanwhile no other thread can close it, replace the
 // message of a failed statement or insert between an insert and the asking for its row id.
 class Connection {
     const DatabaseHold hold_;
     sqlite3 *const db_ = hold_.get();
-    int refusal_ = SQLITE_OK;
+    int reason_ = SQLITE_OK;
 
     static void bind(Prepared &, int &, Table) {}
     template <typename Value>
@@ -215,18 +232,18 @@ class Connection {
   public:
     // Why the last statement failed.
     const char *message() const {
-        return refusal_ == SQLITE_OK ? sqlite3_errmsg(db_) : sqlite3_errstr(refusal_);
+        return reason_ == SQLITE_OK ? sqlite3_errmsg(db_) : sqlite3_errstr(reason_);
     }
-    int code() const { return refusal_ == SQLITE_OK ? sqlite3_errcode(db_) : refusal_; }
+    int code() const { return reason_ == SQLITE_OK ? sqlite3_errcode(db_) : reason_; }
     bool is_locked_out() const { return code() == SQLITE_BUSY; }
     bool set_full_sync(bool on) { return !db_ || ::set_full_sync(db_, on); }
     long long last_row_id() const { return sqlite3_last_insert_rowid(db_); }
 
     // Null on failure. Whatever follows the first statement of a text is not compiled.
     Prepared prepare(const Statement &sql) {
-        refusal_ = db_ ? sql.refusal() : SQLITE_CANTOPEN;
+        reason_ = db_ ? sql.reason() : SQLITE_CANTOPEN;
         sqlite3_stmt *statement = nullptr;
-        if (refusal_ == SQLITE_OK)
+        if (reason_ == SQLITE_OK)
             sqlite3_prepare_v3(db_, sql.text(), -1, 0, &statement, nullptr);
         return Prepared(statement);
     }
@@ -238,8 +255,8 @@ class Connection {
     // must outlive the result.
     template <typename... Values>
     Prepared prepare(const Recurring &recurring, const Statement &sql, Values... values) {
-        refusal_ = db_ ? sql.refusal() : SQLITE_CANTOPEN;
-        if (refusal_ != SQLITE_OK)
+        reason_ = db_ ? sql.reason() : SQLITE_CANTOPEN;
+        if (reason_ != SQLITE_OK)
             return Prepared();
         const char *table = "";
         ((table = table_of(values) ? table_of(values) : table), ...);
@@ -257,8 +274,10 @@ class Connection {
     }
 };
 
+} // namespace
+
 // A debug line of the database's own switch.
-[[gnu::format(printf, 1, 2)]] void trace(const char *format, ...) {
+[[gnu::format(printf, 1, 2)]] static void trace(const char *format, ...) {
     if (!is_sql_debug())
         return;
     va_list values;
@@ -267,21 +286,21 @@ class Connection {
     va_end(values);
 }
 
-bool report_failure(const Connection &connection, const Statement &sql) {
+static bool report_failure(const Connection &connection, const Statement &sql) {
     syslog(LOG_ERR, "Couldn't execute sql statement: %s, %s", connection.message(), sql.text());
     return false;
 }
 
 // Runs a statement that recurs and whose failure is reported with the message and the statement.
 template <typename... Values>
-bool execute(Connection &connection, const Recurring &recurring, Values... values) {
+static bool execute(Connection &connection, const Recurring &recurring, Values... values) {
     const Statement sql(recurring.text, values...);
     return connection.prepare(recurring, sql, values...).step() == SQLITE_DONE ||
            report_failure(connection, sql);
 }
 
 // Prepares a query whose failure is reported with the message alone.
-Prepared query(Connection &connection, const Statement &sql) {
+static Prepared query(Connection &connection, const Statement &sql) {
     Prepared statement = connection.prepare(sql);
     if (!statement)
         syslog(LOG_ERR, "Couldn't prepare sql statement: %s", connection.message());
@@ -290,12 +309,17 @@ Prepared query(Connection &connection, const Statement &sql) {
 
 // --- waiting for other processes -----------------------------------------------------------------
 
+namespace {
+
 // Who is asking, which decides how long is waited. The holder of the connection sets it.
 enum class Patience { QUERY, START_UP, EDIT };
-Patience patience = Patience::QUERY;
-int64_t start_up_waited;
 
-bool may_start_up_wait(int64_t now, int tries) {
+} // namespace
+
+static Patience patience = Patience::QUERY;
+static int64_t start_up_waited;
+
+static bool may_start_up_wait(int64_t now, int tries) {
     static int64_t before;
     if (tries > 0)
         start_up_waited += now - before;
@@ -303,7 +327,7 @@ bool may_start_up_wait(int64_t now, int tries) {
     return start_up_waited < START_UP_WAIT_MS;
 }
 
-bool may_query_wait(int64_t now, int tries) {
+static bool may_query_wait(int64_t now, int tries) {
     static int64_t begin, in_vain = -PAUSE_AFTER_VAIN_WAIT_MS;
     if (tries == 0)
         begin = now;
@@ -317,7 +341,7 @@ bool may_query_wait(int64_t now, int tries) {
 
 // SQLite asks this whether to try again. Its caller has the connection to itself. An edit never
 // waits here: store_edit() gives the connection back meanwhile.
-int wait_for_other_process(void *, int tries) {
+static int wait_for_other_process(void *, int tries) {
     const int64_t now = monotonic_ms();
     const bool again = patience == Patience::START_UP ? may_start_up_wait(now, tries)
                        : patience == Patience::QUERY  ? may_query_wait(now, tries)
@@ -330,7 +354,7 @@ int wait_for_other_process(void *, int tries) {
 // --- the file ------------------------------------------------------------------------------------
 
 // Whether the database is in journal mode `mode` after an attempt to put it there.
-bool set_journal_mode(sqlite3 *db, const char *mode) {
+static bool set_journal_mode(sqlite3 *db, const char *mode) {
     const Statement sql("pragma journal_mode=%s", mode);
     sqlite3_stmt *statement = nullptr;
     sqlite3_prepare_v3(db, sql.text(), -1, 0, &statement, nullptr);
@@ -339,9 +363,9 @@ bool set_journal_mode(sqlite3 *db, const char *mode) {
 }
 
 // Whether the file system takes a write-ahead log, whose index lives in a shared writable mapping;
-// JFFS2 refuses that. Tried on a file of its own: a mode switch that fails half-way leaves a file
+// JFFS2 takes none. Tried on a file of its own: a mode switch that fails half-way leaves a file
 // that can no longer be read, and what another process does with the database does not matter here.
-bool can_keep_log(sqlite3 *db) {
+static bool can_keep_log(sqlite3 *db) {
     const char *file = sqlite3_db_filename(db, "main");
     if (!file || !*file)
         return false;
@@ -363,7 +387,7 @@ bool can_keep_log(sqlite3 *db) {
 // Uses a rollback journal, also for a file that was put into write-ahead mode elsewhere: with
 // exclusive locking from the first access on, SQLite keeps the log's index on the heap, so that it
 // can copy the log back and convert the file. The read at the end gives the lock back.
-const char *use_rollback_journal(sqlite3 *db) {
+static const char *use_rollback_journal(sqlite3 *db) {
     attempt(db, "pragma locking_mode=exclusive");
     const bool done = set_journal_mode(db, "truncate");
     const char *result = done ? "using a rollback journal" : sqlite3_errmsg(db);
@@ -377,14 +401,14 @@ const char *use_rollback_journal(sqlite3 *db) {
 }
 
 // SQLite itself waits for readers only, and not for a writer.
-bool switch_to_log(sqlite3 *db) {
+static bool switch_to_log(sqlite3 *db) {
     for (int tries = 0; !set_journal_mode(db, "wal"); tries++)
         if (sqlite3_errcode(db) != SQLITE_BUSY || !wait_for_other_process(nullptr, tries))
             return false;
     return true;
 }
 
-void choose_journal(sqlite3 *db) {
+static void choose_journal(sqlite3 *db) {
     commits_lazily = false;
     const bool wanted = can_keep_log(db);
     if (wanted && switch_to_log(db)) {
@@ -406,16 +430,16 @@ void choose_journal(sqlite3 *db) {
 // --- edits ---------------------------------------------------------------------------------------
 
 // The edit that the calling thread makes, null for a query's thread.
-thread_local const EntryEdit *own_edit;
+static thread_local const EntryEdit *own_edit;
 
 // The edit that is under way, for all threads.
-pthread_mutex_t edit_lock = PTHREAD_MUTEX_INITIALIZER;
-const EntryEdit *edit_under_way;
+static pthread_mutex_t edit_lock = PTHREAD_MUTEX_INITIALIZER;
+static const EntryEdit *edit_under_way;
 
-std::atomic<bool> edits_must_end;
-std::atomic<bool> edit_was_in_vain;
+static std::atomic<bool> edits_must_end;
+static std::atomic<bool> edit_was_in_vain;
 
-bool is_edit_over(int64_t begin) {
+static bool is_edit_over(int64_t begin) {
     if (edits_must_end)
         return true;
     if (monotonic_ms() - begin < (edit_was_in_vain ? EDIT_WAIT_AFTER_VAIN_MS : EDIT_WAIT_MS))
@@ -428,7 +452,7 @@ bool is_edit_over(int64_t begin) {
 // `report(connection)`. In an edit a step is synchronised fully and, when another process holds the
 // file, repeated; between two attempts the connection is free for others.
 template <typename Step, typename Report>
-bool change(Step step, Report report) {
+static bool change(Step step, Report report) {
     const int64_t begin = monotonic_ms();
     for (;; usleep(EDIT_STEP_US)) {
         Connection connection;
@@ -447,8 +471,6 @@ bool change(Step step, Report report) {
             return done;
     }
 }
-
-} // namespace
 
 EntryEdit::EntryEdit(const char *table, const char *frag) : table_(table), frag_(frag) {
     own_edit = this;
@@ -740,7 +762,7 @@ EntryImport::~EntryImport() {
 }
 
 // Whether a record is to blame for its failed statement and not the database. A statement that was
-// refused for its values has left no error code behind.
+// kept out for its values has left no error code behind.
 static bool is_record_failure(int code) {
     switch (code & 0xff) {
     case SQLITE_OK:

@@ -62,7 +62,7 @@ int create_traffic_table();
 int create_list_stats_table(const char *table);
 
 // Adds the entry `key` with match mode `opt`, or enables it again under a new id. A key that begins
-// with '~' disables the entry named by its rest; one that begins with '#' is refused as a comment.
+// with '~' disables the entry named by its rest; one that begins with '#' is skipped as a comment.
 // The key ends at its first line feed.
 int create_frag_key(const char *key, int opt, const char *table);
 

@@ -53,5 +53,5 @@ int isNumeric(const char *text) {
 }
 
 int decimal(const char *text) {
-    return static_cast<int>(std::strtoll(text, nullptr, 10));
+    return static_cast<int>(strtoll(text, nullptr, 10));
 }

@@ -35,6 +35,6 @@ void extract_url(char (&name)[QUERY_NAME_SIZE], const uint8_t *message, uint8_t 
     const char *address = socket2ip(client);
     syslog(LOG_DEBUG, "FQDN: %s, from: %s\n", name, address);
     // All other names are traced a second time; log readers count on the pair.
-    if (!std::strstr(name, NTP_POOL_NAME))
+    if (!strstr(name, NTP_POOL_NAME))
         syslog(LOG_DEBUG, "FQDN: %s, from: %s\n", name, address);
 }

@@ -18,15 +18,15 @@ std::atomic<int> threads_on_hold;
 template <typename Record>
 static Record *allocate(size_t count = 1) {
     return static_cast<Record *>(
-        std::calloc(count, sizeof(Record))); // NOLINT(bugprone-sizeof-expression): of pointers too
+        calloc(count, sizeof(Record))); // NOLINT(bugprone-sizeof-expression): of pointers too
 }
 
-// Binary semaphore
+// --- binary semaphore ----------------------------------------------------------------------------
 
 static void bsem_init(bsem *s, int value) {
     if (value < 0 || value > 1) {
-        std::fputs("bsem_init(): Binary semaphore can take only values 1 or 0", stderr);
-        std::exit(EXIT_FAILURE);
+        fputs("bsem_init(): Binary semaphore can take only values 1 or 0", stderr);
+        exit(EXIT_FAILURE);
     }
     sem_init(&s->semaphore, 0, static_cast<unsigned>(value));
 }
@@ -56,7 +56,7 @@ static void bsem_wait(bsem *s) {
         continue;
 }
 
-// Job queue
+// --- job queue -----------------------------------------------------------------------------------
 
 static int jobqueue_init(jobqueue *queue) {
     queue->len = 0;
@@ -106,18 +106,18 @@ static void jobqueue_clear(jobqueue *queue, void (*drop)(void *)) {
     while (job *left = jobqueue_pull(queue, true)) {
         if (drop)
             drop(left->arg);
-        std::free(left);
+        free(left);
     }
 }
 
 static void jobqueue_destroy(jobqueue *queue, void (*drop)(void *)) {
     jobqueue_clear(queue, drop);
     bsem_destroy(queue->jobs_available);
-    std::free(queue->jobs_available);
+    free(queue->jobs_available);
     pthread_mutex_destroy(&queue->queue_lock);
 }
 
-// Workers
+// --- workers -------------------------------------------------------------------------------------
 
 // The pause signal's handler: the worker sleeps here, wherever it was. thpool_pause() sets the flag
 // itself, before it sends, so that its signals hold nobody whom they reach behind the resume; a
@@ -138,7 +138,7 @@ static void install_thread_hold() {
     action.sa_sigaction = thread_hold;
     action.sa_flags = SA_SIGINFO;
     if (sigaction(SIGUSR1, &action, nullptr) != 0)
-        std::fputs("thread_do(): cannot handle SIGUSR1", stderr);
+        fputs("thread_do(): cannot handle SIGUSR1", stderr);
 }
 
 static void count_working(thpool *pool, int change) {
@@ -157,7 +157,7 @@ static void run_jobs(thpool *pool) {
         if (!taken)
             break;
         taken->function(taken->arg);
-        std::free(taken);
+        free(taken);
         again = pool->jobqueue.in_turn;
     } while (again && threads_keepalive);
     count_working(pool, -1);
@@ -167,7 +167,7 @@ static void *thread_do(void *record) {
     const auto *self = static_cast<struct thread *>(record);
     thpool *pool = self->pool;
     char name[128] = "";
-    std::snprintf(name, sizeof name, "thread-pool-%d", self->id);
+    snprintf(name, sizeof name, "thread-pool-%d", self->id);
     prctl(PR_SET_NAME, name);
     install_thread_hold();
     {
@@ -190,19 +190,21 @@ static void *thread_do(void *record) {
 static int thread_init(thpool *pool, struct thread **slot, int id) {
     *slot = allocate<struct thread>();
     if (!*slot) {
-        std::fputs("thread_init(): Could not allocate memory for thread\n", stderr);
+        fputs("thread_init(): Could not allocate memory for thread\n", stderr);
         return -1;
     }
     (*slot)->pool = pool;
     (*slot)->id = id;
     if (pthread_create(&(*slot)->handle, nullptr, thread_do, *slot) != 0) {
-        std::fputs("thread_init(): Could not start thread\n", stderr);
-        std::free(*slot);
+        fputs("thread_init(): Could not start thread\n", stderr);
+        free(*slot);
         return -1;
     }
     pthread_detach((*slot)->handle);
     return 0;
 }
+
+// --- the pool ------------------------------------------------------------------------------------
 
 // Every job that has not ended; in turn, all but the first of them could as well be waiting in a
 // worker each.
@@ -217,19 +219,19 @@ thpool *thpool_init(int num_threads) {
         num_threads = 0;
     auto *pool = allocate<thpool>();
     if (!pool) {
-        std::fputs("thpool_init(): Could not allocate memory for thread pool\n", stderr);
+        fputs("thpool_init(): Could not allocate memory for thread pool\n", stderr);
         return nullptr;
     }
     if (jobqueue_init(&pool->jobqueue) != 0) {
-        std::fputs("thpool_init(): Could not allocate memory for job queue\n", stderr);
-        std::free(pool);
+        fputs("thpool_init(): Could not allocate memory for job queue\n", stderr);
+        free(pool);
         return nullptr;
     }
     pool->threads = allocate<struct thread *>(num_threads > 0 ? num_threads : 1);
     if (!pool->threads) {
-        std::fputs("thpool_init(): Could not allocate memory for threads\n", stderr);
+        fputs("thpool_init(): Could not allocate memory for threads\n", stderr);
         jobqueue_destroy(&pool->jobqueue, nullptr);
-        std::free(pool);
+        free(pool);
         return nullptr;
     }
     pthread_mutex_init(&pool->count_lock, nullptr);
@@ -256,7 +258,7 @@ int thpool_add_work(thpool *pool, void *(*function)(void *), void *arg) {
         return -1;
     auto *added = allocate<job>();
     if (!added) {
-        std::fputs("thpool_add_work(): Could not allocate memory for new job\n", stderr);
+        fputs("thpool_add_work(): Could not allocate memory for new job\n", stderr);
         return -1;
     }
     added->function = function;
@@ -300,9 +302,9 @@ void thpool_destroy(thpool *pool, void (*drop)(void *)) {
     pthread_cond_destroy(&pool->all_idle);
     pthread_mutex_destroy(&pool->count_lock);
     for (int n = 0; n < started; n++)
-        std::free(pool->threads[n]);
-    std::free(pool->threads);
-    std::free(pool);
+        free(pool->threads[n]);
+    free(pool->threads);
+    free(pool);
 }
 
 int thpool_num_threads_working(thpool *pool) {

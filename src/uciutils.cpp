@@ -45,7 +45,7 @@ static UciContext alloc_context() {
 
 // Looks `key` up and logs a failure. A missing section or option is none: it shows in `ptr`.
 static void look_up(Lookup &lookup, const char *key) {
-    std::snprintf(lookup.key, sizeof lookup.key, "%s", key);
+    snprintf(lookup.key, sizeof lookup.key, "%s", key);
     lookup.found = uci_lookup_ptr(lookup.ctx.get(), &lookup.ptr, lookup.key, true) == UCI_OK;
     if (!lookup.found)
         syslog(LOG_ERR, "Failed to find the specified section: %s", key);
@@ -95,7 +95,7 @@ char *get_uci_string_with_default(const char *key, const char *fallback) {
 char *get_upstream_dns(int n) {
     char key[40] = "vantrelle.@main[0].upstream_dns";
     if (n != 1) // the first one has no digit
-        std::snprintf(key, sizeof key, "vantrelle.@main[0].upstream_dns%d", n);
+        snprintf(key, sizeof key, "vantrelle.@main[0].upstream_dns%d", n);
     Lookup lookup = {.ctx = alloc_context()};
     if (!lookup.ctx)
         return strdup(DEFAULT_UPSTREAM_DNS);
@@ -135,7 +135,7 @@ bool isFirstBoot() {
 // Looks up the section that `key` names, or begins with; false when there is none, which is no
 // error to the library.
 static bool find_section(Lookup &lookup, const char *key) {
-    std::snprintf(lookup.key, sizeof lookup.key, "%s", key);
+    snprintf(lookup.key, sizeof lookup.key, "%s", key);
     return uci_lookup_ptr(lookup.ctx.get(), &lookup.ptr, lookup.key, true) == UCI_OK &&
            lookup.ptr.s;
 }
@@ -174,7 +174,7 @@ static int write_number(Lookup &lookup, const NumberOption &option, int number) 
         return FAILED;
     }
     char value[20];
-    std::snprintf(value, sizeof value, "%u", static_cast<unsigned>(number));
+    snprintf(value, sizeof value, "%u", static_cast<unsigned>(number));
     if (!set_option(lookup, option.name, value)) {
         syslog(LOG_ERR, "%s", option.set_failed);
         return FAILED;
@@ -225,7 +225,7 @@ int set_dns(int n, const char *address) {
     Lookup lookup = {.ctx = UciContext(uci_alloc_context())}; // without one the lookup fails
     char option[24] = "upstream_dns";
     if (n != 1) // the first one has no digit
-        std::snprintf(option, sizeof option, "upstream_dns%d", n);
+        snprintf(option, sizeof option, "upstream_dns%d", n);
     syslog(LOG_DEBUG, "sec: %s", MAIN_SECTION);
     syslog(LOG_DEBUG, "dns_option: %s", option);
     if (!find_section(lookup, MAIN_SECTION)) {

@@ -13,9 +13,9 @@ int time2String(char *buffer, int64_t seconds) {
     if (days > 0)
         hours -= days * 24;
     const int64_t rest = seconds - (days * 24 + hours) * 3600;
-    return std::snprintf(buffer, TIME_TEXT_SIZE, "%6d days, %2d hrs, %2d mins, %2d secs",
-                         static_cast<int>(days), static_cast<int>(hours),
-                         static_cast<int>(rest / 60), static_cast<int>(rest % 60));
+    return snprintf(buffer, TIME_TEXT_SIZE, "%6d days, %2d hrs, %2d mins, %2d secs",
+                    static_cast<int>(days), static_cast<int>(hours), static_cast<int>(rest / 60),
+                    static_cast<int>(rest % 60));
 }
 
 int getTimeAsString(char *buffer) {
@@ -44,13 +44,15 @@ char *commaprint(uint64_t number) {
 }
 
 const char *error_text() {
-    return std::strerror(errno); // NOLINT(concurrency-mt-unsafe): it is safe in glibc and musl
+    return strerror(errno); // NOLINT(concurrency-mt-unsafe): it is safe in glibc and musl
 }
 
 void debugLog(const char *label, int64_t value) {
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat"
 #pragma GCC diagnostic ignored "-Wformat-extra-args"
-    syslog(LOG_DEBUG, "%s : %l", label, value); // the format has no conversion letter; kept
+    // The format has no conversion letter, on purpose: what the line shows of the value is up to
+    // the C library.
+    syslog(LOG_DEBUG, "%s : %l", label, value);
 #pragma GCC diagnostic pop
 }
