@@ -10,13 +10,13 @@
 #include <utility>
 
 struct FreeMemory {
-    void operator()(void *memory) const { std::free(memory); }
+    void operator()(void *memory) const { free(memory); }
 };
 // A heap text from strdup() and the like; get() may be null.
 using OwnedText = std::unique_ptr<char, FreeMemory>;
 
 struct CloseFile {
-    void operator()(FILE *file) const { std::fclose(file); }
+    void operator()(FILE *file) const { fclose(file); }
 };
 using OwnedFile = std::unique_ptr<FILE, CloseFile>;
 
@@ -33,7 +33,7 @@ class UniqueFd {
     }
     ~UniqueFd() {
         if (fd_ >= 0)
-            ::close(fd_);
+            close(fd_);
     }
     int get() const { return fd_; }
     int release() { return std::exchange(fd_, -1); }

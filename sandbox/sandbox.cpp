@@ -25,33 +25,32 @@
 namespace fs = std::filesystem;
 
 namespace sandbox {
-namespace {
 
-constexpr int cannot_make = 125;
-constexpr char stash[] = "/run/sandbox/etc"; // where the machine's own /etc can be read
+static constexpr int CANNOT_MAKE = 125;
+static constexpr char STASH[] = "/run/sandbox/etc"; // where the machine's own /etc can be read
 
 // Like fork(), but the child is the first process of new namespaces. The system call is made
 // directly because unshare() refuses a user namespace to a process that has threads, and some
 // sanitizers start one before main().
-pid_t fork_into(unsigned long namespaces) {
+static pid_t fork_into(unsigned long namespaces) {
     return static_cast<pid_t>(syscall(SYS_clone, namespaces | SIGCHLD, 0, 0, 0, 0));
 }
 
 // Root of this user namespace is the user who started it.
-void become_root(uid_t uid, gid_t gid) {
+static void become_root(uid_t uid, gid_t gid) {
     write_file("/proc/self/setgroups", "deny");
     write_file("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1");
     write_file("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1");
 }
 
-int open_path(const std::string &path) {
+static int open_path(const std::string &path) {
     int fd = open(path.c_str(), O_PATH | O_CLOEXEC);
     must(fd >= 0, "open " + path);
     return fd;
 }
 
 // A copy of the mount tree at a descriptor, attached to nothing yet.
-int clone_tree(int fd) {
+static int clone_tree(int fd) {
     int tree = open_tree(fd, "",
                          AT_EMPTY_PATH | AT_RECURSIVE | OPEN_TREE_CLONE |
                              static_cast<unsigned>(OPEN_TREE_CLOEXEC));
@@ -59,7 +58,7 @@ int clone_tree(int fd) {
     return tree;
 }
 
-void bind(int fd, const std::string &target, bool writable) {
+static void bind_mount(int fd, const std::string &target, bool writable) {
     int tree = clone_tree(fd);
     mount_attr change{};
     change.attr_clr = writable ? MOUNT_ATTR_RDONLY : 0;
@@ -73,7 +72,7 @@ void bind(int fd, const std::string &target, bool writable) {
 // From here on everything is a read-only copy of what could be seen before, and no mount reaches
 // another namespace. In a chroot the root is no mount point and what it lies on may be shared with
 // the rest of the machine, so this first goes out to the namespace's own root.
-void enter_copy_of_root() {
+static void enter_copy_of_root() {
     int here = open_path("/");
     int own = open("/proc/self/ns/mnt", O_RDONLY | O_CLOEXEC);
     must(own >= 0 && setns(own, CLONE_NEWNS) == 0, "reach the root of the mount namespace");
@@ -90,16 +89,16 @@ void enter_copy_of_root() {
         close(fd);
 }
 
-void cover(const std::string &path, const char *mode = "mode=0755") {
+static void cover(const std::string &path, const char *mode = "mode=0755") {
     must(mount("sandbox", path.c_str(), "tmpfs", MS_NOSUID, mode) == 0, "mount a private " + path);
 }
 
-void make_etc() {
+static void make_etc() {
     int original = open_path("/etc");
-    must(mkdir("/run/sandbox", 0755) == 0 && mkdir(stash, 0755) == 0, "make " + std::string(stash));
-    bind(original, stash, false);
+    must(mkdir("/run/sandbox", 0755) == 0 && mkdir(STASH, 0755) == 0, "make " + std::string(STASH));
+    bind_mount(original, STASH, false);
     cover("/etc");
-    for (const auto &entry : fs::directory_iterator(stash)) {
+    for (const auto &entry : fs::directory_iterator(STASH)) {
         std::string name = entry.path().filename();
         if (name == "config" || name == "resolv.conf" || name == "vantrelle")
             continue;
@@ -110,14 +109,14 @@ void make_etc() {
     write_file("/etc/resolv.conf", "# nobody has written this file yet\n");
 }
 
-void make_dev() {
+static void make_dev() {
     std::vector<std::pair<int, std::string>> nodes;
     for (std::string name : {"null", "zero", "full", "random", "urandom", "tty"})
         nodes.emplace_back(open_path("/dev/" + name), "/dev/" + name);
     cover("/dev");
     for (const auto &[fd, path] : nodes) {
         write_file(path, "");
-        bind(fd, path, true);
+        bind_mount(fd, path, true);
     }
     must(symlink("/proc/self/fd", "/dev/fd") == 0, "make /dev/fd");
     // The chip's registers start at 0x10000000; the daemon maps the first KiB of them.
@@ -126,7 +125,7 @@ void make_dev() {
     write_file("/dev/ledchain0", "");
 }
 
-void make_files() {
+static void make_files() {
     std::vector<std::pair<int, const char *>> trees;
     for (const char *path : {PROJECT_SOURCE_DIR, PROJECT_BINARY_DIR})
         trees.emplace_back(open_path(path), path);
@@ -145,11 +144,11 @@ void make_files() {
     // The sources and the build stay what they are.
     for (const auto &[fd, path] : trees) {
         fs::create_directories(path); // where one of the private places covers it
-        bind(fd, path, true);
+        bind_mount(fd, path, true);
     }
 }
 
-void make_network() {
+static void make_network() {
     FILE *ip = popen("ip -batch -", "we");
     must(ip, "run ip (package iproute2)");
     fprintf(ip,
@@ -165,10 +164,10 @@ void make_network() {
 }
 
 // Opens /dev/log and the file that keeps what it receives.
-std::pair<int, int> open_log() {
+static std::pair<int, int> open_log() {
     int log = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     sockaddr_un address{AF_UNIX, "/dev/log"};
-    must(log >= 0 && ::bind(log, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0 &&
+    must(log >= 0 && bind(log, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0 &&
              chmod("/dev/log", 0666) == 0,
          "make /dev/log");
     int file = open(log_file, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
@@ -177,7 +176,7 @@ std::pair<int, int> open_log() {
 }
 
 // One datagram becomes one line: line ends at its end go, others are shown as #012.
-void keep_log(int log, int file) {
+static void keep_log(int log, int file) {
     std::array<char, 8192> datagram;
     ssize_t size;
     while ((size = recv(log, datagram.data(), datagram.size(), 0)) >= 0) {
@@ -191,7 +190,7 @@ void keep_log(int log, int file) {
     }
 }
 
-pid_t spawn(char *const *command) {
+static pid_t spawn(char *const *command) {
     pid_t child = fork();
     must(child >= 0, "fork");
     if (child == 0) {
@@ -201,13 +200,13 @@ pid_t spawn(char *const *command) {
     return child;
 }
 
-int exit_code(int status) {
+static int exit_code(int status) {
     return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
 }
 
 // The first process inside: collects the log, and the orphans now and then, until the command ends.
 // The kernel then ends everything that is left.
-[[noreturn]] void supervise(char *const *command) {
+[[noreturn]] static void supervise(char *const *command) {
     auto [log, file] = open_log();
     const pid_t main_child = spawn(command);
     const auto end = static_cast<int>(syscall(SYS_pidfd_open, main_child, 0));
@@ -223,13 +222,12 @@ int exit_code(int status) {
     }
 }
 
-} // namespace
-
 void must(bool done, const std::string &step) {
     if (done)
         return;
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): the process ends
     fprintf(stderr, "sandbox: cannot %s: %s\n", step.c_str(), strerror(errno));
-    _exit(cannot_make);
+    _exit(CANNOT_MAKE);
 }
 
 void write_file(const std::string &path, std::string_view text) {
@@ -240,34 +238,36 @@ void write_file(const std::string &path, std::string_view text) {
 }
 
 bool inside() {
-    return access(stash, F_OK) == 0;
+    return access(STASH, F_OK) == 0;
 }
 
 int run(char *const *command) {
-    constexpr unsigned long namespaces = CLONE_NEWNS | CLONE_NEWNET | CLONE_NEWPID;
+    constexpr unsigned long NAMESPACES = CLONE_NEWNS | CLONE_NEWNET | CLONE_NEWPID;
     uid_t uid = geteuid();
     gid_t gid = getegid();
     std::error_code error;
     const fs::path directory = fs::current_path(error);
     fflush(nullptr);
-    pid_t child = uid == 0 ? fork_into(namespaces) : -1;
+    pid_t child = uid == 0 ? fork_into(NAMESPACES) : -1;
     const bool own_user = child < 0;
     if (own_user)
-        child = fork_into(namespaces | CLONE_NEWUSER);
+        child = fork_into(NAMESPACES | CLONE_NEWUSER);
     must(child >= 0, "make namespaces, which root always can and users where the kernel lets them");
     if (child > 0) {
         signal(SIGINT, SIG_IGN); // keys that interrupt are the command's business
         signal(SIGQUIT, SIG_IGN);
         int status;
-        return waitpid(child, &status, 0) == child ? exit_code(status) : cannot_make;
+        return waitpid(child, &status, 0) == child ? exit_code(status) : CANNOT_MAKE;
     }
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     umask(022);
     if (own_user)
         become_root(uid, gid);
-    // An ordinary user's PATH often lacks the directories of ip.
+    // An ordinary user's PATH often lacks the directories of ip. This process has one thread.
+    // NOLINTBEGIN(concurrency-mt-unsafe)
     const char *path = getenv("PATH");
     setenv("PATH", (std::string(path ? path : "/usr/bin:/bin") + ":/usr/sbin:/sbin").c_str(), 1);
+    // NOLINTEND(concurrency-mt-unsafe)
     enter_copy_of_root();
     make_files();
     make_network();

@@ -7,37 +7,34 @@ extern "C" {
 #include <cstdlib>
 #include <cstring>
 
-namespace {
+static constexpr int MEMORY_STEP = 256;
+static constexpr int MAX_MEMORY = BLOB_ATTR_LEN_MASK + 1;
 
-constexpr int memory_step = 256;
-constexpr int max_memory = BLOB_ATTR_LEN_MASK + 1;
-
-constexpr size_t padded(size_t len) {
+static constexpr size_t padded(size_t len) {
     return (len + BLOB_ATTR_ALIGN - 1) & ~size_t{BLOB_ATTR_ALIGN - 1};
 }
 
-blob_attr *attr_at(const blob_buf *buf, size_t offset) {
+static blob_attr *attr_at(const blob_buf *buf, size_t offset) {
     return reinterpret_cast<blob_attr *>(static_cast<char *>(buf->buf) + offset);
 }
 
-size_t offset_of(const blob_buf *buf, const blob_attr *attr) {
+static size_t offset_of(const blob_buf *buf, const blob_attr *attr) {
     return static_cast<size_t>(reinterpret_cast<const char *>(attr) -
                                static_cast<char *>(buf->buf));
 }
 
-bool grow_on_heap(blob_buf *buf, int more) {
-    void *memory =
-        std::realloc(buf->buf, static_cast<size_t>(buf->buflen) + static_cast<size_t>(more));
+static bool grow_on_heap(blob_buf *buf, int more) {
+    void *memory = realloc(buf->buf, static_cast<size_t>(buf->buflen) + static_cast<size_t>(more));
     if (!memory)
         return false;
-    std::memset(static_cast<char *>(memory) + buf->buflen, 0, static_cast<size_t>(more));
+    memset(static_cast<char *>(memory) + buf->buflen, 0, static_cast<size_t>(more));
     buf->buf = memory;
     buf->buflen += more;
     return true;
 }
 
 // Writes a zeroed attribute with `payload` bytes at `offset`; it belongs to no other one yet.
-blob_attr *make_attr(blob_buf *buf, size_t offset, int id, size_t payload) {
+static blob_attr *make_attr(blob_buf *buf, size_t offset, int id, size_t payload) {
     if (payload > BLOB_ATTR_LEN_MASK)
         return nullptr;
     const size_t len = sizeof(blob_attr) + payload;
@@ -48,13 +45,13 @@ blob_attr *make_attr(blob_buf *buf, size_t offset, int id, size_t payload) {
     if (missing > 0 && !blob_buf_grow(buf, missing))
         return nullptr;
     blob_attr *attr = attr_at(buf, offset);
-    std::memset(attr, 0, padded(len));
+    memset(attr, 0, padded(len));
     attr->id_len = cpu_to_be32(static_cast<uint32_t>(id) << BLOB_ATTR_ID_SHIFT & BLOB_ATTR_ID_MASK);
     blob_set_raw_len(attr, static_cast<unsigned int>(len));
     return attr;
 }
 
-bool matches(blob_attr *attr, const blob_attr_info &info) {
+static bool matches(blob_attr *attr, const blob_attr_info &info) {
     const size_t len = blob_raw_len(attr);
     return blob_check_type(blob_data(attr), static_cast<unsigned int>(blob_len(attr)),
                            static_cast<int>(info.type)) &&
@@ -62,14 +59,12 @@ bool matches(blob_attr *attr, const blob_attr_info &info) {
            (!info.validate || info.validate(&info, attr));
 }
 
-} // namespace
-
 bool blob_buf_grow(blob_buf *buf, int required) {
-    if (required < 0 || required > max_memory - buf->buflen)
+    if (required < 0 || required > MAX_MEMORY - buf->buflen)
         return false;
     // By half at least, so that long messages are not copied at every step.
-    const int wanted = std::clamp(buf->buflen / 2, required, max_memory - buf->buflen);
-    const int more = (wanted + memory_step - 1) / memory_step * memory_step;
+    const int wanted = std::clamp(buf->buflen / 2, required, MAX_MEMORY - buf->buflen);
+    const int more = (wanted + MEMORY_STEP - 1) / MEMORY_STEP * MEMORY_STEP;
     const size_t head = buf->head ? offset_of(buf, buf->head) : 0;
     if (!(buf->grow ? buf->grow : grow_on_heap)(buf, more))
         return false;
@@ -85,7 +80,7 @@ int blob_buf_init(blob_buf *buf, int id) {
 }
 
 void blob_buf_free(blob_buf *buf) {
-    std::free(buf->buf);
+    free(buf->buf);
     buf->buf = nullptr;
     buf->head = nullptr;
     buf->buflen = 0;
@@ -105,7 +100,7 @@ blob_attr *blob_put(blob_buf *buf, int id, const void *ptr, unsigned int len) {
         return nullptr;
     blob_attr *attr = blob_new(buf, id, static_cast<int>(len));
     if (attr && len)
-        std::memcpy(attr->data, ptr, len);
+        memcpy(attr->data, ptr, len);
     return attr;
 }
 
@@ -114,7 +109,7 @@ blob_attr *blob_put_raw(blob_buf *buf, const void *ptr, unsigned int len) {
         return nullptr;
     blob_attr *attr = blob_new(buf, 0, static_cast<int>(len - sizeof(blob_attr)));
     if (attr)
-        std::memcpy(attr, ptr, len);
+        memcpy(attr, ptr, len);
     return attr;
 }
 
@@ -181,15 +176,15 @@ bool blob_check_type(const void *ptr, unsigned int len, int type) {
 }
 
 blob_attr *blob_memdup(const blob_attr *attr) {
-    auto *copy = static_cast<blob_attr *>(std::calloc(1, padded(sizeof(*attr) + blob_len(attr))));
+    auto *copy = static_cast<blob_attr *>(calloc(1, padded(sizeof(*attr) + blob_len(attr))));
     if (copy)
-        std::memcpy(copy, attr, sizeof(*attr) + blob_len(attr));
+        memcpy(copy, attr, sizeof(*attr) + blob_len(attr));
     return copy;
 }
 
 void blob_fill_pad(blob_attr *attr) {
-    std::memset(reinterpret_cast<char *>(attr) + blob_raw_len(attr), 0,
-                blob_pad_len(attr) - blob_raw_len(attr));
+    memset(reinterpret_cast<char *>(attr) + blob_raw_len(attr), 0,
+           blob_pad_len(attr) - blob_raw_len(attr));
 }
 
 void blob_set_raw_len(blob_attr *attr, unsigned int len) {

@@ -6,20 +6,18 @@ extern "C" {
 #include <cerrno>
 #include <cstring>
 
-namespace {
-
 // The form of each type's data, by type number.
-constexpr int data_forms[] = {
+static constexpr int DATA_FORMS[] = {
     BLOB_ATTR_UNSPEC, BLOB_ATTR_NESTED, BLOB_ATTR_NESTED, BLOB_ATTR_STRING, BLOB_ATTR_INT64,
     BLOB_ATTR_INT32,  BLOB_ATTR_INT16,  BLOB_ATTR_INT8,   BLOB_ATTR_DOUBLE,
 };
-static_assert(ARRAY_SIZE(data_forms) == __BLOBMSG_TYPE_LAST);
+static_assert(ARRAY_SIZE(DATA_FORMS) == __BLOBMSG_TYPE_LAST);
 
-const blobmsg_hdr *name_header(const blob_attr *attr) {
+static const blobmsg_hdr *name_header(const blob_attr *attr) {
     return static_cast<const blobmsg_hdr *>(blob_data(attr));
 }
 
-bool has_well_formed_name(const blob_attr *attr, bool name_needed) {
+static bool has_well_formed_name(const blob_attr *attr, bool name_needed) {
     if (!blob_is_extended(attr))
         return !name_needed;
     if (blob_len(attr) < sizeof(blobmsg_hdr))
@@ -31,20 +29,20 @@ bool has_well_formed_name(const blob_attr *attr, bool name_needed) {
            header->name[name_len] == '\0';
 }
 
-bool type_matches(int wanted, int type) {
+static bool type_matches(int wanted, int type) {
     if (wanted == BLOBMSG_CAST_INT64)
         return type >= BLOBMSG_TYPE_INT64 && type <= BLOBMSG_TYPE_INT8;
     return wanted == BLOBMSG_TYPE_UNSPEC || wanted == type;
 }
 
-bool name_matches(const char *wanted, const blob_attr *attr) {
+static bool name_matches(const char *wanted, const blob_attr *attr) {
     const size_t len = blobmsg_namelen(name_header(attr));
-    return std::strlen(wanted) == len && std::memcmp(wanted, name_header(attr)->name, len) == 0;
+    return strlen(wanted) == len && memcmp(wanted, name_header(attr)->name, len) == 0;
 }
 
 // Adds a field whose data, of `len` bytes, are zero.
-blob_attr *new_field(blob_buf *buf, int type, const char *name, size_t len) {
-    const size_t name_len = name ? std::strlen(name) : 0;
+static blob_attr *new_field(blob_buf *buf, int type, const char *name, size_t len) {
+    const size_t name_len = name ? strlen(name) : 0;
     if (name_len > UINT16_MAX || len > BLOB_ATTR_LEN_MASK)
         return nullptr;
     const int header_len = blobmsg_hdrlen(static_cast<unsigned int>(name_len));
@@ -55,18 +53,16 @@ blob_attr *new_field(blob_buf *buf, int type, const char *name, size_t len) {
     auto *header = static_cast<blobmsg_hdr *>(blob_data(attr));
     header->namelen = cpu_to_be16(name_len);
     if (name_len)
-        std::memcpy(header->name, name, name_len);
+        memcpy(header->name, name, name_len);
     return attr;
 }
-
-} // namespace
 
 bool blobmsg_check_attr_len(const blob_attr *attr, bool name, size_t len) {
     if (len < sizeof(*attr) || blob_raw_len(attr) < sizeof(*attr) || blob_raw_len(attr) > len)
         return false;
     return has_well_formed_name(attr, name) && blobmsg_type(attr) <= BLOBMSG_TYPE_LAST &&
            blob_check_type(blobmsg_data(attr), static_cast<unsigned int>(blobmsg_data_len(attr)),
-                           data_forms[blobmsg_type(attr)]);
+                           DATA_FORMS[blobmsg_type(attr)]);
 }
 
 bool blobmsg_check_attr(const blob_attr *attr, bool name) {
@@ -118,7 +114,7 @@ int blobmsg_add_field(blob_buf *buf, int type, const char *name, const void *dat
     if (!attr)
         return -1;
     if (len)
-        std::memcpy(blobmsg_data(attr), data, len);
+        memcpy(blobmsg_data(attr), data, len);
     return 0;
 }
 

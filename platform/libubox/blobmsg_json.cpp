@@ -16,15 +16,15 @@ extern "C" {
 #include <unordered_map>
 #include <vector>
 
-namespace {
-
 // Values may be nested this deep in a text (the outermost one counts), and containers this deep in
 // a message; what a message has below that is printed as empty. Both bound the recursion.
-constexpr int max_text_depth = 32;
-constexpr int max_message_depth = 256;
-constexpr int max_tabs = 16;
+static constexpr int MAX_TEXT_DEPTH = 32;
+static constexpr int MAX_MESSAGE_DEPTH = 256;
+static constexpr int MAX_TABS = 16;
 
-// ---- text to message
+// --- text to message -----------------------------------------------------------------------------
+
+namespace {
 
 struct Value {
     int type = BLOBMSG_TYPE_UNSPEC;
@@ -39,15 +39,17 @@ struct Value {
 // is read behind it.
 using Position = const char *;
 
+} // namespace
+
 // Skips white space and comments. An unfinished comment runs to the end of the text.
 void skip_space(Position &at) {
     for (;;) {
-        at += std::strspn(at, " \t\n\r");
-        if (std::strncmp(at, "//", 2) == 0) {
-            at += std::strcspn(at, "\n");
-        } else if (std::strncmp(at, "/*", 2) == 0) {
-            const char *end = std::strstr(at + 2, "*/");
-            at = end ? end + 2 : at + std::strlen(at);
+        at += strspn(at, " \t\n\r");
+        if (strncmp(at, "//", 2) == 0) {
+            at += strcspn(at, "\n");
+        } else if (strncmp(at, "/*", 2) == 0) {
+            const char *end = strstr(at + 2, "*/");
+            at = end ? end + 2 : at + strlen(at);
         } else {
             return;
         }
@@ -97,20 +99,20 @@ int read_hex4(Position &at) {
 
 // What follows "\u". A surrogate without its partner becomes the replacement character.
 bool read_unicode_escape(Position &at, std::string &out) {
-    constexpr uint32_t replacement = 0xfffd;
+    constexpr uint32_t REPLACEMENT = 0xfffd;
     const int unit = read_hex4(at);
     if (unit < 0)
         return false;
     auto code = static_cast<uint32_t>(unit);
     if (code >= 0xd800 && code < 0xe000) {
         Position behind = at;
-        const bool pair = code < 0xdc00 && std::strncmp(at, "\\u", 2) == 0;
+        const bool pair = code < 0xdc00 && strncmp(at, "\\u", 2) == 0;
         const int low = pair ? read_hex4(behind += 2) : -1;
         if (low >= 0xdc00 && low < 0xe000) {
             code = 0x10000 + ((code - 0xd800) << 10) + (static_cast<uint32_t>(low) - 0xdc00);
             at = behind;
         } else {
-            code = replacement;
+            code = REPLACEMENT;
         }
     }
     append_utf8(out, code);
@@ -118,14 +120,14 @@ bool read_unicode_escape(Position &at, std::string &out) {
 }
 
 bool read_escape(Position &at, std::string &out) {
-    static constexpr char letters[] = "\"\\/bnrtf", meanings[] = "\"\\/\b\n\r\t\f";
+    static constexpr char LETTERS[] = "\"\\/bnrtf", MEANINGS[] = "\"\\/\b\n\r\t\f";
     const char letter = *at;
     if (letter == 'u')
         return read_unicode_escape(++at, out);
-    const char *known = letter ? std::strchr(letters, letter) : nullptr;
+    const char *known = letter ? strchr(LETTERS, letter) : nullptr;
     if (!known)
         return false;
-    out += meanings[known - letters];
+    out += MEANINGS[known - LETTERS];
     at++;
     return true;
 }
@@ -138,7 +140,7 @@ bool read_string(Position &at, std::string &out) {
     at++;
     const char stops[] = {quote, '\\', '\0'};
     for (;;) {
-        const size_t plain = std::strcspn(at, stops);
+        const size_t plain = strcspn(at, stops);
         out.append(at, plain);
         at += plain;
         if (*at == quote)
@@ -147,7 +149,7 @@ bool read_string(Position &at, std::string &out) {
             return false;
     }
     at++;
-    out.resize(std::strlen(out.c_str()));
+    out.resize(strlen(out.c_str()));
     return true;
 }
 
@@ -171,16 +173,16 @@ Position number_end(Position at, bool &is_real) {
 bool read_number(Position &at, Value &out) {
     bool is_real;
     const char *end = number_end(at, is_real);
-    if (!*end || !std::strchr(",]}/ \t\n\r", *end))
+    if (!*end || !strchr(",]}/ \t\n\r", *end))
         return false;
     const char *last = end; // "1e" and "1e+" count as 1.0
-    while (is_real && last > at && std::strchr("eE+-", last[-1]))
+    while (is_real && last > at && strchr("eE+-", last[-1]))
         last--;
     char *parsed;
     if (is_real)
-        out.real = std::strtod(at, &parsed);
+        out.real = strtod(at, &parsed);
     else
-        out.integer = std::strtoll(at, &parsed, 10); // clamps
+        out.integer = strtoll(at, &parsed, 10); // clamps
     if (parsed != last || parsed == at)
         return false;
     out.type = is_real                                                ? BLOBMSG_TYPE_DOUBLE
@@ -196,7 +198,7 @@ bool read_literal(Position &at, Value &out) {
         int type;
         int64_t integer;
         double real;
-    } literals[] = {
+    } LITERALS[] = {
         {"true", BLOBMSG_TYPE_BOOL, 1, 0},
         {"false", BLOBMSG_TYPE_BOOL, 0, 0},
         {"null", BLOBMSG_TYPE_UNSPEC, 0, 0},
@@ -204,7 +206,7 @@ bool read_literal(Position &at, Value &out) {
         {"infinity", BLOBMSG_TYPE_DOUBLE, 0, __builtin_inf()},
         {"-infinity", BLOBMSG_TYPE_DOUBLE, 0, -__builtin_inf()},
     };
-    for (const auto &literal : literals) {
+    for (const auto &literal : LITERALS) {
         if (!read_word(at, literal.word))
             continue;
         out.type = literal.type;
@@ -259,7 +261,7 @@ bool read_members(Position &at, Value &out, char closing, int depth) {
 }
 
 bool read_value(Position &at, Value &out, int depth) {
-    if (depth >= max_text_depth)
+    if (depth >= MAX_TEXT_DEPTH)
         return false;
     switch (*at) {
     case '{':
@@ -315,7 +317,7 @@ bool add_value(blob_buf *buf, const char *name, const Value &value) {
     }
 }
 
-// ---- message to text
+// --- message to text -----------------------------------------------------------------------------
 
 struct Writer {
     std::string out;
@@ -330,19 +332,19 @@ void new_line(Writer &to) {
     if (!to.indented)
         return;
     to.out += '\n';
-    to.out.append(static_cast<size_t>(std::min(to.level, max_tabs)), '\t');
+    to.out.append(static_cast<size_t>(std::min(to.level, MAX_TABS)), '\t');
 }
 
 void write_string(Writer &to, const char *text) {
-    static constexpr char escaped[] = "\"\\\b\n\t\r", letters[] = "\"\\bntr";
+    static constexpr char ESCAPED[] = "\"\\\b\n\t\r", LETTERS[] = "\"\\bntr";
     to.out += '"';
     for (; *text; text++) {
-        if (const char *special = std::strchr(escaped, *text)) {
+        if (const char *special = strchr(ESCAPED, *text)) {
             to.out += '\\';
-            to.out += letters[special - escaped];
+            to.out += LETTERS[special - ESCAPED];
         } else if (static_cast<unsigned char>(*text) < 0x20) {
             char code[8];
-            std::snprintf(code, sizeof(code), "\\u%04x", static_cast<unsigned int>(*text));
+            snprintf(code, sizeof(code), "\\u%04x", static_cast<unsigned int>(*text));
             to.out += code;
         } else {
             to.out += *text;
@@ -354,14 +356,14 @@ void write_string(Writer &to, const char *text) {
 void write_list(Writer &to, blob_attr *first, size_t len, bool array);
 
 void write_container(Writer &to, blob_attr *attr) {
-    const bool shown = to.depth < max_message_depth;
+    const bool shown = to.depth < MAX_MESSAGE_DEPTH;
     write_list(to, static_cast<blob_attr *>(blobmsg_data(attr)), shown ? blobmsg_data_len(attr) : 0,
                blobmsg_type(attr) == BLOBMSG_TYPE_ARRAY);
 }
 
 void write_double(Writer &to, double value) {
     char text[340]; // the largest one has 309 digits before the point
-    std::snprintf(text, sizeof(text), "%lf", value);
+    snprintf(text, sizeof(text), "%lf", value);
     to.out += text;
 }
 
@@ -424,8 +426,6 @@ void write_list(Writer &to, blob_attr *first, size_t len, bool array) {
     new_line(to);
     to.out += array ? ']' : '}';
 }
-
-} // namespace
 
 bool blobmsg_add_json_from_string(blob_buf *b, const char *str) {
     Value value;

@@ -16,48 +16,46 @@ bool uloop_cancelled = false;
 bool uloop_handle_sigchld = true;
 uloop_fd_handler uloop_fd_set_cb = nullptr;
 
-namespace {
+static constexpr int MAX_FETCHED = 10;
 
-constexpr int max_fetched = 10;
-
-int poll_fd = -1;
-int runs; // nested calls of uloop_run_timeout()
+static int poll_fd = -1;
+static int runs; // nested calls of uloop_run_timeout()
 
 // Events of one wait that have not been handled yet; data.ptr is null for a deleted descriptor.
-epoll_event fetched[max_fetched];
-int fetched_count;
-int next_fetched;
+static epoll_event fetched[MAX_FETCHED];
+static int fetched_count;
+static int next_fetched;
 
-list_head timers = LIST_HEAD_INIT(timers); // in order of expiry
-list_head processes = LIST_HEAD_INIT(processes);
+static list_head timers = LIST_HEAD_INIT(timers); // in order of expiry
+static list_head processes = LIST_HEAD_INIT(processes);
 
 // What signal handlers touch.
-std::atomic<int> end_signal;
-std::atomic<bool> child_ended;
-std::atomic<int> wake_writer{-1};
+static std::atomic<int> end_signal;
+static std::atomic<bool> child_ended;
+static std::atomic<int> wake_writer{-1};
 
-bool is_cancelled() {
+static bool is_cancelled() {
     return __atomic_load_n(&uloop_cancelled, __ATOMIC_RELAXED);
 }
 
-// ---- waking the loop from a signal handler, which may run on any thread
+// --- waking the loop from a signal handler, which may run on any thread --------------------------
 
-void drain_wake_pipe(uloop_fd *watch, unsigned int) {
+static void drain_wake_pipe(uloop_fd *watch, unsigned int) {
     char bytes[16];
     while (read(watch->fd, bytes, sizeof(bytes)) > 0)
         ;
 }
 
-uloop_fd wake_reader = {drain_wake_pipe, -1, false, false, false, 0};
+static uloop_fd wake_reader = {drain_wake_pipe, -1, false, false, false, 0};
 
-void wake() {
+static void wake() {
     const int saved = errno;
     // A full pipe wakes the loop as well.
     [[maybe_unused]] const ssize_t written = write(wake_writer, "w", 1);
     errno = saved;
 }
 
-bool make_wake_pipe() {
+static bool make_wake_pipe() {
     int ends[2];
     if (pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0)
         return false;
@@ -66,40 +64,45 @@ bool make_wake_pipe() {
     return uloop_fd_add(&wake_reader, ULOOP_READ | ULOOP_BLOCKING) == 0;
 }
 
-void close_wake_pipe() {
+static void close_wake_pipe() {
     uloop_fd_delete(&wake_reader);
     close(wake_reader.fd);
     close(wake_writer.exchange(-1));
     wake_reader.fd = -1;
 }
 
-// ---- signals
+// --- signals -------------------------------------------------------------------------------------
 
-void on_end_signal(int number) {
+static void on_end_signal(int number) {
     end_signal = number;
     __atomic_store_n(&uloop_cancelled, true, __ATOMIC_RELAXED);
     wake();
 }
 
-void on_child_signal(int) {
+static void on_child_signal(int) {
     child_ended = true;
     wake();
 }
+
+namespace {
 
 struct TakenSignal {
     int number;
     void (*handler)(int);
     struct sigaction previous;
 };
-TakenSignal signals[] = {
+
+} // namespace
+
+static TakenSignal signals[] = {
     {SIGINT, on_end_signal, {}}, {SIGTERM, on_end_signal, {}}, {SIGCHLD, on_child_signal, {}}};
 
-bool is_managed(const TakenSignal &signal) {
+static bool is_managed(const TakenSignal &signal) {
     return signal.number != SIGCHLD || uloop_handle_sigchld;
 }
 
 // A disposition that is not the default belongs to the program and stays.
-void take_signals() {
+static void take_signals() {
     struct sigaction current;
     for (TakenSignal &signal : signals) {
         if (!is_managed(signal) || sigaction(signal.number, nullptr, &current) != 0 ||
@@ -115,7 +118,7 @@ void take_signals() {
         signal(SIGPIPE, SIG_IGN);
 }
 
-void give_back_signals() {
+static void give_back_signals() {
     struct sigaction current;
     for (TakenSignal &signal : signals)
         if (is_managed(signal) && sigaction(signal.number, nullptr, &current) == 0 &&
@@ -123,20 +126,20 @@ void give_back_signals() {
             sigaction(signal.number, &signal.previous, nullptr);
 }
 
-// ---- timers
+// --- timers --------------------------------------------------------------------------------------
 
-timeval now() {
+static timeval now() {
     timespec time;
     clock_gettime(CLOCK_MONOTONIC, &time);
     return {time.tv_sec, static_cast<suseconds_t>(time.tv_nsec / 1000)};
 }
 
 // Truncated: a timer that is due within a millisecond is due.
-int64_t milliseconds_between(const timeval &from, const timeval &to) {
+static int64_t milliseconds_between(const timeval &from, const timeval &to) {
     return (int64_t{to.tv_sec} - from.tv_sec) * 1000 + (to.tv_usec - from.tv_usec) / 1000;
 }
 
-void run_due_timers() {
+static void run_due_timers() {
     const timeval start = now();
     while (!list_empty(&timers)) {
         uloop_timeout *timer = list_first_entry(&timers, uloop_timeout, list);
@@ -148,9 +151,9 @@ void run_due_timers() {
     }
 }
 
-// ---- children
+// --- children ------------------------------------------------------------------------------------
 
-uloop_process *find_process(pid_t pid) {
+static uloop_process *find_process(pid_t pid) {
     uloop_process *process;
     list_for_each_entry(process, &processes, list) {
         if (process->pid == pid)
@@ -159,7 +162,7 @@ uloop_process *find_process(pid_t pid) {
     return nullptr;
 }
 
-void reap_children() {
+static void reap_children() {
     int status;
     pid_t pid;
     while ((pid = waitpid(-1, &status, WNOHANG)) > 0) {
@@ -172,15 +175,15 @@ void reap_children() {
     }
 }
 
-// ---- descriptors
+// --- descriptors ---------------------------------------------------------------------------------
 
-bool fetch_events(int timeout) {
+static bool fetch_events(int timeout) {
     next_fetched = 0;
-    fetched_count = std::max(0, epoll_wait(poll_fd, fetched, max_fetched, timeout));
+    fetched_count = std::max(0, epoll_wait(poll_fd, fetched, MAX_FETCHED, timeout));
     return fetched_count > 0;
 }
 
-void handle_event(uloop_fd *watch, uint32_t events) {
+static void handle_event(uloop_fd *watch, uint32_t events) {
     const unsigned int mask =
         (events & EPOLLIN ? ULOOP_READ : 0u) | (events & EPOLLOUT ? ULOOP_WRITE : 0u);
     if (events & EPOLLRDHUP)
@@ -195,15 +198,13 @@ void handle_event(uloop_fd *watch, uint32_t events) {
 }
 
 // Handles one event, waiting at most `timeout` milliseconds (< 0: for ever) if none is left over.
-void run_one_event(int timeout) {
+static void run_one_event(int timeout) {
     if (next_fetched >= fetched_count && !fetch_events(timeout))
         return;
     const epoll_event &event = fetched[next_fetched++];
     if (event.data.ptr)
         handle_event(static_cast<uloop_fd *>(event.data.ptr), event.events);
 }
-
-} // namespace
 
 int uloop_init() {
     if (poll_fd < 0)

@@ -15,7 +15,12 @@ blob_buf scratch;
 namespace {
 
 using Head = decltype(ubus_context::head);
+
+} // namespace
+
 static_assert(sizeof(Head) == sizeof(wire::Head));
+
+namespace {
 
 // A call that came in during a synchronous request.
 struct PendingMessage {
@@ -24,13 +29,15 @@ struct PendingMessage {
     blob_attr *body;
 };
 
-bool wait_until(int fd, short events, int timeout) {
+} // namespace
+
+static bool wait_until(int fd, short events, int timeout) {
     pollfd entry{fd, events, 0};
     return poll(&entry, 1, timeout) > 0;
 }
 
 // Reads up to `want` bytes of the current message. Sets sock.eof when there will be no more.
-size_t read_some(ubus_context *ctx, void *to, size_t want) {
+static size_t read_some(ubus_context *ctx, void *to, size_t want) {
     for (;;) {
         ssize_t got = recv(ctx->sock.fd, to, want, 0);
         if (got > 0)
@@ -45,7 +52,7 @@ size_t read_some(ubus_context *ctx, void *to, size_t want) {
 
 // Whether a whole message is there: `head` and `body`. A header that cannot be right ends the
 // connection, as there is no way to find the next message.
-bool receive_message(ubus_context *ctx) {
+static bool receive_message(ubus_context *ctx) {
     char *head = reinterpret_cast<char *>(&ctx->head);
     while (ctx->received < sizeof(Head)) {
         size_t got = read_some(ctx, head + ctx->received, sizeof(Head) - ctx->received);
@@ -74,7 +81,7 @@ bool receive_message(ubus_context *ctx) {
     return true;
 }
 
-void queue_message(ubus_context *ctx, const ubus_msghdr &hdr, blob_attr *body) {
+static void queue_message(ubus_context *ctx, const ubus_msghdr &hdr, blob_attr *body) {
     auto *message = static_cast<PendingMessage *>(malloc(sizeof(PendingMessage)));
     if (!message) {
         free(body);
@@ -89,7 +96,7 @@ void queue_message(ubus_context *ctx, const ubus_msghdr &hdr, blob_attr *body) {
 }
 
 // Takes over `body`.
-void dispatch(ubus_context *ctx, ubus_msghdr hdr, blob_attr *body) {
+static void dispatch(ubus_context *ctx, ubus_msghdr hdr, blob_attr *body) {
     hdr.seq = be16_to_cpu(hdr.seq);
     hdr.peer = be32_to_cpu(hdr.peer);
     switch (hdr.type) {
@@ -112,7 +119,7 @@ void dispatch(ubus_context *ctx, ubus_msghdr hdr, blob_attr *body) {
     free(body);
 }
 
-void discard_input(ubus_context *ctx) {
+static void discard_input(ubus_context *ctx) {
     free(ctx->body);
     ctx->body = nullptr;
     ctx->received = 0;
@@ -120,19 +127,19 @@ void discard_input(ubus_context *ctx) {
 
 // Does nothing when uloop has dropped the socket already, which it does when the bus ends: the loop
 // then goes on without a bus.
-void default_connection_lost(ubus_context *ctx) {
+static void default_connection_lost(ubus_context *ctx) {
     if (ctx->sock.registered)
         uloop_end();
 }
 
-int compare_ids(const void *first, const void *second, void *) {
+static int compare_ids(const void *first, const void *second, void *) {
     uint32_t a = *static_cast<const uint32_t *>(first);
     uint32_t b = *static_cast<const uint32_t *>(second);
     return a < b ? -1 : a > b;
 }
 
 // Opens the socket and reads the greeting, blocking. False, with nothing open, on any failure.
-bool open_connection(ubus_context *ctx, const char *path) {
+static bool open_connection(ubus_context *ctx, const char *path) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     if (!path)
@@ -159,15 +166,13 @@ bool open_connection(ubus_context *ctx, const char *path) {
     return false;
 }
 
-void close_connection(ubus_context *ctx) {
+static void close_connection(ubus_context *ctx) {
     uloop_fd_delete(&ctx->sock);
     if (ctx->sock.fd >= 0)
         close(ctx->sock.fd);
     ctx->sock.fd = -1;
     discard_input(ctx);
 }
-
-} // namespace
 
 bool send_message(ubus_context *ctx, int type, uint16_t seq, uint32_t peer, blob_attr *attributes) {
     ubus_msghdr hdr{};
@@ -321,7 +326,7 @@ int ubus_reconnect(ubus_context *ctx, const char *path) {
 }
 
 const char *ubus_strerror(int error) {
-    static constexpr std::array<const char *, __UBUS_STATUS_LAST> texts{
+    static constexpr std::array<const char *, __UBUS_STATUS_LAST> TEXTS{
         "Success",
         "Invalid command",
         "Invalid argument",
@@ -338,8 +343,8 @@ const char *ubus_strerror(int error) {
         "System error",
     };
     static std::array<char, 32> unknown;
-    if (error >= 0 && error < (int)texts.size())
-        return texts[(size_t)error];
+    if (error >= 0 && error < (int)TEXTS.size())
+        return TEXTS[(size_t)error];
     snprintf(unknown.data(), unknown.size(), "Unknown error: %d", error);
     return unknown.data();
 }

@@ -3,29 +3,27 @@
 
 namespace ubus_library {
 
-namespace {
-
-int notification_handler(ubus_context *ctx, ubus_object *obj, ubus_request_data *req,
-                         const char *method, blob_attr *msg) {
+static int notification_handler(ubus_context *ctx, ubus_object *obj, ubus_request_data *req,
+                                const char *method, blob_attr *msg) {
     ubus_subscriber *subscriber = container_of(obj, ubus_subscriber, obj);
     return subscriber->cb ? subscriber->cb(ctx, obj, req, method, msg) : UBUS_STATUS_OK;
 }
 
-int event_handler(ubus_context *ctx, ubus_object *obj, ubus_request_data *, const char *method,
-                  blob_attr *msg) {
+static int event_handler(ubus_context *ctx, ubus_object *obj, ubus_request_data *,
+                         const char *method, blob_attr *msg) {
     ubus_event_handler *handler = container_of(obj, ubus_event_handler, obj);
     handler->cb(ctx, handler, method, msg);
     return UBUS_STATUS_OK;
 }
 
-constexpr ubus_method any_method(ubus_handler_t handler) {
+static constexpr ubus_method any_method(ubus_handler_t handler) {
     return {nullptr, handler, 0, 0, nullptr, 0};
 }
-constexpr ubus_method notification_method = any_method(notification_handler);
-constexpr ubus_method event_method = any_method(event_handler);
+static constexpr ubus_method NOTIFICATION_METHOD = any_method(notification_handler);
+static constexpr ubus_method EVENT_METHOD = any_method(event_handler);
 
-int change_subscription(ubus_context *ctx, ubus_subscriber *subscriber, uint32_t target,
-                        ubus_msg_type type) {
+static int change_subscription(ubus_context *ctx, ubus_subscriber *subscriber, uint32_t target,
+                               ubus_msg_type type) {
     blob_buf_init(&scratch, 0);
     blob_put_int32(&scratch, UBUS_ATTR_OBJID, subscriber->obj.id);
     blob_put_int32(&scratch, UBUS_ATTR_TARGET, target);
@@ -33,17 +31,15 @@ int change_subscription(ubus_context *ctx, ubus_subscriber *subscriber, uint32_t
 }
 
 // Tells the bus's own event object something; `fields` of it are in `message`.
-int call_event_object(ubus_context *ctx, const char *method, blob_buf &message) {
+static int call_event_object(ubus_context *ctx, const char *method, blob_buf &message) {
     int status =
         ubus_invoke(ctx, UBUS_SYSTEM_OBJECT_EVENT, method, message.head, nullptr, nullptr, 0);
     blob_buf_free(&message);
     return status;
 }
 
-} // namespace
-
 void target_gone(ubus_context *ctx, ubus_object *obj, uint32_t target) {
-    if (obj->methods != &notification_method)
+    if (obj->methods != &NOTIFICATION_METHOD)
         return;
     ubus_subscriber *subscriber = container_of(obj, ubus_subscriber, obj);
     if (subscriber->remove_cb)
@@ -57,7 +53,7 @@ using namespace ubus_library;
 int ubus_register_subscriber(ubus_context *ctx, ubus_subscriber *subscriber) {
     if (subscriber->new_obj_cb)
         return UBUS_STATUS_NOT_SUPPORTED;
-    return add_internal_object(ctx, &subscriber->obj, &notification_method);
+    return add_internal_object(ctx, &subscriber->obj, &NOTIFICATION_METHOD);
 }
 
 int ubus_subscribe(ubus_context *ctx, ubus_subscriber *subscriber, uint32_t id) {
@@ -71,7 +67,7 @@ int ubus_unsubscribe(ubus_context *ctx, ubus_subscriber *subscriber, uint32_t id
 int ubus_register_event_handler(ubus_context *ctx, ubus_event_handler *handler,
                                 const char *pattern) {
     if (!handler->obj.id) {
-        int status = add_internal_object(ctx, &handler->obj, &event_method);
+        int status = add_internal_object(ctx, &handler->obj, &EVENT_METHOD);
         if (status)
             return status;
     }

@@ -3,14 +3,12 @@
 
 namespace ubus_library {
 
-namespace {
-
-ubus_object *find_object(ubus_context *ctx, uint32_t id) {
+static ubus_object *find_object(ubus_context *ctx, uint32_t id) {
     avl_node *node = avl_find(&ctx->objects, &id);
     return node ? container_of(node, ubus_object, avl) : nullptr;
 }
 
-void send_status(ubus_context *ctx, const ubus_request_data &req, int status) {
+static void send_status(ubus_context *ctx, const ubus_request_data &req, int status) {
     blob_buf_init(&scratch, 0);
     blob_put_int32(&scratch, UBUS_ATTR_STATUS, (uint32_t)status);
     blob_put_int32(&scratch, UBUS_ATTR_OBJID, req.object);
@@ -19,7 +17,7 @@ void send_status(ubus_context *ctx, const ubus_request_data &req, int status) {
         close(req.fd);
 }
 
-const ubus_method *find_method(const ubus_object *obj, const char *name) {
+static const ubus_method *find_method(const ubus_object *obj, const char *name) {
     for (int i = 0; i < obj->n_methods; i++) {
         const ubus_method &method = obj->methods[i];
         if (!method.name || strcmp(method.name, name) == 0)
@@ -29,7 +27,7 @@ const ubus_method *find_method(const ubus_object *obj, const char *name) {
 }
 
 // Arguments are not compared with the policy: that is the handler's business.
-int call_handler(ubus_context *ctx, ubus_request_data &req, const wire::Attributes &found) {
+static int call_handler(ubus_context *ctx, ubus_request_data &req, const wire::Attributes &found) {
     ubus_object *obj = find_object(ctx, req.object);
     if (!obj)
         return UBUS_STATUS_NOT_FOUND;
@@ -47,7 +45,8 @@ int call_handler(ubus_context *ctx, ubus_request_data &req, const wire::Attribut
     return method->handler(ctx, obj, &req, name, found[UBUS_ATTR_DATA]);
 }
 
-void handle_invoke(ubus_context *ctx, const ubus_msghdr &hdr, const wire::Attributes &found) {
+static void handle_invoke(ubus_context *ctx, const ubus_msghdr &hdr,
+                          const wire::Attributes &found) {
     ubus_request_data req{};
     req.object = wire::number(found[UBUS_ATTR_OBJID]);
     req.peer = hdr.peer;
@@ -59,7 +58,8 @@ void handle_invoke(ubus_context *ctx, const ubus_msghdr &hdr, const wire::Attrib
         send_status(ctx, req, status);
 }
 
-void handle_subscription_state(ubus_context *ctx, ubus_object *obj, const blob_attr *active) {
+static void handle_subscription_state(ubus_context *ctx, ubus_object *obj,
+                                      const blob_attr *active) {
     if (!active)
         return;
     obj->has_subscribers = blob_get_u8(active) != 0;
@@ -67,7 +67,7 @@ void handle_subscription_state(ubus_context *ctx, ubus_object *obj, const blob_a
         obj->subscribe_cb(ctx, obj);
 }
 
-void put_signature(const ubus_object_type *type) {
+static void put_signature(const ubus_object_type *type) {
     void *signature = blob_nest_start(&scratch, UBUS_ATTR_SIGNATURE);
     for (int i = 0; i < type->n_methods; i++) {
         const ubus_method &method = type->methods[i];
@@ -82,7 +82,7 @@ void put_signature(const ubus_object_type *type) {
     blob_nest_end(&scratch, signature);
 }
 
-void receive_added(ubus_request *req, int, blob_attr *body) {
+static void receive_added(ubus_request *req, int, blob_attr *body) {
     auto *obj = static_cast<ubus_object *>(req->priv);
     wire::Attributes found = wire::parse(body, blob_raw_len(body));
     if (!found[UBUS_ATTR_OBJID] || obj->id)
@@ -95,7 +95,7 @@ void receive_added(ubus_request *req, int, blob_attr *body) {
         obj->id = 0;
 }
 
-void receive_removed(ubus_request *req, int, blob_attr *body) {
+static void receive_removed(ubus_request *req, int, blob_attr *body) {
     auto *obj = static_cast<ubus_object *>(req->priv);
     wire::Attributes found = wire::parse(body, blob_raw_len(body));
     if (!found[UBUS_ATTR_OBJID] || wire::number(found[UBUS_ATTR_OBJID]) != obj->id || !obj->id)
@@ -105,8 +105,6 @@ void receive_removed(ubus_request *req, int, blob_attr *body) {
     if (found[UBUS_ATTR_OBJTYPE] && obj->type)
         obj->type->id = 0;
 }
-
-} // namespace
 
 void handle_object_message(ubus_context *ctx, const ubus_msghdr &hdr, blob_attr *body) {
     wire::Attributes found = wire::parse(body, blob_raw_len(body));

@@ -13,18 +13,20 @@ struct QueuedData {
     blob_attr *body;
 };
 
-int64_t now_ms() {
+} // namespace
+
+static int64_t now_ms() {
     timespec now{};
     clock_gettime(CLOCK_MONOTONIC, &now);
     return (int64_t)now.tv_sec * 1000 + now.tv_nsec / 1000000;
 }
 
 // Marks a request that somebody waits for; ends the round of reading at once.
-void synchronous_done(ubus_request *req, int) {
+static void synchronous_done(ubus_request *req, int) {
     req->ctx->cancel_poll = true;
 }
 
-ubus_request *find_request(ubus_context *ctx, const ubus_msghdr &hdr) {
+static ubus_request *find_request(ubus_context *ctx, const ubus_msghdr &hdr) {
     ubus_request *req;
     list_for_each_entry(req, &ctx->requests, list) {
         if (req->seq == hdr.seq && (req->peer == hdr.peer || req->notify))
@@ -33,7 +35,7 @@ ubus_request *find_request(ubus_context *ctx, const ubus_msghdr &hdr) {
     return nullptr;
 }
 
-void finish(ubus_request *req, int status) {
+static void finish(ubus_request *req, int status) {
     req->status_code = status;
     req->status_msg = true;
     list_del_init(&req->list);
@@ -41,7 +43,7 @@ void finish(ubus_request *req, int status) {
         req->complete_cb(req, status);
 }
 
-void deliver_data(ubus_request *req, blob_attr *body) {
+static void deliver_data(ubus_request *req, blob_attr *body) {
     if (req->raw_data_cb)
         req->raw_data_cb(req, UBUS_MSG_DATA, body);
     if (!req->data_cb)
@@ -51,7 +53,7 @@ void deliver_data(ubus_request *req, blob_attr *body) {
         req->data_cb(req, UBUS_MSG_DATA, found[UBUS_ATTR_DATA]);
 }
 
-void drop_queued(ubus_request *req) {
+static void drop_queued(ubus_request *req) {
     QueuedData *queued;
     QueuedData *next;
     list_for_each_entry_safe(queued, next, &req->pending, list) {
@@ -63,7 +65,7 @@ void drop_queued(ubus_request *req) {
 
 // A callback may itself wait for another request, and more data, or the status, of this one may
 // come in the meantime: they take their turn afterwards.
-void handle_data(ubus_request *req, blob_attr *body) {
+static void handle_data(ubus_request *req, blob_attr *body) {
     if (req->blocked) {
         auto *queued = static_cast<QueuedData *>(malloc(sizeof(QueuedData)));
         if (queued && (queued->body = blob_memdup(body)))
@@ -86,6 +88,8 @@ void handle_data(ubus_request *req, blob_attr *body) {
         req->complete_cb(req, req->status_code);
 }
 
+namespace {
+
 // The statuses of a notification: first the bus's, which names the subscribers, then one from each.
 struct NotifyRequest {
     ubus_request req;
@@ -93,8 +97,10 @@ struct NotifyRequest {
     size_t expected;
 };
 
-void handle_notify_status(ubus_request *req, const ubus_msghdr &hdr,
-                          const wire::Attributes &found) {
+} // namespace
+
+static void handle_notify_status(ubus_request *req, const ubus_msghdr &hdr,
+                                 const wire::Attributes &found) {
     auto *notify = container_of(req, NotifyRequest, req);
     auto &expected = notify->expected;
     if (hdr.peer == req->peer) {
@@ -119,12 +125,16 @@ void handle_notify_status(ubus_request *req, const ubus_msghdr &hdr,
     }
 }
 
+namespace {
+
 struct LookupTarget {
     ubus_lookup_handler_t cb;
     void *priv;
 };
 
-void receive_lookup(ubus_request *req, int, blob_attr *body) {
+} // namespace
+
+static void receive_lookup(ubus_request *req, int, blob_attr *body) {
     auto *target = static_cast<LookupTarget *>(req->priv);
     wire::Attributes found = wire::parse(body, blob_raw_len(body));
     if (!found[UBUS_ATTR_OBJID] || !found[UBUS_ATTR_OBJPATH] || !found[UBUS_ATTR_OBJTYPE])
@@ -136,8 +146,6 @@ void receive_lookup(ubus_request *req, int, blob_attr *body) {
     object.signature = found[UBUS_ATTR_SIGNATURE];
     target->cb(req->ctx, &object, target->priv);
 }
-
-} // namespace
 
 bool put_data(const blob_attr *msg) {
     return blob_put(&scratch, UBUS_ATTR_DATA, msg ? blob_data(msg) : nullptr,

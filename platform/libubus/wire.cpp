@@ -8,16 +8,16 @@ size_t outer_length(uint32_t id_len) {
 }
 
 Attributes parse(blob_attr *outer, size_t length) {
-    static constexpr auto form = [](unsigned type) { return blob_attr_info{type, 0, 0, nullptr}; };
-    static constexpr std::array<blob_attr_info, UBUS_ATTR_MAX> forms{
-        form(BLOB_ATTR_UNSPEC), form(BLOB_ATTR_INT32),  form(BLOB_ATTR_STRING),
-        form(BLOB_ATTR_INT32),  form(BLOB_ATTR_STRING), form(BLOB_ATTR_INT32),
-        form(BLOB_ATTR_NESTED), form(BLOB_ATTR_NESTED), form(BLOB_ATTR_INT32),
-        form(BLOB_ATTR_INT8),   form(BLOB_ATTR_INT8),   form(BLOB_ATTR_NESTED),
-        form(BLOB_ATTR_STRING), form(BLOB_ATTR_STRING),
+    static constexpr auto FORM = [](unsigned type) { return blob_attr_info{type, 0, 0, nullptr}; };
+    static constexpr std::array<blob_attr_info, UBUS_ATTR_MAX> FORMS{
+        FORM(BLOB_ATTR_UNSPEC), FORM(BLOB_ATTR_INT32),  FORM(BLOB_ATTR_STRING),
+        FORM(BLOB_ATTR_INT32),  FORM(BLOB_ATTR_STRING), FORM(BLOB_ATTR_INT32),
+        FORM(BLOB_ATTR_NESTED), FORM(BLOB_ATTR_NESTED), FORM(BLOB_ATTR_INT32),
+        FORM(BLOB_ATTR_INT8),   FORM(BLOB_ATTR_INT8),   FORM(BLOB_ATTR_NESTED),
+        FORM(BLOB_ATTR_STRING), FORM(BLOB_ATTR_STRING),
     };
     Attributes found;
-    blob_parse_untrusted(outer, length, found.data(), forms.data(), UBUS_ATTR_MAX);
+    blob_parse_untrusted(outer, length, found.data(), FORMS.data(), UBUS_ATTR_MAX);
     return found;
 }
 

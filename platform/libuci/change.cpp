@@ -27,8 +27,7 @@ static void note_change(const uci_ptr &ptr, char prefix, const char *value, bool
 // length of its text changes; otherwise it keeps its own, also where the pointer asks for another.
 static void update_option(uci_ptr &ptr) {
     uci_option &o = *ptr.o;
-    const bool in_place =
-        o.type == UCI_TYPE_STRING && std::strlen(o.v.string) == std::strlen(ptr.value);
+    const bool in_place = o.type == UCI_TYPE_STRING && strlen(o.v.string) == strlen(ptr.value);
     const bool renamed = !in_place && ptr.option != o.e.name;
     set_string(o, ptr.value);
     if (renamed)
@@ -37,7 +36,7 @@ static void update_option(uci_ptr &ptr) {
 
 static void update_type(uci_section &s, const char *type) {
     // A type of another length makes an anonymous section a named one, under its generated name.
-    if (std::strlen(s.type) != std::strlen(type))
+    if (strlen(s.type) != strlen(type))
         s.anonymous = false;
     assign(s.type, type);
 }
@@ -58,9 +57,9 @@ int set(Context &ctx, uci_ptr &ptr, bool noted) {
     }
 
     if (ptr.o) {
-        if (ptr.o->type == UCI_TYPE_STRING && std::strcmp(ptr.o->v.string, ptr.value) == 0)
+        if (ptr.o->type == UCI_TYPE_STRING && strcmp(ptr.o->v.string, ptr.value) == 0)
             return UCI_OK;
-    } else if (ptr.s && !ptr.option && std::strcmp(ptr.s->type, ptr.value) == 0) {
+    } else if (ptr.s && !ptr.option && strcmp(ptr.s->type, ptr.value) == 0) {
         return UCI_OK;
     }
     note_change(ptr, 0, ptr.value, noted); // first: the value may lie in what is replaced

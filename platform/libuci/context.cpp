@@ -25,8 +25,8 @@ void uci_free_context(uci_context *ctx) {
     uci_foreach_element_safe(&ctx->delta_path, next, e) {
         uci::free_element(*e);
     }
-    std::free(ctx->confdir);
-    std::free(ctx->savedir);
+    free(ctx->confdir);
+    free(ctx->savedir);
     delete &own(ctx);
 }
 
@@ -48,20 +48,20 @@ int uci_set_savedir(uci_context *ctx, const char *dir) {
 }
 
 static std::string error_text(uci_context *ctx, const char *prefix) {
-    static constexpr const char *texts[] = {
+    static constexpr const char *TEXTS[] = {
         "Success",   "Out of memory", "Invalid argument", "Entry not found",
         "I/O error", "Parse error",   "Duplicate entry",  "Unknown error",
     };
     const int err = ctx ? ctx->err : UCI_ERR_INVAL;
     std::string text = prefix ? std::string(prefix) + ": " : "";
-    text += texts[err >= 0 && err < UCI_ERR_LAST ? err : UCI_ERR_UNKNOWN];
+    text += TEXTS[err >= 0 && err < UCI_ERR_LAST ? err : UCI_ERR_UNKNOWN];
     if (err == UCI_ERR_PARSE && own(ctx).parse_line > 0)
         text += " at line " + std::to_string(own(ctx).parse_line);
     return text;
 }
 
 void uci_perror(uci_context *ctx, const char *str) {
-    std::fprintf(stderr, "%s\n", error_text(ctx, str).c_str());
+    fprintf(stderr, "%s\n", error_text(ctx, str).c_str());
 }
 
 void uci_get_errorstr(uci_context *ctx, char **dest, const char *str) {

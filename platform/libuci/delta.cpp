@@ -36,9 +36,9 @@ static bool move(uci_ptr &ptr) {
     if (!ptr.s || ptr.option)
         return false;
     uci_list &sections = ptr.p->sections;
-    unlink(ptr.s->e.list);
+    detach(ptr.s->e.list);
     uci_list *place = sections.next;
-    for (long n = std::strtol(ptr.value, nullptr, 10); n > 0 && place != &sections; --n)
+    for (long n = strtol(ptr.value, nullptr, 10); n > 0 && place != &sections; --n)
         place = place->next;
     insert_before(*place, ptr.s->e.list);
     return true;
@@ -51,7 +51,7 @@ static bool remove_items(uci_ptr &ptr) {
         return true;
     uci_element *e, *next;
     uci_foreach_element_safe(&ptr.o->v.list, next, e) {
-        if (std::strcmp(e->name, ptr.value) == 0)
+        if (strcmp(e->name, ptr.value) == 0)
             free_element(*e);
     }
     return true;
@@ -87,7 +87,7 @@ static bool apply_line(Context &ctx, Package &package, Scanner &in) {
     uci_ptr ptr;
     if (!in.argument(line) || !in.at_end() || !split_key(ptr, line.data()))
         return false;
-    if (std::strcmp(ptr.package, package.e.name) != 0 || !ptr.section ||
+    if (strcmp(ptr.package, package.e.name) != 0 || !ptr.section ||
         (ptr.flags & uci_ptr::UCI_LOOKUP_EXTENDED) || (!ptr.value && prefix != '-'))
         return false;
     ptr.p = &package;

@@ -38,7 +38,7 @@ int finish(uci_context *ctx, bool valid, Step step) {
     return ctx->err = valid ? step(own(ctx)) : UCI_ERR_INVAL;
 }
 
-// ---- model.cpp: texts, lists and objects
+// --- model.cpp: texts, lists and objects ---------------------------------------------------------
 
 void free_package(Package &package);
 struct FreePackage {
@@ -55,7 +55,7 @@ bool is_plain_name(std::string_view text, char extra = '_'); // not empty, A-Z a
 
 void clear(uci_list &head);
 void insert_before(uci_list &next, uci_list &node);
-void unlink(uci_list &node);
+void detach(uci_list &node);
 
 // An empty package that no context holds yet.
 OwnedPackage new_package(Context &ctx, std::string_view name, std::string_view path,
@@ -71,7 +71,7 @@ void free_element(uci_element &e);
 void free_option(uci_option &option);
 void free_section(uci_section &section);
 
-// ---- parser.cpp: the configuration file
+// --- parser.cpp: the configuration file ----------------------------------------------------------
 
 // Reads a text line by line; a line is all there is to see until a quote or a backslash at its end
 // needs the next one.
@@ -105,24 +105,24 @@ class Scanner {
 
 int parse_config(Context &ctx, Package &package, std::string_view text);
 
-// ---- writer.cpp: texts that the parsers read back
+// --- writer.cpp: texts that the parsers read back ------------------------------------------------
 
 void append_quoted(std::string &out, std::string_view text); // without the outer quotes
 std::string export_package(const Package &package);
 
-// ---- lookup.cpp
+// --- lookup.cpp ----------------------------------------------------------------------------------
 
 // Splits a key in place. False, with everything zero: it is malformed.
 bool split_key(uci_ptr &ptr, char *key);
 int lookup(Context &ctx, uci_ptr &ptr, bool extended);
 
-// ---- change.cpp: a change is noted for the next save when `noted` and the package has_delta
+// --- change.cpp: a change is noted for the next save when `noted` and the package has_delta ------
 
 int set(Context &ctx, uci_ptr &ptr, bool noted);
 int remove(Context &ctx, uci_ptr &ptr, bool noted);
 int add_list(Context &ctx, uci_ptr &ptr, bool noted);
 
-// ---- delta.cpp: files of pending changes
+// --- delta.cpp: files of pending changes ---------------------------------------------------------
 
 // Adds one line to the pending changes; `prefix` 0, `option` and `value` may be missing.
 void note(Package &package, char prefix, const char *section, const char *option,
@@ -130,7 +130,7 @@ void note(Package &package, char prefix, const char *section, const char *option
 // Applies a whole file and gives the number of its lines that were accepted.
 size_t apply_delta(Context &ctx, Package &package, std::string_view text);
 
-// ---- store.cpp: directories and files
+// --- store.cpp: directories and files ------------------------------------------------------------
 
 // The package that a lookup of this name or path uses, or null.
 uci_package *find_loaded(Context &ctx, const char *name);

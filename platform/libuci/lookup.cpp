@@ -8,7 +8,7 @@ namespace uci {
 
 bool split_key(uci_ptr &ptr, char *key) {
     ptr = {};
-    if (char *equals = std::strchr(key, '=')) {
+    if (char *equals = strchr(key, '=')) {
         *equals = '\0';
         ptr.value = equals + 1;
     }
@@ -33,15 +33,15 @@ bool split_key(uci_ptr &ptr, char *key) {
 // file order; a negative one counts from the end. False: the text has another shape.
 static bool find_indexed(uci_package &package, const char *text, uci_section *&found) {
     found = nullptr;
-    const char *bracket = std::strchr(text, '[');
+    const char *bracket = strchr(text, '[');
     if (*text != '@' || !bracket)
         return false;
     const std::string_view type(text + 1, static_cast<size_t>(bracket - text - 1));
     if (!type.empty() && !is_printable(type))
         return false;
     char *tail;
-    long index = std::strtol(bracket + 1, &tail, 10);
-    if (std::strcmp(tail, "]") != 0)
+    long index = strtol(bracket + 1, &tail, 10);
+    if (strcmp(tail, "]") != 0)
         return false;
 
     std::vector<uci_section *> matches;

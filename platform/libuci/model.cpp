@@ -9,9 +9,9 @@
 namespace uci {
 
 char *copy(std::string_view text) {
-    auto *result = static_cast<char *>(std::malloc(text.size() + 1));
+    auto *result = static_cast<char *>(malloc(text.size() + 1));
     if (!result)
-        std::abort();
+        abort();
     std::copy(text.begin(), text.end(), result);
     result[text.size()] = '\0';
     return result;
@@ -20,7 +20,7 @@ char *copy(std::string_view text) {
 void assign(char *&slot, std::string_view text) {
     char *old = slot;
     slot = copy(text);
-    std::free(old);
+    free(old);
 }
 
 bool is_plain_name(std::string_view text, char extra) {
@@ -46,7 +46,7 @@ void insert_before(uci_list &next, uci_list &node) {
     next.prev = &node;
 }
 
-void unlink(uci_list &node) {
+void detach(uci_list &node) {
     node.prev->next = node.next;
     node.next->prev = node.prev;
     clear(node);
@@ -65,7 +65,7 @@ static std::string generated_name(const Package &package, const char *type) {
     for (; *type; ++type)
         hash = hash * 33 + static_cast<unsigned char>(*type);
     char name[32];
-    std::snprintf(name, sizeof name, "cfg%02x%04x", package.sections_made, hash & 0xffff);
+    snprintf(name, sizeof name, "cfg%02x%04x", package.sections_made, hash & 0xffff);
     return name;
 }
 
@@ -109,7 +109,7 @@ uci_element &add_element(uci_list &list, uci_type type, const char *name) {
 
 static void free_value(uci_option &option) {
     if (option.type == UCI_TYPE_STRING) {
-        std::free(option.v.string);
+        free(option.v.string);
         return;
     }
     uci_element *e, *next;
@@ -135,13 +135,13 @@ void append_item(uci_option &option, const char *text) {
             add_element(option.v.list, UCI_TYPE_ITEM, first);
     }
     add_element(option.v.list, UCI_TYPE_ITEM, text);
-    std::free(first);
+    free(first);
 }
 
 template <typename Object>
 static void destroy(Object &object, uci_element &e) {
-    unlink(e.list);
-    std::free(e.name);
+    detach(e.list);
+    free(e.name);
     delete &object;
 }
 
@@ -159,7 +159,7 @@ void free_section(uci_section &section) {
     uci_foreach_element_safe(&section.options, next, e) {
         free_option(*uci_to_option(e));
     }
-    std::free(section.type);
+    free(section.type);
     destroy(section, section.e);
 }
 
@@ -168,7 +168,7 @@ void free_package(Package &package) {
     uci_foreach_element_safe(&package.sections, next, e) {
         free_section(*uci_to_section(e));
     }
-    std::free(package.path);
+    free(package.path);
     destroy(package, package.e);
 }
 
@@ -178,7 +178,7 @@ bool uci_validate_text(const char *str) {
     if (!str)
         return false;
     for (; *str; ++str) {
-        if (static_cast<unsigned char>(*str) < 32 && !std::strchr("\t\n\r", *str))
+        if (static_cast<unsigned char>(*str) < 32 && !strchr("\t\n\r", *str))
             return false;
     }
     return true;

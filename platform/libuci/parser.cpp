@@ -4,18 +4,14 @@
 
 namespace uci {
 
-namespace {
+static constexpr int AT_LINE_END = -1;
 
-constexpr int at_line_end = -1;
-
-bool is_white(int c) {
+static bool is_white(int c) {
     return c == ' ' || (c >= '\t' && c <= '\r');
 }
 
-} // namespace
-
 int Scanner::peek() const {
-    return pos_ < end_ ? static_cast<unsigned char>(text_[pos_]) : at_line_end;
+    return pos_ < end_ ? static_cast<unsigned char>(text_[pos_]) : AT_LINE_END;
 }
 
 // Makes one more line visible; false at the end of the text.
@@ -81,7 +77,7 @@ bool Scanner::quoted(std::string &word, char quote) {
 
 bool Scanner::unquoted(std::string &word) {
     bool verbatim = true; // no quote or backslash yet
-    for (int c; (c = peek()) != at_line_end && !is_white(c);) {
+    for (int c; (c = peek()) != AT_LINE_END && !is_white(c);) {
         switch (c) {
         case '\'':
         case '"':

@@ -12,12 +12,10 @@
 
 namespace uci {
 
-namespace {
-
 // Opens a regular file and waits for its lock. Anything else gives no descriptor; a pipe that
 // nobody writes to must not hold the caller up.
-UniqueFd open_locked(const char *path, int flags, int lock, mode_t mode = 0) {
-    UniqueFd file(::open(path, flags | O_CLOEXEC | O_NONBLOCK, mode));
+static UniqueFd open_locked(const char *path, int flags, int lock, mode_t mode = 0) {
+    UniqueFd file(open(path, flags | O_CLOEXEC | O_NONBLOCK, mode));
     struct stat info;
     if (!file || fstat(file.get(), &info) != 0 || !S_ISREG(info.st_mode))
         return UniqueFd();
@@ -28,10 +26,10 @@ UniqueFd open_locked(const char *path, int flags, int lock, mode_t mode = 0) {
     return file;
 }
 
-bool read_all(const UniqueFd &file, std::string &text) {
+static bool read_all(const UniqueFd &file, std::string &text) {
     text.clear();
     for (char buffer[4096];;) {
-        const ssize_t count = ::read(file.get(), buffer, sizeof buffer);
+        const ssize_t count = read(file.get(), buffer, sizeof buffer);
         if (count > 0)
             text.append(buffer, static_cast<size_t>(count));
         else if (count == 0)
@@ -41,9 +39,9 @@ bool read_all(const UniqueFd &file, std::string &text) {
     }
 }
 
-bool write_all(const UniqueFd &file, std::string_view text) {
+static bool write_all(const UniqueFd &file, std::string_view text) {
     while (!text.empty()) {
-        const ssize_t count = ::write(file.get(), text.data(), text.size());
+        const ssize_t count = write(file.get(), text.data(), text.size());
         if (count > 0)
             text.remove_prefix(static_cast<size_t>(count));
         else if (count == 0 || errno != EINTR)
@@ -52,18 +50,18 @@ bool write_all(const UniqueFd &file, std::string_view text) {
     return true;
 }
 
-mode_t mode_of(const char *path, mode_t otherwise) {
+static mode_t mode_of(const char *path, mode_t otherwise) {
     struct stat info;
-    return ::stat(path, &info) == 0 ? info.st_mode & 07777 : otherwise;
+    return stat(path, &info) == 0 ? info.st_mode & 07777 : otherwise;
 }
 
-bool is_path(std::string_view name) {
+static bool is_path(std::string_view name) {
     return name.starts_with('/') || name.starts_with("./");
 }
 
 // Applies the pending changes of everyone. With `flush`, those in the save directory are dropped
 // afterwards if any of them all was accepted.
-int apply_pending(Context &ctx, Package &package, bool flush, size_t &applied) {
+static int apply_pending(Context &ctx, Package &package, bool flush, size_t &applied) {
     applied = 0;
     if (!package.has_delta)
         return UCI_OK;
@@ -71,7 +69,7 @@ int apply_pending(Context &ctx, Package &package, bool flush, size_t &applied) {
     uci_element *dir;
     uci_foreach_element(&ctx.delta_path, dir) {
         const std::string path = std::string(dir->name) + '/' + package.e.name;
-        const bool own_dir = flush && std::strcmp(dir->name, ctx.savedir) == 0;
+        const bool own_dir = flush && strcmp(dir->name, ctx.savedir) == 0;
         UniqueFd file =
             open_locked(path.c_str(), own_dir ? O_RDWR : O_RDONLY, own_dir ? LOCK_EX : LOCK_SH);
         std::string text;
@@ -81,46 +79,46 @@ int apply_pending(Context &ctx, Package &package, bool flush, size_t &applied) {
         if (own_dir)
             saved = std::move(file);
     }
-    if (applied > 0 && saved && ::ftruncate(saved.get(), 0) != 0)
+    if (applied > 0 && saved && ftruncate(saved.get(), 0) != 0)
         return UCI_ERR_IO;
     return UCI_OK;
 }
 
 // Reads the file alone, without pending changes.
-int read_package(Context &ctx, const UniqueFd &file, Package &package) {
+static int read_package(Context &ctx, const UniqueFd &file, Package &package) {
     std::string text;
     return read_all(file, text) ? parse_config(ctx, package, text) : UCI_ERR_IO;
 }
 
-uci_package *adopt(Context &ctx, OwnedPackage package) {
+static uci_package *adopt(Context &ctx, OwnedPackage package) {
     insert_before(ctx.root, package->e.list);
     return package.release();
 }
 
 // Puts a new file in the place of the old one, whose mode it takes. A reader sees either whole.
-int replace_file(const Package &package, const UniqueFd &old) {
+static int replace_file(const Package &package, const UniqueFd &old) {
     const std::string path = package.path;
     const size_t slash = path.rfind('/') + 1;
     std::string temporary = path.substr(0, slash) + '.' + path.substr(slash) + ".uci-XXXXXX";
-    const OwnedText target(::realpath(package.path, nullptr)); // a link stays a link
+    const OwnedText target(realpath(package.path, nullptr)); // a link stays a link
     struct stat info;
     if (!target || fstat(old.get(), &info) != 0)
         return UCI_ERR_IO;
-    const UniqueFd file(::mkostemp(temporary.data(), O_CLOEXEC));
+    const UniqueFd file(mkostemp(temporary.data(), O_CLOEXEC));
     if (!file)
         return UCI_ERR_IO;
     const bool done = write_all(file, export_package(package)) &&
-                      ::fchmod(file.get(), info.st_mode & 07777) == 0 && ::fsync(file.get()) == 0 &&
-                      ::rename(temporary.c_str(), target.get()) == 0;
+                      fchmod(file.get(), info.st_mode & 07777) == 0 && fsync(file.get()) == 0 &&
+                      rename(temporary.c_str(), target.get()) == 0;
     if (!done)
-        ::unlink(temporary.c_str());
+        unlink(temporary.c_str());
     return done ? UCI_OK : UCI_ERR_IO;
 }
 
-int save(Context &ctx, Package &package) {
+static int save(Context &ctx, Package &package) {
     if (package.pending.empty())
         return UCI_OK;
-    ::mkdir(ctx.savedir, mode_of(ctx.confdir, UCI_DIRMODE));
+    mkdir(ctx.savedir, mode_of(ctx.confdir, UCI_DIRMODE));
     const std::string path = std::string(ctx.savedir) + '/' + package.e.name;
     const UniqueFd file = open_locked(path.c_str(), O_RDWR | O_CREAT | O_APPEND, LOCK_EX,
                                       mode_of(package.path, UCI_FILEMODE) & 0777);
@@ -129,14 +127,14 @@ int save(Context &ctx, Package &package) {
         return UCI_ERR_IO;
     if (!write_all(file, package.pending)) {
         // Half a line would spoil those that come after it.
-        (void)!::ftruncate(file.get(), before.st_size);
+        (void)!ftruncate(file.get(), before.st_size);
         return UCI_ERR_IO;
     }
     package.pending.clear();
     return UCI_OK;
 }
 
-int commit(Context &ctx, uci_package *&package, bool overwrite) {
+static int commit(Context &ctx, uci_package *&package, bool overwrite) {
     // The lock is on the file that the rename replaces: a second writer that waits here reads the
     // old file, and its commit undoes the first one's. All programs on a router do it this way.
     const UniqueFd file = open_locked(package->path, O_RDWR | O_CREAT, LOCK_EX, UCI_FILEMODE);
@@ -162,15 +160,13 @@ int commit(Context &ctx, uci_package *&package, bool overwrite) {
     return replace_file(own(package), file);
 }
 
-} // namespace
-
 uci_package *find_loaded(Context &ctx, const char *name) {
     if (!is_path(name))
         return uci_lookup_package(&ctx, name);
     uci_element *e;
     uci_foreach_element(&ctx.root, e) {
         uci_package *package = uci_to_package(e);
-        if (!package->has_delta && std::strcmp(package->path, name) == 0)
+        if (!package->has_delta && strcmp(package->path, name) == 0)
             return package;
     }
     return nullptr;
@@ -188,7 +184,7 @@ int load(Context &ctx, const char *name, uci_package *&package) {
     if (uci_lookup_package(&ctx, own_name.c_str()))
         return UCI_ERR_DUPLICATE;
     struct stat info;
-    if (::stat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode))
+    if (stat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode))
         return UCI_ERR_NOTFOUND;
     const UniqueFd file = open_locked(path.c_str(), O_RDONLY, LOCK_SH);
     if (!file)

@@ -6,10 +6,8 @@
 #include <string>
 #include <unistd.h>
 
-namespace {
-
 // Stands for the type of an argument in a printed signature, where the value is a type's number.
-const char *format_type(void *, blob_attr *attr) {
+static const char *format_type(void *, blob_attr *attr) {
     if (blobmsg_type(attr) != BLOBMSG_TYPE_INT32)
         return nullptr;
     switch (blobmsg_get_u32(attr)) {
@@ -28,7 +26,7 @@ const char *format_type(void *, blob_attr *attr) {
     }
 }
 
-void print_object(ubus_context *, ubus_object_data *object, void *priv) {
+static void print_object(ubus_context *, ubus_object_data *object, void *priv) {
     const Options &options = *static_cast<const Options *>(priv);
     if (options.simple || !options.verbose) {
         puts(object->path);
@@ -46,7 +44,7 @@ void print_object(ubus_context *, ubus_object_data *object, void *priv) {
     }
 }
 
-void print_reply(ubus_request *req, int, blob_attr *msg) {
+static void print_reply(ubus_request *req, int, blob_attr *msg) {
     const Options &options = *static_cast<const Options *>(req->priv);
     Text text(blobmsg_format_json_indent(msg, true, options.simple ? -1 : 0));
     if (text)
@@ -55,7 +53,7 @@ void print_reply(ubus_request *req, int, blob_attr *msg) {
 
 // Scripts are told which call failed, and get the negated status as exit code: at the end of a
 // pipeline neither would be known. A negated status that is then positive is explained once more.
-int call_failed(const Options &options, Arguments arguments, int status) {
+static int call_failed(const Options &options, Arguments arguments, int status) {
     if (!status || options.simple || isatty(STDERR_FILENO))
         return status;
     std::string line = "Command failed: ubus call ";
@@ -66,18 +64,16 @@ int call_failed(const Options &options, Arguments arguments, int status) {
     return (int)-(unsigned)status;
 }
 
-} // namespace
-
 int list_objects(ubus_context *ctx, const Options &options, Arguments arguments) {
     if (arguments.size() > 1)
-        return wrong_usage;
+        return WRONG_USAGE;
     Options copy = options;
     return ubus_lookup(ctx, arguments.empty() ? nullptr : arguments[0], print_object, &copy);
 }
 
 int call_method(ubus_context *ctx, const Options &options, Arguments arguments) {
     if (arguments.size() < 2 || arguments.size() > 3)
-        return wrong_usage;
+        return WRONG_USAGE;
     Message message;
     if (arguments.size() == 3 && !blobmsg_add_json_from_string(&message.buffer, arguments[2]))
         return call_failed(options, arguments, UBUS_STATUS_PARSE_ERROR);

@@ -1,6 +1,6 @@
 // The commands of the bus's command-line client. Each takes the connection and its arguments and
 // returns what the program exits with: a positive status is explained on standard error first,
-// wrong_usage prints the usage.
+// WRONG_USAGE prints the usage.
 #pragma once
 
 extern "C" {
@@ -21,7 +21,7 @@ struct Options {
 using Arguments = std::span<char *const>;
 using Command = int (*)(ubus_context *ctx, const Options &options, Arguments arguments);
 
-constexpr int wrong_usage = -2;
+constexpr int WRONG_USAGE = -2;
 
 struct FreeMemory {
     void operator()(void *memory) const { free(memory); }

@@ -7,18 +7,16 @@
 #include <string_view>
 #include <vector>
 
-namespace {
-
-void end_loop(uloop_timeout *) {
+static void end_loop(uloop_timeout *) {
     uloop_end();
 }
 
-void end_without_bus(ubus_context *) {
+static void end_without_bus(ubus_context *) {
     uloop_end();
 }
 
 // Runs the loop until something ends it or the time is over.
-void run(ubus_context *ctx, int milliseconds) {
+static void run(ubus_context *ctx, int milliseconds) {
     uloop_timeout limit{};
     limit.cb = end_loop;
     if (milliseconds >= 0)
@@ -29,26 +27,29 @@ void run(ubus_context *ctx, int milliseconds) {
     uloop_timeout_cancel(&limit);
 }
 
-int duration(const Options &options) {
+static int duration(const Options &options) {
     return options.limited && options.seconds > 0 ? options.seconds * 1000 : -1;
 }
 
-void print_event(const char *name, blob_attr *fields) {
+static void print_event(const char *name, blob_attr *fields) {
     Text text(blobmsg_format_json(fields, true));
     if (text)
         printf("{ \"%s\": %s }\n", name, text.get());
     fflush(stdout);
 }
 
-void receive_event(ubus_context *, ubus_event_handler *, const char *name, blob_attr *fields) {
+static void receive_event(ubus_context *, ubus_event_handler *, const char *name,
+                          blob_attr *fields) {
     print_event(name, fields);
 }
 
-int receive_notification(ubus_context *, ubus_object *, ubus_request_data *, const char *name,
-                         blob_attr *fields) {
+static int receive_notification(ubus_context *, ubus_object *, ubus_request_data *,
+                                const char *name, blob_attr *fields) {
     print_event(name, fields);
     return UBUS_STATUS_OK;
 }
+
+namespace {
 
 // The paths that have not appeared yet.
 struct Missing {
@@ -56,26 +57,27 @@ struct Missing {
     std::vector<std::string_view> paths;
 };
 
-void object_present(ubus_context *, ubus_object_data *object, void *priv) {
+} // namespace
+
+static void object_present(ubus_context *, ubus_object_data *object, void *priv) {
     std::erase(static_cast<Missing *>(priv)->paths, std::string_view(object->path));
 }
 
-void object_added(ubus_context *, ubus_event_handler *handler, const char *, blob_attr *fields) {
-    static constexpr blobmsg_policy policy{"path", BLOBMSG_TYPE_STRING};
+static void object_added(ubus_context *, ubus_event_handler *handler, const char *,
+                         blob_attr *fields) {
+    static constexpr blobmsg_policy POLICY{"path", BLOBMSG_TYPE_STRING};
     auto *missing = reinterpret_cast<Missing *>(handler);
     blob_attr *path = nullptr;
-    blobmsg_parse(&policy, 1, &path, blob_data(fields), (unsigned)blob_len(fields));
+    blobmsg_parse(&POLICY, 1, &path, blob_data(fields), (unsigned)blob_len(fields));
     if (path)
         std::erase(missing->paths, std::string_view(blobmsg_get_string(path)));
     if (missing->paths.empty())
         uloop_end();
 }
 
-} // namespace
-
 int wait_for_objects(ubus_context *ctx, const Options &options, Arguments arguments) {
     if (arguments.empty())
-        return wrong_usage;
+        return WRONG_USAGE;
     Missing missing;
     missing.paths.assign(arguments.begin(), arguments.end());
     missing.handler.cb = object_added;
@@ -104,7 +106,7 @@ int listen_events(ubus_context *ctx, const Options &options, Arguments arguments
 
 int subscribe_objects(ubus_context *ctx, const Options &options, Arguments arguments) {
     if (arguments.empty())
-        return wrong_usage;
+        return WRONG_USAGE;
     ubus_subscriber subscriber{};
     subscriber.cb = receive_notification;
     int status = ubus_register_subscriber(ctx, &subscriber);
@@ -122,7 +124,7 @@ int subscribe_objects(ubus_context *ctx, const Options &options, Arguments argum
 
 int send_one_event(ubus_context *ctx, const Options &, Arguments arguments) {
     if (arguments.empty() || arguments.size() > 2)
-        return wrong_usage;
+        return WRONG_USAGE;
     Message message;
     if (arguments.size() == 2 && !blobmsg_add_json_from_string(&message.buffer, arguments[1]))
         return UBUS_STATUS_PARSE_ERROR;

@@ -15,13 +15,15 @@ struct NamedCommand {
     Command run;
 };
 
-constexpr std::array commands{
+} // namespace
+
+static constexpr std::array COMMANDS{
     NamedCommand{"list", list_objects},           NamedCommand{"call", call_method},
     NamedCommand{"subscribe", subscribe_objects}, NamedCommand{"listen", listen_events},
     NamedCommand{"send", send_one_event},         NamedCommand{"wait_for", wait_for_objects},
 };
 
-void print_usage() {
+static void print_usage() {
     fputs("Usage: ubus [<options>] <command> [arguments...]\n"
           "Options:\n"
           " -s <socket>:\t\tUnix socket of the bus\n"
@@ -39,15 +41,13 @@ void print_usage() {
           stderr);
 }
 
-int run_command(ubus_context *ctx, const Options &options, Arguments arguments) {
-    for (const NamedCommand &command : commands) {
+static int run_command(ubus_context *ctx, const Options &options, Arguments arguments) {
+    for (const NamedCommand &command : COMMANDS) {
         if (command.name == arguments[0])
             return command.run(ctx, options, arguments.subspan(1));
     }
-    return wrong_usage;
+    return WRONG_USAGE;
 }
-
-} // namespace
 
 int main(int argc, char **argv) {
     Options options;
@@ -90,7 +90,7 @@ int main(int argc, char **argv) {
     fflush(stdout);
     if (result > 0 && !options.simple)
         fprintf(stderr, "Command failed: %s\n", ubus_strerror(result));
-    else if (result == wrong_usage)
+    else if (result == WRONG_USAGE)
         print_usage();
     ubus_free(ctx);
     uloop_done();

@@ -14,9 +14,7 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
-namespace {
-
-void update_watch(Client &client) {
+static void update_watch(Client &client) {
     bool reading = !client.half_closed && !client.lookup;
     unsigned flags = (reading ? ULOOP_READ : 0) | (client.output.empty() ? 0 : ULOOP_WRITE);
     // The end of the input is a condition that lasts: it must not wake the loop again and again.
@@ -26,7 +24,7 @@ void update_watch(Client &client) {
         uloop_fd_add(&client.watch.sock, flags);
 }
 
-void close_client(Client *client) {
+static void close_client(Client *client) {
     client->gone = true;
     leave_bus(*client);
     uloop_fd_delete(&client->watch.sock);
@@ -35,7 +33,7 @@ void close_client(Client *client) {
 }
 
 // False when the connection is broken.
-bool write_queue(Client &client) {
+static bool write_queue(Client &client) {
     while (!client.output.empty()) {
         std::vector<char> &first = client.output.front();
         ssize_t written =
@@ -51,21 +49,25 @@ bool write_queue(Client &client) {
     return true;
 }
 
-enum class Input { more, all_taken, ended };
+namespace {
 
-Input read_input(Client &client) {
+enum class Input { MORE, ALL_TAKEN, ENDED };
+
+} // namespace
+
+static Input read_input(Client &client) {
     static std::array<char, UBUS_MSG_CHUNK_SIZE> chunk;
     ssize_t got = recv(client.watch.sock.fd, chunk.data(), chunk.size(), MSG_DONTWAIT);
     if (got < 0)
-        return errno == EAGAIN || errno == EINTR ? Input::all_taken : Input::ended;
+        return errno == EAGAIN || errno == EINTR ? Input::ALL_TAKEN : Input::ENDED;
     if (got == 0 || !receive(client, {chunk.data(), (size_t)got}))
-        return Input::ended;
-    return Input::more;
+        return Input::ENDED;
+    return Input::MORE;
 }
 
 // One chunk per round serves the other clients too. After an error or a hang-up uloop does not
 // call again: then everything that is left is taken, as a client may send and leave.
-void handle_client(uloop_fd *sock, unsigned int) {
+static void handle_client(uloop_fd *sock, unsigned int) {
     Client &client = *reinterpret_cast<Watch *>(sock)->client;
     bool failed = sock->error; // a change of the watch clears it
     bool writable = write_queue(client);
@@ -73,14 +75,14 @@ void handle_client(uloop_fd *sock, unsigned int) {
         continue_lookup(client);
         client.gone = !receive(client, {});
     }
-    Input input = Input::all_taken;
+    Input input = Input::ALL_TAKEN;
     while (!client.gone && !client.half_closed && !client.lookup) {
         input = read_input(client);
-        if (input != Input::more || !failed)
+        if (input != Input::MORE || !failed)
             break;
     }
     // Whoever sent bytes that are no message is in the middle of one: nothing can be answered.
-    client.half_closed |= input == Input::ended;
+    client.half_closed |= input == Input::ENDED;
     if (client.gone || failed || !writable || (client.half_closed && client.output.empty()))
         close_client(&client);
     else
@@ -88,7 +90,7 @@ void handle_client(uloop_fd *sock, unsigned int) {
 }
 
 // Whether the process at the other end runs under an account with names, which calls carry.
-bool identify(Client &client, int fd) {
+static bool identify(Client &client, int fd) {
     ucred peer{};
     socklen_t length = sizeof(peer);
     if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0)
@@ -103,8 +105,6 @@ bool identify(Client &client, int fd) {
     client.group = group->gr_name;
     return true;
 }
-
-} // namespace
 
 void accept_client(int fd) {
     auto client = std::make_unique<Client>();

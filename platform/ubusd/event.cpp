@@ -5,20 +5,18 @@
 #include <array>
 #include <cstring>
 
-namespace {
-
 template <size_t N>
-std::array<blob_attr *, N> parse(const blobmsg_policy (&policy)[N], const blob_attr *data) {
+static std::array<blob_attr *, N> parse(const blobmsg_policy (&policy)[N], const blob_attr *data) {
     std::array<blob_attr *, N> found{};
     if (data)
         blobmsg_parse(policy, N, found.data(), blob_data(data), (unsigned)blob_len(data));
     return found;
 }
 
-int register_listener(const Client &client, const blob_attr *data) {
-    static constexpr blobmsg_policy policy[] = {{"object", BLOBMSG_TYPE_INT32},
+static int register_listener(const Client &client, const blob_attr *data) {
+    static constexpr blobmsg_policy POLICY[] = {{"object", BLOBMSG_TYPE_INT32},
                                                 {"pattern", BLOBMSG_TYPE_STRING}};
-    auto [id, pattern] = parse(policy, data);
+    auto [id, pattern] = parse(POLICY, data);
     if (!id || !pattern)
         return UBUS_STATUS_INVALID_ARGUMENT;
     Object *object = find_object(blobmsg_get_u32(id));
@@ -32,10 +30,10 @@ int register_listener(const Client &client, const blob_attr *data) {
     return UBUS_STATUS_OK;
 }
 
-int take_event(const Client &client, const blob_attr *data) {
-    static constexpr blobmsg_policy policy[] = {{"id", BLOBMSG_TYPE_STRING},
+static int take_event(const Client &client, const blob_attr *data) {
+    static constexpr blobmsg_policy POLICY[] = {{"id", BLOBMSG_TYPE_STRING},
                                                 {"data", BLOBMSG_TYPE_TABLE}};
-    auto [name, fields] = parse(policy, data);
+    auto [name, fields] = parse(POLICY, data);
     if (!name || !fields)
         return UBUS_STATUS_INVALID_ARGUMENT;
     std::string_view text = blobmsg_get_string(name);
@@ -46,14 +44,12 @@ int take_event(const Client &client, const blob_attr *data) {
 }
 
 // A pattern is a whole name, or the beginning of one followed by `*`.
-bool matches(std::string_view pattern, std::string_view name) {
+static bool matches(std::string_view pattern, std::string_view name) {
     if (!pattern.ends_with('*'))
         return pattern == name;
     pattern.remove_suffix(1);
     return name.starts_with(pattern);
 }
-
-} // namespace
 
 int call_event_object(Client &client, std::string_view method, const blob_attr *data) {
     if (method == "register")

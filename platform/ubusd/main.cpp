@@ -15,16 +15,14 @@ extern "C" {
 #include <syslog.h>
 #include <unistd.h>
 
-namespace {
-
-void handle_listener(uloop_fd *sock, unsigned int) {
+static void handle_listener(uloop_fd *sock, unsigned int) {
     int fd;
     while ((fd = accept4(sock->fd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC)) >= 0)
         accept_client(fd);
 }
 
 // The listening socket, or -1 with errno. Programs of every account may connect.
-int listen_at(const char *path) {
+static int listen_at(const char *path) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     if (strlen(path) >= sizeof(address.sun_path)) {
@@ -42,13 +40,11 @@ int listen_at(const char *path) {
 }
 
 // Makes the default socket's directory, and no other.
-void make_directory() {
+static void make_directory() {
     std::string directory = UBUS_UNIX_SOCKET;
     directory.resize(directory.rfind('/'));
     mkdir(directory.c_str(), 0755);
 }
-
-} // namespace
 
 int main(int argc, char **argv) {
     const char *path = UBUS_UNIX_SOCKET;

@@ -6,12 +6,10 @@
 
 Bus bus;
 
-namespace {
-
 // A random id above those of the bus's own objects. As a client's id 0x01000000 would be refused by
 // client libraries.
 template <class Map>
-uint32_t unused_id(const Map &map) {
+static uint32_t unused_id(const Map &map) {
     for (;;) {
         uint32_t id = 0;
         if (getrandom(&id, sizeof(id), 0) == sizeof(id) && id >= UBUS_SYSTEM_OBJECT_MAX &&
@@ -21,7 +19,7 @@ uint32_t unused_id(const Map &map) {
 }
 
 // A type of the methods in `signature`, or none if one of them is malformed.
-std::shared_ptr<Type> make_type(const blob_attr *signature) {
+static std::shared_ptr<Type> make_type(const blob_attr *signature) {
     const blob_attr *method;
     size_t rem;
     size_t valid = 0;
@@ -38,7 +36,7 @@ std::shared_ptr<Type> make_type(const blob_attr *signature) {
 }
 
 // Events about objects carry their id and path.
-void announce(const Object &object, const char *event) {
+static void announce(const Object &object, const char *event) {
     blob_buf fields{};
     blob_buf_init(&fields, 0);
     blobmsg_add_u32(&fields, "id", object.id);
@@ -48,21 +46,19 @@ void announce(const Object &object, const char *event) {
 }
 
 // Tells an owner that its object's first subscriber came or its last one left.
-void tell_subscribed(Object &object, bool active) {
+static void tell_subscribed(Object &object, bool active) {
     blob_buf_init(&bus.scratch, 0);
     blob_put_int32(&bus.scratch, UBUS_ATTR_OBJID, object.id);
     blob_put_int8(&bus.scratch, UBUS_ATTR_ACTIVE, active);
     send_message(object.owner, UBUS_MSG_NOTIFY, ++object.counter, 0, bus.scratch.head);
 }
 
-void tell_target_gone(Object &subscriber, const Object &target) {
+static void tell_target_gone(Object &subscriber, const Object &target) {
     blob_buf_init(&bus.scratch, 0);
     blob_put_int32(&bus.scratch, UBUS_ATTR_OBJID, subscriber.id);
     blob_put_int32(&bus.scratch, UBUS_ATTR_TARGET, target.id);
     send_message(subscriber.owner, UBUS_MSG_UNSUBSCRIBE, ++subscriber.counter, 0, bus.scratch.head);
 }
-
-} // namespace
 
 void join_bus(Client &client) {
     client.id = unused_id(bus.clients);

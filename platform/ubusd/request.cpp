@@ -15,21 +15,23 @@ struct Message {
     blob_attr *operator[](ubus_msg_attr id) const { return attributes[id]; }
 };
 
-// Returned by requests that the bus itself does not answer with a status.
-constexpr int no_status = -1;
+} // namespace
 
-void answer(const Message &message, int type) {
+// Returned by requests that the bus itself does not answer with a status.
+static constexpr int NO_STATUS = -1;
+
+static void answer(const Message &message, int type) {
     send_message(message.client, type, message.hdr.seq, message.hdr.peer, bus.scratch.head);
 }
 
-void answer_status(Client &client, uint16_t seq, uint32_t peer, int status) {
+static void answer_status(Client &client, uint16_t seq, uint32_t peer, int status) {
     blob_buf_init(&bus.scratch, 0);
     blob_put_int32(&bus.scratch, UBUS_ATTR_STATUS, (uint32_t)status);
     send_message(client, UBUS_MSG_STATUS, seq, peer, bus.scratch.head);
 }
 
 // The answer repeats even the version of the request.
-int handle_ping(const Message &message) {
+static int handle_ping(const Message &message) {
     ubus_msghdr hdr = message.hdr;
     hdr.type = UBUS_MSG_DATA;
     send_message(message.client, hdr, message.outer);
@@ -38,18 +40,18 @@ int handle_ping(const Message &message) {
 
 // Calls are not recorded: an answer finds its way by the peer in it. One for a client that has
 // gone, one of a client that does not own the object and an incomplete one are dropped.
-int handle_answer(const Message &message) {
+static int handle_answer(const Message &message) {
     const blob_attr *content =
         message[message.hdr.type == UBUS_MSG_STATUS ? UBUS_ATTR_STATUS : UBUS_ATTR_DATA];
     Object *object = find_object(wire::number(message[UBUS_ATTR_OBJID]));
     auto caller = bus.clients.find(message.hdr.peer);
     if (content && object && &object->owner == &message.client && caller != bus.clients.end())
         send_message(*caller->second, message.hdr.type, message.hdr.seq, object->id, message.outer);
-    return no_status;
+    return NO_STATUS;
 }
 
 // An object without type is known, but not shown.
-void send_object(Client &client, uint16_t seq, uint32_t peer, const Object &object) {
+static void send_object(Client &client, uint16_t seq, uint32_t peer, const Object &object) {
     if (!object.type)
         return;
     blob_buf_init(&bus.scratch, 0);
@@ -61,7 +63,7 @@ void send_object(Client &client, uint16_t seq, uint32_t peer, const Object &obje
     send_message(client, UBUS_MSG_DATA, seq, peer, bus.scratch.head);
 }
 
-int handle_lookup(const Message &message) {
+static int handle_lookup(const Message &message) {
     std::string path;
     if (const char *text = wire::text(message[UBUS_ATTR_OBJPATH])) {
         path = text;
@@ -80,11 +82,11 @@ int handle_lookup(const Message &message) {
     bool found = !message[UBUS_ATTR_OBJPATH];
     message.client.lookup = Lookup{message.hdr.seq, message.hdr.peer, path, path, found};
     continue_lookup(message.client);
-    return no_status;
+    return NO_STATUS;
 }
 
 // Makes a call of `scratch` for an object, from what the sender gave and who it is.
-int forward(const Message &message, Object &object, bool no_reply) {
+static int forward(const Message &message, Object &object, bool no_reply) {
     blob_buf &out = bus.scratch;
     blob_buf_init(&out, 0);
     if (no_reply)
@@ -99,10 +101,10 @@ int forward(const Message &message, Object &object, bool no_reply) {
     if (blob_raw_len(out.head) > UBUS_MAX_MSGLEN)
         return UBUS_STATUS_INVALID_ARGUMENT;
     send_message(object.owner, UBUS_MSG_INVOKE, message.hdr.seq, message.client.id, out.head);
-    return no_status;
+    return NO_STATUS;
 }
 
-int call_own_object(const Message &message, uint32_t id) {
+static int call_own_object(const Message &message, uint32_t id) {
     switch (id) {
     case UBUS_SYSTEM_OBJECT_EVENT:
         return call_event_object(message.client, wire::text(message[UBUS_ATTR_METHOD]),
@@ -116,7 +118,7 @@ int call_own_object(const Message &message, uint32_t id) {
     }
 }
 
-int handle_invoke(const Message &message) {
+static int handle_invoke(const Message &message) {
     if (!message[UBUS_ATTR_OBJID] || !message[UBUS_ATTR_METHOD])
         return UBUS_STATUS_INVALID_ARGUMENT;
     uint32_t id = wire::number(message[UBUS_ATTR_OBJID]);
@@ -126,7 +128,7 @@ int handle_invoke(const Message &message) {
     return object ? forward(message, *object, false) : UBUS_STATUS_NOT_FOUND;
 }
 
-int handle_add_object(const Message &message) {
+static int handle_add_object(const Message &message) {
     const char *path = wire::text(message[UBUS_ATTR_OBJPATH]);
     const blob_attr *signature = message[UBUS_ATTR_SIGNATURE];
     if (path && bus.paths.contains(path))
@@ -142,7 +144,7 @@ int handle_add_object(const Message &message) {
 }
 
 // The object that a client names as its own; `status` says what is wrong if null.
-Object *own_object(const Message &message, int &status) {
+static Object *own_object(const Message &message, int &status) {
     if (!message[UBUS_ATTR_OBJID]) {
         status = UBUS_STATUS_INVALID_ARGUMENT;
         return nullptr;
@@ -154,7 +156,7 @@ Object *own_object(const Message &message, int &status) {
     return status ? nullptr : object;
 }
 
-int handle_remove_object(const Message &message) {
+static int handle_remove_object(const Message &message) {
     int status;
     Object *object = own_object(message, status);
     if (!object)
@@ -168,7 +170,7 @@ int handle_remove_object(const Message &message) {
     return UBUS_STATUS_OK;
 }
 
-int handle_subscription(const Message &message) {
+static int handle_subscription(const Message &message) {
     if (!message[UBUS_ATTR_OBJID] || !message[UBUS_ATTR_TARGET])
         return UBUS_STATUS_INVALID_ARGUMENT;
     Object *subscriber = find_object(wire::number(message[UBUS_ATTR_OBJID]));
@@ -186,7 +188,7 @@ int handle_subscription(const Message &message) {
 }
 
 // Unless no replies are wanted the sender learns first whose statuses to expect.
-int handle_notify(const Message &message) {
+static int handle_notify(const Message &message) {
     int status;
     Object *object = own_object(message, status);
     if (!object)
@@ -207,17 +209,15 @@ int handle_notify(const Message &message) {
     }
     for (Object *subscriber : object->subscribers)
         forward(message, *subscriber, silent);
-    return no_status;
+    return NO_STATUS;
 }
 
-int refuse(const Message &) {
+static int refuse(const Message &) {
     return UBUS_STATUS_INVALID_COMMAND;
 }
 
-} // namespace
-
 void handle_message(Client &client, const ubus_msghdr &hdr, blob_attr *outer) {
-    static constexpr std::array<int (*)(const Message &), __UBUS_MSG_LAST> handlers{
+    static constexpr std::array<int (*)(const Message &), __UBUS_MSG_LAST> HANDLERS{
         refuse,               // HELLO
         handle_answer,        // STATUS
         handle_answer,        // DATA
@@ -232,8 +232,8 @@ void handle_message(Client &client, const ubus_msghdr &hdr, blob_attr *outer) {
         refuse,               // MONITOR
     };
     Message message{client, hdr, outer, wire::parse(outer, blob_raw_len(outer))};
-    int status = hdr.type < handlers.size() ? handlers[hdr.type](message) : refuse(message);
-    if (status != no_status)
+    int status = hdr.type < HANDLERS.size() ? HANDLERS[hdr.type](message) : refuse(message);
+    if (status != NO_STATUS)
         answer_status(client, hdr.seq, hdr.peer, status);
 }
 
