@@ -294,7 +294,7 @@ int uloop_timeout_add(uloop_timeout *timeout) {
         return -1;
     list_head *at = &timers; // behind the last one that is not later
     while (at->prev != &timers) {
-        const uloop_timeout *other = list_entry(at->prev, uloop_timeout, list);
+        const uloop_timeout *other = container_of(at->prev, uloop_timeout, list);
         if (!timercmp(&other->time, &timeout->time, >))
             break;
         at = at->prev;

@@ -23,9 +23,6 @@ void handle_pending(uloop_timeout *timer);
 // Adds the contents of `msg` (null: none) to `scratch` as DATA; false when they are too long.
 bool put_data(const blob_attr *msg);
 
-// Sends a request made of `attributes`; false when it is too long or could not be written.
-bool start_request(ubus_context *ctx, ubus_request *req, int type, uint32_t peer,
-                   blob_attr *attributes);
 // Sends a request made of `scratch` and waits for its end, `raw` getting the data.
 int run_request(ubus_context *ctx, int type, ubus_data_handler_t raw, void *priv);
 // Handles a STATUS or DATA.

@@ -217,29 +217,18 @@ int ubus_lookup(struct ubus_context *ctx, const char *path, ubus_lookup_handler_
 // Leaves *id untouched when the bus knows the object but does not show it.
 int ubus_lookup_id(struct ubus_context *ctx, const char *path, uint32_t *id);
 
-// Calls a method. `fd` must be -1: descriptors are not passed.
-int ubus_invoke_fd(struct ubus_context *ctx, uint32_t obj, const char *method,
-                   struct blob_attr *msg, ubus_data_handler_t cb, void *priv, int timeout, int fd);
+// Calls a method. Synchronous; `cb` (may be null) gets each reply. Waits at most `timeout`
+// milliseconds (0: for ever). Status 7 is the callee's or a local time-out.
+int ubus_invoke(struct ubus_context *ctx, uint32_t obj, const char *method, struct blob_attr *msg,
+                ubus_data_handler_t cb, void *priv, int timeout);
 // Sends the call only; callbacks are set in `req` afterwards, then ubus_complete_request_async().
-int ubus_invoke_async_fd(struct ubus_context *ctx, uint32_t obj, const char *method,
-                         struct blob_attr *msg, struct ubus_request *req, int fd);
+int ubus_invoke_async(struct ubus_context *ctx, uint32_t obj, const char *method,
+                      struct blob_attr *msg, struct ubus_request *req);
 // Waits for the end of a request, at most `timeout` milliseconds (0: for ever).
 int ubus_complete_request(struct ubus_context *ctx, struct ubus_request *req, int timeout);
 void ubus_complete_request_async(struct ubus_context *ctx, struct ubus_request *req);
 // Forgets a request; its callbacks are not called any more.
 void ubus_abort_request(struct ubus_context *ctx, struct ubus_request *req);
-
-// Synchronous; `cb` (may be null) gets each reply. Status 7 is the callee's or a local time-out.
-static inline int ubus_invoke(struct ubus_context *ctx, uint32_t obj, const char *method,
-                              struct blob_attr *msg, ubus_data_handler_t cb, void *priv,
-                              int timeout) {
-    return ubus_invoke_fd(ctx, obj, method, msg, cb, priv, timeout, -1);
-}
-
-static inline int ubus_invoke_async(struct ubus_context *ctx, uint32_t obj, const char *method,
-                                    struct blob_attr *msg, struct ubus_request *req) {
-    return ubus_invoke_async_fd(ctx, obj, method, msg, req, -1);
-}
 
 // Sends the contents of `msg` as a reply; UBUS_STATUS_NO_DATA when it could not be written.
 int ubus_send_reply(struct ubus_context *ctx, struct ubus_request_data *req, struct blob_attr *msg);

@@ -13,6 +13,18 @@ struct QueuedData {
     blob_attr *body;
 };
 
+// The statuses of a notification: first the bus's, which names the subscribers, then one from each.
+struct NotifyRequest {
+    ubus_request req;
+    std::array<uint32_t, UBUS_MAX_NOTIFY_PEERS> subscribers;
+    size_t expected;
+};
+
+struct LookupTarget {
+    ubus_lookup_handler_t cb;
+    void *priv;
+};
+
 } // namespace
 
 static int64_t now_ms() {
@@ -88,17 +100,6 @@ static void handle_data(ubus_request *req, blob_attr *body) {
         req->complete_cb(req, req->status_code);
 }
 
-namespace {
-
-// The statuses of a notification: first the bus's, which names the subscribers, then one from each.
-struct NotifyRequest {
-    ubus_request req;
-    std::array<uint32_t, UBUS_MAX_NOTIFY_PEERS> subscribers;
-    size_t expected;
-};
-
-} // namespace
-
 static void handle_notify_status(ubus_request *req, const ubus_msghdr &hdr,
                                  const wire::Attributes &found) {
     auto *notify = container_of(req, NotifyRequest, req);
@@ -125,15 +126,6 @@ static void handle_notify_status(ubus_request *req, const ubus_msghdr &hdr,
     }
 }
 
-namespace {
-
-struct LookupTarget {
-    ubus_lookup_handler_t cb;
-    void *priv;
-};
-
-} // namespace
-
 static void receive_lookup(ubus_request *req, int, blob_attr *body) {
     auto *target = static_cast<LookupTarget *>(req->priv);
     wire::Attributes found = wire::parse(body, blob_raw_len(body));
@@ -152,8 +144,9 @@ bool put_data(const blob_attr *msg) {
                     msg ? (unsigned)blob_len(msg) : 0);
 }
 
-bool start_request(ubus_context *ctx, ubus_request *req, int type, uint32_t peer,
-                   blob_attr *attributes) {
+// Sends a request made of `attributes`; false when it is too long or could not be written.
+static bool start_request(ubus_context *ctx, ubus_request *req, int type, uint32_t peer,
+                          blob_attr *attributes) {
     memset(req, 0, sizeof(*req));
     INIT_LIST_HEAD(&req->list);
     INIT_LIST_HEAD(&req->pending);
@@ -265,10 +258,8 @@ int ubus_lookup_id(ubus_context *ctx, const char *path, uint32_t *id) {
         id);
 }
 
-int ubus_invoke_async_fd(ubus_context *ctx, uint32_t obj, const char *method, blob_attr *msg,
-                         ubus_request *req, int fd) {
-    if (fd >= 0)
-        return UBUS_STATUS_NOT_SUPPORTED;
+int ubus_invoke_async(ubus_context *ctx, uint32_t obj, const char *method, blob_attr *msg,
+                      ubus_request *req) {
     blob_buf_init(&scratch, 0);
     blob_put_int32(&scratch, UBUS_ATTR_OBJID, obj);
     blob_put_string(&scratch, UBUS_ATTR_METHOD, method);
@@ -279,10 +270,10 @@ int ubus_invoke_async_fd(ubus_context *ctx, uint32_t obj, const char *method, bl
                : UBUS_STATUS_INVALID_ARGUMENT;
 }
 
-int ubus_invoke_fd(ubus_context *ctx, uint32_t obj, const char *method, blob_attr *msg,
-                   ubus_data_handler_t cb, void *priv, int timeout, int fd) {
+int ubus_invoke(ubus_context *ctx, uint32_t obj, const char *method, blob_attr *msg,
+                ubus_data_handler_t cb, void *priv, int timeout) {
     ubus_request req;
-    int status = ubus_invoke_async_fd(ctx, obj, method, msg, &req, fd);
+    int status = ubus_invoke_async(ctx, obj, method, msg, &req);
     if (status)
         return status;
     req.data_cb = cb;

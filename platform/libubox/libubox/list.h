@@ -58,16 +58,15 @@ static inline void list_del_init(struct list_head *entry) {
     INIT_LIST_HEAD(entry);
 }
 
-#define list_entry(ptr, type, member) container_of(ptr, type, member)
-#define list_first_entry(head, type, member) list_entry((head)->next, type, member)
+#define list_first_entry(head, type, member) container_of((head)->next, type, member)
 
 #define list_for_each_entry(pos, head, member)                                                     \
     for (pos = list_first_entry(head, __typeof__(*pos), member); &pos->member != (head);           \
-         pos = list_entry(pos->member.next, __typeof__(*pos), member))
+         pos = container_of(pos->member.next, __typeof__(*pos), member))
 
 // As above; the body may unlink or free `pos`.
 #define list_for_each_entry_safe(pos, tmp, head, member)                                           \
     for (pos = list_first_entry(head, __typeof__(*pos), member),                                   \
-        tmp = list_entry(pos->member.next, __typeof__(*pos), member);                              \
+        tmp = container_of(pos->member.next, __typeof__(*pos), member);                            \
          &pos->member != (head);                                                                   \
-         pos = tmp, tmp = list_entry(pos->member.next, __typeof__(*pos), member))
+         pos = tmp, tmp = container_of(pos->member.next, __typeof__(*pos), member))

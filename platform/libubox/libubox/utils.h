@@ -34,18 +34,10 @@
 #define fallthrough __attribute__((__fallthrough__))
 #endif
 
-#define const_bswap16(x) ((uint16_t)((((x)&0xff) << 8) | (((x) >> 8) & 0xff)))
-#define const_bswap32(x)                                                                           \
-    ((uint32_t)((((x)&0xffu) << 24) | (((x)&0xff00u) << 8) | (((x) >> 8) & 0xff00u) |              \
-                (((x) >> 24) & 0xffu)))
-#define const_bswap64(x)                                                                           \
-    ((uint64_t)(((uint64_t)const_bswap32((uint32_t)(x)) << 32) |                                   \
-                const_bswap32((uint32_t)((uint64_t)(x) >> 32))))
-
 #if __BYTE_ORDER == __LITTLE_ENDIAN
-#define const_cpu_to_be16(x) const_bswap16(x)
-#define const_cpu_to_be32(x) const_bswap32(x)
-#define const_cpu_to_be64(x) const_bswap64(x)
+#define const_cpu_to_be16(x) __builtin_bswap16(x)
+#define const_cpu_to_be32(x) __builtin_bswap32(x)
+#define const_cpu_to_be64(x) __builtin_bswap64(x)
 #else
 #define const_cpu_to_be16(x) ((uint16_t)(x))
 #define const_cpu_to_be32(x) ((uint32_t)(x))
