@@ -6,19 +6,12 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
-#include <sys/un.h>
 
 namespace ubus_library {
 
 blob_buf scratch;
 
-namespace {
-
-using Head = decltype(ubus_context::head);
-
-} // namespace
-
-static_assert(sizeof(Head) == sizeof(wire::Head));
+static_assert(sizeof(ubus_context::head) == sizeof(wire::Head));
 
 namespace {
 
@@ -54,8 +47,8 @@ static size_t read_some(ubus_context *ctx, void *to, size_t want) {
 // connection, as there is no way to find the next message.
 static bool receive_message(ubus_context *ctx) {
     char *head = reinterpret_cast<char *>(&ctx->head);
-    while (ctx->received < sizeof(Head)) {
-        size_t got = read_some(ctx, head + ctx->received, sizeof(Head) - ctx->received);
+    while (ctx->received < sizeof(ctx->head)) {
+        size_t got = read_some(ctx, head + ctx->received, sizeof(ctx->head) - ctx->received);
         if (!got)
             return false;
         ctx->received += (uint32_t)got;
@@ -140,14 +133,9 @@ static int compare_ids(const void *first, const void *second, void *) {
 
 // Opens the socket and reads the greeting, blocking. False, with nothing open, on any failure.
 static bool open_connection(ubus_context *ctx, const char *path) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    if (!path)
-        path = UBUS_UNIX_SOCKET;
-    if (strlen(path) >= sizeof(address.sun_path))
+    sockaddr_un address;
+    if (!wire::set_address(address, path ? path : UBUS_UNIX_SOCKET))
         return false;
-    memcpy(address.sun_path, path, strlen(path));
-
     ctx->sock.eof = ctx->sock.error = false;
     ctx->sock.fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (ctx->sock.fd < 0)
@@ -207,7 +195,8 @@ bool send_message(ubus_context *ctx, int type, uint16_t seq, uint32_t peer, blob
     return true;
 }
 
-void handle_socket(uloop_fd *sock, unsigned int) {
+// Takes what has arrived and handles it.
+static void handle_socket(uloop_fd *sock, unsigned int) {
     ubus_context *ctx = container_of(sock, ubus_context, sock);
     // `eof` may be set by uloop while there is still something to read.
     sock->eof = false;

@@ -13,8 +13,6 @@ extern blob_buf scratch;
 // Sends one message, waiting while the socket is full. False when the connection is broken.
 bool send_message(ubus_context *ctx, int type, uint16_t seq, uint32_t peer, blob_attr *attributes);
 
-// Takes what has arrived and handles it.
-void handle_socket(uloop_fd *sock, unsigned int events);
 // Waits up to `timeout` milliseconds (-1: for ever) for something to arrive, and handles it.
 void wait_for_data(ubus_context *ctx, int timeout);
 // Handles the calls that came in during a synchronous request.

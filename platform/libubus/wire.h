@@ -1,10 +1,11 @@
-// Reading message attributes, for the client library and the bus daemon.
+// Addresses and message attributes, for the client library and the bus daemon.
 #pragma once
 
 extern "C" {
 #include "ubusmsg.h"
 }
 #include <array>
+#include <sys/un.h>
 
 namespace wire {
 
@@ -17,6 +18,9 @@ struct Head {
     uint32_t outer; // its id_len, big-endian
 };
 static_assert(sizeof(Head) == 12);
+
+// The address of the bus socket at `path`; false, with errno, when the path is too long.
+bool set_address(sockaddr_un &address, const char *path);
 
 // The length of the outer attribute, or 0 if no message may have that length.
 size_t outer_length(uint32_t id_len);

@@ -38,7 +38,7 @@ static void print_object(ubus_context *, ubus_object_data *object, void *priv) {
     blob_for_each_attr(method, object->signature, rem) {
         if (!blobmsg_check_attr(method, false))
             continue;
-        Text text(blobmsg_format_json_with_cb(method, false, format_type, nullptr, -1));
+        OwnedText text(blobmsg_format_json_with_cb(method, false, format_type, nullptr, -1));
         if (text)
             printf("\t%s\n", text.get());
     }
@@ -46,7 +46,7 @@ static void print_object(ubus_context *, ubus_object_data *object, void *priv) {
 
 static void print_reply(ubus_request *req, int, blob_attr *msg) {
     const Options &options = *static_cast<const Options *>(req->priv);
-    Text text(blobmsg_format_json_indent(msg, true, options.simple ? -1 : 0));
+    OwnedText text(blobmsg_format_json_indent(msg, true, options.simple ? -1 : 0));
     if (text)
         puts(text.get());
 }
@@ -64,14 +64,13 @@ static int call_failed(const Options &options, Arguments arguments, int status) 
     return (int)-(unsigned)status;
 }
 
-int list_objects(ubus_context *ctx, const Options &options, Arguments arguments) {
+int list_objects(ubus_context *ctx, Options options, Arguments arguments) {
     if (arguments.size() > 1)
         return WRONG_USAGE;
-    Options copy = options;
-    return ubus_lookup(ctx, arguments.empty() ? nullptr : arguments[0], print_object, &copy);
+    return ubus_lookup(ctx, arguments.empty() ? nullptr : arguments[0], print_object, &options);
 }
 
-int call_method(ubus_context *ctx, const Options &options, Arguments arguments) {
+int call_method(ubus_context *ctx, Options options, Arguments arguments) {
     if (arguments.size() < 2 || arguments.size() > 3)
         return WRONG_USAGE;
     Message message;
@@ -81,11 +80,10 @@ int call_method(ubus_context *ctx, const Options &options, Arguments arguments) 
     int status = ubus_lookup_id(ctx, arguments[0], &id);
     if (status)
         return status;
-    Options copy = options;
     // The wait for the answer is outside the loop, whose signal handlers would not end it.
     signal(SIGINT, SIG_DFL);
     signal(SIGTERM, SIG_DFL);
-    status = ubus_invoke(ctx, id, arguments[1], message.buffer.head, print_reply, &copy,
+    status = ubus_invoke(ctx, id, arguments[1], message.buffer.head, print_reply, &options,
                          options.seconds * 1000);
     return call_failed(options, arguments, status);
 }

@@ -3,12 +3,12 @@
 // WRONG_USAGE prints the usage.
 #pragma once
 
+#include "guards.h"
+
 extern "C" {
 #include <libubox/blobmsg_json.h>
 #include <libubus.h>
 }
-#include <cstdlib>
-#include <memory>
 #include <span>
 
 struct Options {
@@ -19,14 +19,9 @@ struct Options {
 };
 
 using Arguments = std::span<char *const>;
-using Command = int (*)(ubus_context *ctx, const Options &options, Arguments arguments);
+using Command = int (*)(ubus_context *ctx, Options options, Arguments arguments);
 
 constexpr int WRONG_USAGE = -2;
-
-struct FreeMemory {
-    void operator()(void *memory) const { free(memory); }
-};
-using Text = std::unique_ptr<char, FreeMemory>;
 
 // A message under construction.
 struct Message {
@@ -38,10 +33,10 @@ struct Message {
     Message &operator=(const Message &) = delete;
 };
 
-int list_objects(ubus_context *ctx, const Options &options, Arguments arguments);
-int call_method(ubus_context *ctx, const Options &options, Arguments arguments);
+int list_objects(ubus_context *ctx, Options options, Arguments arguments);
+int call_method(ubus_context *ctx, Options options, Arguments arguments);
 
-int wait_for_objects(ubus_context *ctx, const Options &options, Arguments arguments);
-int listen_events(ubus_context *ctx, const Options &options, Arguments arguments);
-int subscribe_objects(ubus_context *ctx, const Options &options, Arguments arguments);
-int send_one_event(ubus_context *ctx, const Options &options, Arguments arguments);
+int wait_for_objects(ubus_context *ctx, Options options, Arguments arguments);
+int listen_events(ubus_context *ctx, Options options, Arguments arguments);
+int subscribe_objects(ubus_context *ctx, Options options, Arguments arguments);
+int send_one_event(ubus_context *ctx, Options options, Arguments arguments);

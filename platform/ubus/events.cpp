@@ -32,7 +32,7 @@ static int duration(const Options &options) {
 }
 
 static void print_event(const char *name, blob_attr *fields) {
-    Text text(blobmsg_format_json(fields, true));
+    OwnedText text(blobmsg_format_json(fields, true));
     if (text)
         printf("{ \"%s\": %s }\n", name, text.get());
     fflush(stdout);
@@ -75,7 +75,7 @@ static void object_added(ubus_context *, ubus_event_handler *handler, const char
         uloop_end();
 }
 
-int wait_for_objects(ubus_context *ctx, const Options &options, Arguments arguments) {
+int wait_for_objects(ubus_context *ctx, Options options, Arguments arguments) {
     if (arguments.empty())
         return WRONG_USAGE;
     Missing missing;
@@ -90,21 +90,22 @@ int wait_for_objects(ubus_context *ctx, const Options &options, Arguments argume
     return missing.paths.empty() ? UBUS_STATUS_OK : UBUS_STATUS_TIMEOUT;
 }
 
-int listen_events(ubus_context *ctx, const Options &options, Arguments arguments) {
-    static char every[] = "*";
-    static char *const patterns[] = {every};
+int listen_events(ubus_context *ctx, Options options, Arguments arguments) {
     ubus_event_handler handler{};
     handler.cb = receive_event;
-    for (const char *pattern : arguments.empty() ? Arguments(patterns) : arguments) {
-        int status = ubus_register_event_handler(ctx, &handler, pattern);
-        if (status)
-            return status;
+    int status = UBUS_STATUS_OK;
+    if (arguments.empty())
+        status = ubus_register_event_handler(ctx, &handler, nullptr);
+    for (const char *pattern : arguments) {
+        if (status == UBUS_STATUS_OK)
+            status = ubus_register_event_handler(ctx, &handler, pattern);
     }
-    run(ctx, duration(options));
-    return UBUS_STATUS_OK;
+    if (status == UBUS_STATUS_OK)
+        run(ctx, duration(options));
+    return status;
 }
 
-int subscribe_objects(ubus_context *ctx, const Options &options, Arguments arguments) {
+int subscribe_objects(ubus_context *ctx, Options options, Arguments arguments) {
     if (arguments.empty())
         return WRONG_USAGE;
     ubus_subscriber subscriber{};
@@ -122,7 +123,7 @@ int subscribe_objects(ubus_context *ctx, const Options &options, Arguments argum
     return status;
 }
 
-int send_one_event(ubus_context *ctx, const Options &, Arguments arguments) {
+int send_one_event(ubus_context *ctx, Options, Arguments arguments) {
     if (arguments.empty() || arguments.size() > 2)
         return WRONG_USAGE;
     Message message;

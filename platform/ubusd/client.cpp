@@ -10,6 +10,7 @@
 #include <grp.h>
 #include <memory>
 #include <pwd.h>
+#include <span>
 #include <sys/socket.h>
 #include <sys/uio.h>
 #include <unistd.h>
@@ -46,6 +47,31 @@ static bool write_queue(Client &client) {
         else
             client.output.pop_front();
     }
+    return true;
+}
+
+// Handles the complete messages among what came before and `bytes`; false when the client sends
+// something that cannot be a message and must be disconnected.
+static bool receive(Client &client, std::span<const char> bytes) {
+    client.input.insert(client.input.end(), bytes.begin(), bytes.end());
+    size_t at = 0;
+    // A lookup that waits for the queue to drain makes later requests wait too.
+    while (!client.lookup && client.input.size() - at >= sizeof(wire::Head)) {
+        wire::Head head;
+        memcpy(&head, client.input.data() + at, sizeof(head));
+        size_t length = wire::outer_length(head.outer);
+        if (!length)
+            return false;
+        size_t total = sizeof(head.hdr) + length;
+        if (client.input.size() - at < total)
+            break;
+        char *outer = client.input.data() + at + sizeof(head.hdr);
+        head.hdr.seq = be16_to_cpu(head.hdr.seq);
+        head.hdr.peer = be32_to_cpu(head.hdr.peer);
+        handle_message(client, head.hdr, reinterpret_cast<blob_attr *>(outer));
+        at += total;
+    }
+    client.input.erase(client.input.begin(), client.input.begin() + (long)at);
     return true;
 }
 
@@ -166,27 +192,4 @@ void send_message(Client &client, int type, uint16_t seq, uint32_t peer,
     hdr.seq = seq;
     hdr.peer = peer;
     send_message(client, hdr, attributes);
-}
-
-bool receive(Client &client, std::span<const char> bytes) {
-    client.input.insert(client.input.end(), bytes.begin(), bytes.end());
-    size_t at = 0;
-    // A lookup that waits for the queue to drain makes later requests wait too.
-    while (!client.lookup && client.input.size() - at >= sizeof(wire::Head)) {
-        wire::Head head;
-        memcpy(&head, client.input.data() + at, sizeof(head));
-        size_t length = wire::outer_length(head.outer);
-        if (!length)
-            return false;
-        size_t total = sizeof(head.hdr) + length;
-        if (client.input.size() - at < total)
-            break;
-        char *outer = client.input.data() + at + sizeof(head.hdr);
-        head.hdr.seq = be16_to_cpu(head.hdr.seq);
-        head.hdr.peer = be32_to_cpu(head.hdr.peer);
-        handle_message(client, head.hdr, reinterpret_cast<blob_attr *>(outer));
-        at += total;
-    }
-    client.input.erase(client.input.begin(), client.input.begin() + (long)at);
-    return true;
 }

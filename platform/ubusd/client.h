@@ -7,7 +7,6 @@ extern "C" {
 }
 #include <deque>
 #include <optional>
-#include <span>
 #include <string>
 #include <vector>
 
@@ -53,7 +52,3 @@ void close_clients();
 void send_message(Client &client, ubus_msghdr hdr, const blob_attr *attributes);
 void send_message(Client &client, int type, uint16_t seq, uint32_t peer,
                   const blob_attr *attributes);
-
-// Handles the complete messages among what came before and `bytes`; false when the client sends
-// something that cannot be a message and must be disconnected.
-bool receive(Client &client, std::span<const char> bytes);

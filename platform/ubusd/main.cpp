@@ -1,6 +1,7 @@
 // ubusd [-s SOCKET] [-A DIRECTORY]: a bus daemon for machines without OpenWrt's packages. It stays
 // in the foreground and logs to the system log.
 #include "bus.h"
+#include "wire.h"
 
 extern "C" {
 #include <ubus_common.h>
@@ -11,7 +12,6 @@ extern "C" {
 #include <cstring>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -23,13 +23,9 @@ static void handle_listener(uloop_fd *sock, unsigned int) {
 
 // The listening socket, or -1 with errno. Programs of every account may connect.
 static int listen_at(const char *path) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    if (strlen(path) >= sizeof(address.sun_path)) {
-        errno = ENAMETOOLONG;
+    sockaddr_un address;
+    if (!wire::set_address(address, path))
         return -1;
-    }
-    memcpy(address.sun_path, path, strlen(path));
     unlink(path);
     umask(0111);
     int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
