@@ -17,6 +17,7 @@
 
 namespace sandbox {
 
+// NOLINTBEGIN(readability-identifier-naming)
 inline constexpr char interface_name[] = "apcli0";    // hardware address 00:11:22:AA:BB:CC
 inline constexpr char router[] = "192.168.8.1";       // the address of apcli0
 inline constexpr char client_prefix[] = "192.168.8."; // clients are .20 to .29
@@ -24,6 +25,7 @@ inline constexpr char upstream_prefix[] = "10.53.0."; // upstream servers are .1
 
 // Every datagram that reached /dev/log, one per line, as it came: "<134>Nov 21 ... ident[1]: text".
 inline constexpr char log_file[] = "/run/sandbox/log";
+// NOLINTEND(readability-identifier-naming)
 
 // Whether the calling process is inside.
 bool inside();
