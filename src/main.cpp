@@ -48,8 +48,45 @@ static void reject_option() {
     exit(EXIT_SUCCESS);
 }
 
+// The setting that an option stores its number or its text in; null for another kind of option.
+static int32_t *number_for(int option) {
+    switch (option) {
+    case 'm':
+        return &oDNS.thread_pool;
+    case 'p':
+        return &oDNS.port;
+    case 's':
+        return &oDNS.socket_buffer_size;
+    case 't':
+        return &oDNS.dns_timeout;
+    case 'x':
+        return &oDNS.log_stats_interval;
+    default:
+        return nullptr;
+    }
+}
+
+static char **text_for(int option) {
+    switch (option) {
+    case 'c':
+        return &oDNS.path;
+    case 'i':
+        return &oDNS.interface;
+    case 'u':
+        return &oDNS.upstream_dns[0];
+    case 'y':
+        return &oDNS.upstream_dns[1];
+    default:
+        return nullptr;
+    }
+}
+
 // Each option takes effect at once. The stored settings replace all of them but the log level.
 static void apply_option(int option, char *argument) {
+    if (int32_t *number = number_for(option))
+        *number = decimal(argument);
+    if (char **text = text_for(option))
+        *text = argument;
     switch (option) {
     case 'a':
         oDNS.admin_enabled = 1;
@@ -57,46 +94,19 @@ static void apply_option(int option, char *argument) {
     case 'b':
         raise(SIGUSR1); // before the handlers are installed: ends the process
         break;
-    case 'c':
-        oDNS.path = argument;
-        break;
-    case 'i':
-        oDNS.interface = argument;
-        break;
     case 'l':
         oDNS.log_level = decimal(argument);
         set_log_mask(oDNS.log_level);
         break;
-    case 'm':
-        oDNS.thread_pool = decimal(argument);
-        break;
     case 'n':
         printf("%s", PRODUCT_VERSION);
         exit(EXIT_SUCCESS);
-    case 'p':
-        oDNS.port = decimal(argument);
-        break;
     case 'r':
         restart(); // before the handlers are installed: ends the process
-        break;
-    case 's':
-        oDNS.socket_buffer_size = decimal(argument);
-        break;
-    case 't':
-        oDNS.dns_timeout = decimal(argument);
-        break;
-    case 'u':
-        oDNS.upstream_dns[0] = argument;
         break;
     case 'v':
         brag();
         exit(EXIT_SUCCESS);
-    case 'x':
-        oDNS.log_stats_interval = decimal(argument);
-        break;
-    case 'y':
-        oDNS.upstream_dns[1] = argument;
-        break;
     case '?':
         reject_option();
         break;
