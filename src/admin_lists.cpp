@@ -212,7 +212,7 @@ static ListHold find_source(const char *code) {
     } else if (strcmp(code, "wl") == 0 && get_local_white_list_size() != 0) {
         return get_local_white_list();
     }
-    return ListHold();
+    return {};
 }
 
 // The page to answer with, null when there is none; the caller frees it.

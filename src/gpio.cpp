@@ -55,12 +55,12 @@ int gpio_open(int pin) {
 }
 
 int gpio_close(int pin) {
-    constexpr const char *path = "/sys/class/gpio/unexport";
+    constexpr const char *PATH = "/sys/class/gpio/unexport";
     if (!is_pin(pin))
         return 1;
-    if (write_number(path, pin))
+    if (write_number(PATH, pin))
         return 0;
-    printf("Could not open %s\n", path);
+    printf("Could not open %s\n", PATH);
     return 1;
 }
 

@@ -36,8 +36,8 @@ static constexpr LedFrame whole_chain(uint8_t red, uint8_t green, uint8_t blue) 
 // The colour is a template argument so that each frame is built by the compiler.
 template <uint8_t red, uint8_t green, uint8_t blue>
 static void show() {
-    static constexpr LedFrame frame = whole_chain(red, green, blue);
-    multi_led(frame);
+    static constexpr LedFrame FRAME = whole_chain(red, green, blue);
+    multi_led(FRAME);
 }
 
 void start_init_leds() {
