@@ -6,6 +6,7 @@
 #include "blockedlist.h"
 #include "config.h"
 #include "fuzz.h"
+#include "log.h"
 #include "server.h"
 #include "sqlite_heap.h"
 #include "statsdb.h"
@@ -83,7 +84,8 @@ void begin() {
     altered = false;
     static const char *const none[] = {"", "", "", ""};
     replace_upstreams(none);
-    oDNS.log_level = oDNS.disabled = oDNS.record_traffic = oDNS.debug = oDNS.debug_sql = 0;
+    oDNS.log_level = oDNS.disabled = oDNS.record_traffic = 0;
+    set_traces(false, false);
     store_calls = -1;
     arp.clear();
 }
@@ -215,8 +217,7 @@ void look_up(Input &input) {
 
 void change_settings(Input &input) {
     const unsigned bits = input.byte();
-    oDNS.debug = bits & 1;
-    oDNS.debug_sql = bits >> 1 & 1;
+    set_traces(bits & 1, bits & 2);
     oDNS.record_traffic = bits >> 2 & 1;
     store_calls = static_cast<int>(bits >> 3) - 1;
 }
