@@ -1,6 +1,7 @@
-// What another program sees of an SQLite file that the daemon has open.
+// What another program sees of an SQLite file that the daemon has open, and how it gets in the way.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <sqlite3.h>
 #include <string>
 
@@ -20,3 +21,15 @@ inline std::string read_rows(const std::string &file, const std::string &query) 
     sqlite3_close(db);
     return rows;
 }
+
+// Another process that has the file; gives it back when it goes.
+struct Holder {
+    sqlite3 *db = nullptr;
+
+    Holder(const std::string &file, const char *sql) {
+        sqlite3_open_v2(file.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, "unix");
+        EXPECT_EQ(sqlite3_exec(db, sql, nullptr, nullptr, nullptr), SQLITE_OK)
+            << sqlite3_errmsg(db);
+    }
+    ~Holder() { sqlite3_close(db); }
+};

@@ -101,6 +101,9 @@ struct Client : Socket {
 // Whether a query for the name gets the answer that Upstream::echo() gives.
 bool passes(std::string_view name, int client = 20);
 
+// How many datagrams wait in the daemon's socket or did not fit into it.
+size_t not_received();
+
 // An upstream server at 10.53.0.NUMBER (1 to 4), port 53, on a thread of its own.
 class Upstream {
   public:

@@ -1,8 +1,7 @@
 // The administration object, seen through the bus: every reply of the command-line client, and the
 // daemon's behaviour around it.
 #include "bus.h"
-
-#include <sqlite3.h>
+#include "database.h"
 
 #include <fnmatch.h>
 #include <sys/resource.h>
@@ -10,6 +9,8 @@
 using namespace harness;
 
 namespace {
+
+constexpr char database[] = "/etc/vantrelle/vantrelle.db";
 
 struct Admin : BusTest {};
 
@@ -43,9 +44,7 @@ std::string page(const std::string &max, const std::string &records, const std::
 // An edit that waits for another process ends with the daemon, and says what it could not do.
 TEST_F(Admin, AShutdownEndsAnEditsWait) {
     start();
-    sqlite3 *other = nullptr;
-    ASSERT_EQ(sqlite3_open("/etc/vantrelle/vantrelle.db", &other), SQLITE_OK);
-    ASSERT_EQ(sqlite3_exec(other, "begin immediate", nullptr, nullptr, nullptr), SQLITE_OK);
+    const Holder other(database, "begin immediate");
     Connection connection;
     connection.start("add", R"({"list":"bl","pattern":"late.example"})");
     connection.serve(300);
@@ -55,7 +54,23 @@ TEST_F(Admin, AShutdownEndsAnEditsWait) {
     EXPECT_EQ(log_priority("SQL error inserting list key late.example into local_black: "
                            "database is locked"),
               3);
-    sqlite3_close(other);
+}
+
+// The object is on the bus before the lists are there; a call waits for them.
+TEST_F(Admin, AnEditDuringTheStartIsKept) {
+    std::optional<Holder> other(std::in_place, database, "begin exclusive");
+    Process client("/bin/sh", {"-c", BUS_CLIENT " -t 10 wait_for vantrelle; " BUS_CLIENT
+                                                R"( call vantrelle add '{"list":"bl","option":"4",)"
+                                                R"("pattern":"early.example"}')"});
+    const std::jthread end([&] {
+        EXPECT_EQ(client.wait(1500), -1) << "there is no database yet";
+        other.reset();
+    });
+    start();
+    EXPECT_EQ(client.wait(), 0);
+    EXPECT_EQ(rcode_of(Client().ask(query("early.example")).value()), 3);
+    EXPECT_EQ(read_rows(database, "select frag, opt, disabled from local_black"),
+              "early.example|4|0\n");
 }
 
 } // namespace
@@ -74,6 +89,8 @@ TEST_F(Admin, EditsAndPagesThroughLists) {
          message("Successfully added <B>100% %n%s" + longest + "</B> to <B>White</B> list")},
         {"add", R"({"list":"bd","pattern":"192.168.8.23","option":"4"})", 0,
          message("Successfully added <B>192.168.8.23</B> to <B>Unknown</B> list")},
+        {"add", R"({"list":"ad","pattern":"192.168.8.24","option":"4"})", 0,
+         message("Successfully added <B>192.168.8.24</B> to <B>Device</B> list")},
         {"add", R"({"list":"xx","pattern":"a"})", 0,
          message("Successfully added <B>a</B> to <B>Black</B> list")},
         {"add", R"({"list":"ad","pattern":"#a"})", 3,
@@ -81,15 +98,21 @@ TEST_F(Admin, EditsAndPagesThroughLists) {
         {"add", "", 0, message("Successfully added <B>(unknown)</B> to <B>Black</B> list")},
         {"remove", R"({"list":"wl","pattern":"absent"})", 7,
          message("Error: <B>absent</B> does not exist in <B>White</B> list")},
-        {"remove", R"({"list":"bl","pattern":"2"})", 0,
+        {"add", R"({"list":"bl","pattern":"~zz","option":"260"})", 0, // disables the row
+         message("Successfully added <B>~zz</B> to <B>Black</B> list")},
+        {"remove", R"({"list":"bl","pattern":"2"})", 0, // the row's number, not the pattern
          message("Successfully removed <B>2</B> from <B>Black</B> list")},
+        {"remove", R"({"list":"bl","pattern":"2"})", 7,
+         message("Error: <B>2</B> does not exist in <B>Black</B> list")},
+        {"remove", R"({"list":"bl","pattern":""})", 7,
+         message("Error: <B></B> does not exist in <B>Black</B> list")},
         {"list", R"({"list":"bl","start":"1","count":"5"})", 0,
-         page("1", "1", R"("1":"ads.example")")},
+         page("2", "2", R"("1":"~zz","2":"ads.example")")},
         {"list", R"({"list":"wl","start":"1","count":"5"})", 0,
          page("1", "1", R"("1":"100%% %n%s)" + longest + '"')},
         {"list", R"({"list":"bd","start":"1","count":"5"})", 0, page("0", "0", "")},
         {"list", R"({"list":"bl","start":1,"count":"2147483647"})", 0,
-         page("1", "1", R"("1":"ads.example")")},
+         page("2", "2", R"("1":"~zz","2":"ads.example")")},
         {"list", "", 0, page("0", "0", "")},
         {"nine", "", 3, ""},
     };
@@ -102,10 +125,20 @@ TEST_F(Admin, EditsAndPagesThroughLists) {
             shortest = std::min(shortest, std::chrono::steady_clock::now() - begin);
     }
     EXPECT_NEAR(std::chrono::duration<double>(shortest).count(), 1.25, 0.25);
-    EXPECT_EQ(rcode_of(Client(20).ask(query("www.ads.example")).value_or("")), 3);
-    EXPECT_EQ(rcode_of(Client(23).ask(query("plain.example")).value_or("")), 3);
-    EXPECT_TRUE(passes("plain.example"));
+    EXPECT_FALSE(passes("www.ads.example"));
+    for (const bool listed : {true, false}) { // of 23 as blocked, of 24 as excluded from blocking
+        EXPECT_NE(passes("plain.example", 23), listed);
+        EXPECT_EQ(passes("www.ads.example", 24), listed);
+        for (const auto &[list, name, item] :
+             {std::tuple{"bd", "Unknown", "192.168.8.23"}, {"ad", "Device", "192.168.8.24"}})
+            if (listed)
+                Call{"remove", R"({"list":")"s + list + R"(","pattern":")" + item + "\"}", 0,
+                     message("Successfully removed <B>"s + item + "</B> from <B>" + name +
+                             "</B> list")}
+                    .run();
+    }
     EXPECT_EQ(daemon->stop(), 0);
+    EXPECT_EQ(read_rows(database, "select * from local_black"), "1|ads.example|1|0\n2|zz|-1|1\n");
 }
 
 TEST_F(Admin, APageTellsHowManyOfItsRecordsFitIntoTheMessage) {

@@ -41,7 +41,7 @@ struct Filter : SystemTest {
     void SetUp() override {
         SystemTest::SetUp();
         fs::create_directory(BASE);
-        write_file(BASE + "/black.lst", "ads\nboth.example,4\n");
+        write_file(BASE + "/black.lst", "ads\nin-addr\nboth.example,4\n");
         write_file(BASE + "/local_black.lst", "tracker.example,1\n");
         write_file(BASE + "/white.lst", "good-ads.example,4\n");
         write_file(BASE + "/local_white.lst", "both.example,4\n");
@@ -50,6 +50,8 @@ struct Filter : SystemTest {
         configure({{"stats_db_path", BASE}});
     }
 };
+
+#define NIBBLES "0.1.2.3.4.5.6.7.8.9.a.b.c.d.e.f."
 
 struct Case {
     int client;
@@ -72,7 +74,11 @@ const Case CASES[] = {
     {20, "VANTRELLE-22aabbcc", false, "VANTRELLE-22aabbcc is local server (192.168.8.20)"},
     {20, "vantrelle-22AABBCC.loca", false,
      "vantrelle-22AABBCC.loca is local server (192.168.8.20)"},
-    {20, "1.0.168.192.in-addr.arpa.ads", false, ""}, // a reverse lookup is never filtered
+    {20, "it's.ads", true, "it's.ads blacklisted (192.168.8.20)"}, // not recorded; the rest is
+    {20, "a.b.example", false, ""},
+    {20, NIBBLES NIBBLES "ip6.arpa", false, ""},
+    {20, "in-addr.arpa", true, "in-addr.arpa blacklisted (192.168.8.20)"},
+    {20, "1in-addr.arpa", false, ""}, // long enough for a reverse lookup, which is never filtered
 };
 
 // One daemon's life in which all of them are asked.
@@ -81,7 +87,8 @@ void ask_cases() {
     uint16_t id = 100;
     for (const Case &c : CASES) {
         SCOPED_TRACE(c.name);
-        const Bytes question = query(c.name, ++id, 1, true);
+        Bytes question = query(c.name, ++id, 1, true);
+        question[3] = '\x30'; // bits that an answer keeps
         EXPECT_EQ(Client(c.client).ask(question),
                   c.blocked ? diverted(question) : Upstream::echo(question));
         EXPECT_EQ(log_priority(c.line), *c.line ? 6 : -1);
@@ -95,12 +102,13 @@ TEST_F(Filter, DecidesInOrderAndRecords) {
     ask_cases();
     EXPECT_EQ(
         rows("select fqdn, ip, timestamp from dns_traffic where ip between '192.168.8.20' and "
-             "'192.168.8.22' and fqdn like '%.example' order by id"),
+             "'192.168.8.22' and (fqdn like '%.example' or fqdn like '%.ip6.arpa') order by id"),
         "plain.example|192.168.8.20|0\nADS.example|192.168.8.20|0\n"
         "good-ads.example|192.168.8.20|0\nboth.example|192.168.8.20|0\n"
-        "ads.example|192.168.8.22|0\n");
+        "ads.example|192.168.8.22|0\na.b.example|192.168.8.20|0\n" NIBBLES NIBBLES
+        "ip6.arpa|192.168.8.20|0\n");
     const std::pair<const char *, const char *> deciding[] = {
-        {"black", "ads|ads.example|192.168.8.20\n"},
+        {"black", "ads|ads.example|192.168.8.20\nin-addr|in-addr.arpa|192.168.8.20\n"},
         {"local_black", "tracker.example|x.tracker.example|192.168.8.20\n"},
         {"white", "good-ads.example|good-ads.example|192.168.8.20\n"},
         {"local_white", "both.example|both.example|192.168.8.20\n"},
@@ -111,7 +119,7 @@ TEST_F(Filter, DecidesInOrderAndRecords) {
     for (const auto &[list, expected] : deciding)
         EXPECT_EQ(hits(list), expected) << list;
     EXPECT_EQ(rows("select req - blocked > 8, blocked from summary order by id desc limit 1"),
-              "1|4\n");
+              "1|6\n");
 }
 
 TEST_F(Filter, DecidesAlikeWithoutRecording) {
@@ -122,13 +130,31 @@ TEST_F(Filter, DecidesAlikeWithoutRecording) {
     EXPECT_EQ(log_count("[ Req: 9 ] [ Blocked: 4 ] [ Resets: 0 ] [ Errors: 0 ]"), 1u);
 }
 
-TEST_F(Filter, DisabledForwardsAndRecordsNothing) {
-    configure({{"stats_db_path", BASE}, {"disabled", "1"}});
-    PrimedDaemon daemon;
-    for (const int client : {20, 21})
-        EXPECT_TRUE(passes("ads.example", client));
-    EXPECT_EQ(daemon.stop(), 0);
-    EXPECT_EQ(rows("select count(*) from dns_traffic"), "0\n");
+TEST_F(Filter, OneAloneDisablesAndRecordsQueries) {
+    for (const char *value : {"1", "2"}) {
+        configure({{"stats_db_path", BASE}, {"disabled", value}, {"record_traffic", value}});
+        PrimedDaemon daemon;
+        for (const int client : {20, 21})
+            EXPECT_EQ(passes("ads.example", client), *value == '1');
+        EXPECT_EQ(daemon.stop(), 0);
+        EXPECT_EQ(rows("select count(*) from dns_traffic"), "0\n");
+        EXPECT_EQ(hits("black"), *value == '1' ? "" : "ads|ads.example|192.168.8.20\n");
+    }
+}
+
+// A blocked query whose report is due, for which the database is not free.
+TEST_F(Filter, AReportKeepsNothingFromBeingReceived) {
+    configure({{"stats_db_path", BASE}, {"record_traffic", "0"}, {"log_stats_interval", "2"}});
+    const PrimedDaemon daemon;
+    const Holder other(BASE + "/vantrelle.db", "begin immediate");
+    const Client client;
+    const auto taken = [] { return not_received() == 0; };
+    for (int sent = 0; sent < 5; sent++) {
+        client.send(query("ads.example"));
+        EXPECT_TRUE(eventually(taken, 300)) << sent;
+        usleep(10'000);
+    }
+    EXPECT_FALSE(client.receive(0)) << "the report waits";
 }
 
 TEST_F(Filter, TakesMessagesOfAnySizeAndAnyName) {
@@ -156,7 +182,7 @@ TEST_F(Filter, TakesMessagesOfAnySizeAndAnyName) {
     EXPECT_EQ(log_count("SQL logic error, insert into dns_traffic ('fqdn', 'ip') "
                         "values('x','1');drop table black;--', '192.168.8.20')"),
               1u);
-    EXPECT_EQ(rows("select frag from black order by id"), "ads\nboth.example\n");
+    EXPECT_EQ(rows("select frag from black order by id"), "ads\nin-addr\nboth.example\n");
     EXPECT_EQ(rows("select fqdn from dns_traffic where fqdn glob '*[^.a-z]*' or fqdn = 'cut'"),
               "\f\n%n%s%s%\na;b\n\"x\"\nhigh\xff\x80\ncut\n");
 }

@@ -9,7 +9,7 @@ namespace {
 
 struct ForwardTest : SystemTest {};
 
-TEST_F(ForwardTest, MovesRoundTheRingAndLeavesNoDescriptorBehind) {
+TEST_F(ForwardTest, MovesRoundTheRing) {
     const Upstream first(1), second(2), third(3), fourth(4);
     configure({{"dns_timeout", "2"}});
     Daemon daemon;
@@ -33,16 +33,6 @@ TEST_F(ForwardTest, MovesRoundTheRingAndLeavesNoDescriptorBehind) {
     daemon.signal(SIGUSR2);
     EXPECT_TRUE(wait_for_log("Connection Reset Count: 21"));
     EXPECT_EQ(log_count("Message Count: 21"), 1U);
-    size_t descriptors = 0; // one less while the last reset is still under way
-    for (int sample = 0; sample < 100; sample++, usleep(1000))
-        descriptors = std::max(descriptors, daemon.descriptors());
-    for (size_t sent = 22; sent <= 2000; sent++) {
-        client.send(query("silent.example"));
-        // One in time now and then: the socket's buffer holds some hundred datagrams only.
-        ASSERT_TRUE(sent % 50 != 0 || wait_for_log("Response timed out", sent));
-    }
-    EXPECT_TRUE(eventually([&] { return daemon.descriptors() == descriptors; }))
-        << descriptors << " before, now " << daemon.descriptors();
 }
 
 TEST_F(ForwardTest, AnAnswerClearsTheCountAndLateOnesReachNobody) {
@@ -131,49 +121,6 @@ TEST_F(ForwardTest, PassesEveryByteAndCutsAt512) {
     }
 }
 
-TEST_F(ForwardTest, LosesNothingOf10000QueriesOfSeveralClients) {
-    constexpr size_t names = 100, total = 10'000;
-    Process dnsmasq("dnsmasq", {"-dhRC/dev/null", "--bind-interfaces", "--listen-address=10.53.0.1",
-                                "--address=/home.example/10.9.8.7", "--log-facility=/dev/null"});
-    auto asked = [](size_t number) {
-        return query("h" + std::to_string(number % names) + ".home.example",
-                     static_cast<uint16_t>(number), number % 3 ? 1 : 28, number % 2);
-    };
-    // What the server says to somebody who asks it without the daemon in between.
-    Client direct(29);
-    ASSERT_TRUE(eventually([&] {
-        direct.send(asked(0), "10.53.0.1");
-        return direct.receive(100).has_value();
-    }));
-    std::vector<Bytes> expected;
-    for (size_t number = 0; number < 6 * names; number++)
-        expected.push_back(direct.ask(asked(number), "10.53.0.1").value_or("??").substr(2));
-    configure();
-    PrimedDaemon daemon;
-    std::atomic<size_t> right = 0;
-    std::vector<std::thread> clients;
-    for (size_t which = 0; which < 5; which++)
-        clients.emplace_back([&, which] {
-            const Client client(static_cast<int>(20 + which));
-            for (size_t number = which; number < total; number += 5)
-                right += client.ask(asked(number)) ==
-                         asked(number).substr(0, 2) + expected[number % expected.size()];
-        });
-    for (std::thread &client : clients)
-        client.join();
-    EXPECT_EQ(right, total);
-    EXPECT_EQ(daemon.stop(), 0);
-}
-
-// How many datagrams wait in the daemon's socket or did not fit into it.
-unsigned long not_received() {
-    const std::string sockets = read_file("/proc/net/udp");
-    unsigned long waiting = 0, dropped = 0;
-    sscanf(sockets.c_str() + sockets.find("0108A8C0:0035"), // 192.168.8.1, port 53
-           "%*s %*s %*s %*x:%lx %*s %*s %*s %*s %*s %*s %*s %lu", &waiting, &dropped);
-    return waiting + dropped;
-}
-
 TEST_F(ForwardTest, AFloodDuringSilenceCostsAFewMegabytesAndPasses) {
     constexpr size_t sent = 100'000, at_once = 250, bound = 4096, workers = 5;
     constexpr char warning[] = "Job queue is full, dropping queries";
@@ -190,7 +137,7 @@ TEST_F(ForwardTest, AFloodDuringSilenceCostsAFewMegabytesAndPasses) {
     const time_t begin = time(nullptr);
     const Client client;
     for (size_t number = 0; number < sent; number++) {
-        client.send(query("flood.example"));
+        client.send(query("flood.example", static_cast<uint16_t>(number)));
         ASSERT_TRUE(number % at_once != 0 || eventually([] { return not_received() == 0; }));
     }
     EXPECT_LT(daemon.figure("VmRSS"), memory + 16384);
@@ -198,6 +145,10 @@ TEST_F(ForwardTest, AFloodDuringSilenceCostsAFewMegabytesAndPasses) {
     EXPECT_LE(log_count(warning), 1 + static_cast<size_t>(time(nullptr) - begin) / 10);
     silent = false;
     EXPECT_TRUE(eventually([&] { return primary.count() == 1 + bound + workers; }));
+    std::vector<uint16_t> order;
+    for (const Bytes &message : primary.received())
+        order.push_back(id_of(message));
+    EXPECT_TRUE(std::is_sorted(order.begin() + 1, order.end())); // behind the first datagram
     EXPECT_TRUE(passes("after.example"));
 }
 
@@ -221,7 +172,7 @@ TEST_F(ForwardTest, AClockThatIsSetBackLeadsToThePrimary) {
     const Upstream primary(1), secondary(2);
     configure({{"dns_timeout", "200"}, {"dns_max_time_on_secondary", "600"}});
     move_clock("0");
-    Daemon daemon({}, MOVED_CLOCK_DAEMON);
+    Daemon daemon({}, STAGED_DAEMON);
     const Client client;
     for (size_t times = 1; times <= 5; times++)
         client.send(query("silent.example"));

@@ -1,4 +1,5 @@
 // The daemon as a process: options, start-up, signals, exit statuses.
+#include "database.h"
 #include "harness.h"
 
 #include <sys/stat.h>
@@ -107,12 +108,66 @@ TEST_F(LifecycleTest, ReportsOnSignalsAndKeepsRunning) {
     EXPECT_TRUE(passes("two.example"));
 }
 
+// Each handler logs and one writes rows: run in the middle of such a call it would hang the daemon.
+TEST_F(LifecycleTest, SignalsWhileQueriesFlow) {
+    const Upstream primary(1);
+    fs::create_directory("/etc/vantrelle");
+    configure(
+        {{"log_level", "7"}, {"stats_db_path", "/etc/vantrelle"}, {"log_stats_interval", "0"}});
+    PrimedDaemon daemon;
+    std::atomic<size_t> asked = 0, answered = 0;
+    std::jthread flow([&](const std::stop_token &stop) {
+        for (const Client client; !stop.stop_requested(); asked++)
+            answered += client.ask(query("www.example")).has_value();
+    });
+    for (size_t burst = 1; burst <= 200; burst++) {
+        const size_t handled = log_count("Processing signal 12");
+        for (size_t sent = burst % 4 ? 4 : 0; sent < 5; sent++)
+            daemon.signal(SIGUSR2);
+        ASSERT_TRUE(wait_for_log("Processing signal 12", handled + 1)) << burst;
+        const size_t before = answered;
+        ASSERT_TRUE(eventually([&] { return answered > before; })) << burst;
+    }
+    flow = {};
+    EXPECT_EQ(answered, asked);
+    for (int sent = 0; sent < 5; sent++)
+        daemon.signal(SIGTERM);
+    EXPECT_EQ(daemon.stop(), 0);
+    EXPECT_EQ(read_rows("/etc/vantrelle/vantrelle.db", "select count(*) from summary"),
+              std::to_string(2 * log_count("Processing signal 12") + 1) + "\n");
+}
+
+TEST_F(LifecycleTest, AFailedReceiveIsLoggedAndNotTheEnd) {
+    constexpr std::pair<int, const char *> cases[] = {
+        {EBADF, "The socket argument is not a valid file descriptor."},
+        {EAGAIN, "Operation would block"},
+        {ENOTSOCK, "File descriptor socket is not a socket."},
+        {ENOTCONN, "You never connected this socket."},
+        {ENOMEM, ""}, // any other
+        {EINTR, ""},  // goes on waiting
+    };
+    const Upstream primary(1);
+    configure({{"record_traffic", "0"}});
+    Daemon daemon({}, STAGED_DAEMON);
+    Daemon::prime();
+    for (const auto &[error, text] : cases) {
+        write_file("/tmp/receive_error", std::to_string(error));
+        const size_t lines = log_lines().size();
+        EXPECT_TRUE(passes("www.example"));
+        EXPECT_TRUE(eventually([] { return !fs::exists("/tmp/receive_error"); }));
+        EXPECT_TRUE(passes("www.example"));
+        EXPECT_EQ(log_lines().size() - lines, *text ? 1U : 0U);
+        EXPECT_EQ(log_priority(text), *text ? LOG_WARNING : -1);
+    }
+}
+
 TEST_F(LifecycleTest, TroubleAtStart) {
     configure({{"interface", "nosuch0"}});
     EXPECT_EQ(Process(daemon_program, {}).wait(), 1);
     EXPECT_EQ(log_priority("No such interface: nosuch0"), 2);
-    configure({{"path", "/etc/no/such/parent"}});
+    configure({{"path", "/etc/no/such/parent"}, {"interface", "lo"}});
     Daemon first;
+    EXPECT_EQ(log_priority("Listen on ipv4: 127.0.0.1#53"), 6);
     EXPECT_EQ(log_priority("Cannot create directory /etc/no/such/parent"), 4);
     Process second(daemon_program, {}); // its address is in use
     EXPECT_EQ(second.wait(), 128 + SIGABRT);
