@@ -1,27 +1,23 @@
-// A statistics database in a directory of its own, open as oDNS.db.
+// A statistics database open as oDNS.db.
 #pragma once
 
 #include "config.h"
 #include "database.h"
+#include "harness.h"
 #include "statsdb.h"
 
 #include <arpa/inet.h>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <gtest/gtest.h>
-#include <thread>
 
-struct DatabaseTest : testing::Test {
-    std::string made = std::filesystem::temp_directory_path() / "statsdb-XXXXXX";
-    const std::filesystem::path directory = mkdtemp(made.data());
+struct DatabaseTest : harness::SystemTest {
+    const std::filesystem::path directory = "/etc/vantrelle";
     const std::string file = directory / "vantrelle.db";
 
-    void SetUp() override { oDNS.record_traffic = 1; }
-    void TearDown() override {
-        close_database();
-        std::filesystem::remove_all(directory);
+    void SetUp() override {
+        SystemTest::SetUp();
+        std::filesystem::create_directory(directory);
+        oDNS.record_traffic = 1;
     }
+    void TearDown() override { close_database(); }
     void open_with_tables() const {
         ASSERT_EQ(open_database(file.c_str(), &oDNS.db), SQLITE_OK);
         ASSERT_TRUE(create_stats_summary_table() && create_traffic_table() &&

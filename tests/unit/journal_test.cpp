@@ -1,5 +1,7 @@
 // Which journal the database uses, on file systems with and without shared writable mappings.
 #include "database_fixture.h"
+#include "list_helpers.h"
+#include "listload.h"
 
 namespace {
 
@@ -64,13 +66,6 @@ class JournalTest : public DatabaseTest, public testing::WithParamInterface<bool
         for (const char *suffix : {"-wal", "-shm", "-journal"})
             EXPECT_FALSE(std::filesystem::exists(file + suffix)) << suffix;
     }
-    // Another process's connection, with its own view of what the file system can do.
-    static sqlite3 *connect(const std::string &path, const char *sql) {
-        sqlite3 *db = nullptr;
-        sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, "unix");
-        EXPECT_EQ(sqlite3_exec(db, sql, nullptr, nullptr, nullptr), SQLITE_OK);
-        return db;
-    }
 };
 
 TEST_P(JournalTest, FileIsReadableAllTheTimeAndPlainAtTheEnd) {
@@ -88,12 +83,13 @@ TEST_P(JournalTest, FileIsReadableAllTheTimeAndPlainAtTheEnd) {
 // A process that was killed left the file in write-ahead mode, its rows still in the log.
 TEST_P(JournalTest, RecoversAFileInWriteAheadMode) {
     const std::string left = directory / "left.db";
-    sqlite3 *db = connect(left, "pragma journal_mode=wal; create table summary (id integer primary "
-                                "key, req not null, blocked, reset, error);"
-                                "insert into summary values (1, 10, 20, 30, 40)");
-    for (const char *suffix : {"", "-wal", "-shm"})
-        std::filesystem::copy_file(left + suffix, file + suffix);
-    sqlite3_close(db);
+    {
+        const Holder other(left, "pragma journal_mode=wal; create table summary (id integer "
+                                 "primary key, req not null, blocked, reset, error);"
+                                 "insert into summary values (1, 10, 20, 30, 40)");
+        for (const char *suffix : {"", "-wal", "-shm"})
+            std::filesystem::copy_file(left + suffix, file + suffix);
+    }
     EXPECT_EQ(write_version(), 2);
     ASSERT_EQ(open_database(file.c_str(), &oDNS.db), SQLITE_OK);
     EXPECT_EQ(insert_stats_summary_record(11, 0, 0, 0), 1);
@@ -105,10 +101,8 @@ TEST_P(JournalTest, RecoversAFileInWriteAheadMode) {
 
 TEST_P(JournalTest, RowsWaitForAnotherWriter) {
     open_with_tables();
-    const std::jthread writer([other = connect(file, "begin immediate")] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
-        sqlite3_close(other);
-    });
+    std::optional<Holder> other(std::in_place, file, "begin immediate");
+    const std::jthread end([&] { usleep(100'000), other.reset(); });
     EXPECT_EQ(insert_stats_summary_record(1, 1, 1, 1), 1);
 }
 
@@ -127,6 +121,14 @@ TEST_P(JournalTest, EditsAreSynchronised) {
                   return create_frag_key("ads", 0, "black");
               }),
               0);
+    // A file goes only when what it held is on the disk.
+    std::ofstream(directory / "black.lst") << "ads.example\n";
+    const TestList list;
+    EXPECT_GT(syncs_of([this, owned = list.get()]() mutable {
+                  return _load_list(owned, (directory / "black.lst").c_str());
+              }),
+              0);
+    EXPECT_FALSE(std::filesystem::exists(directory / "black.lst"));
     EXPECT_EQ(syncs_of(row) > 0, limited);
 }
 

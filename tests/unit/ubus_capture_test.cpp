@@ -1,23 +1,19 @@
 // Repeats recordings of the bus's real programs with the stand-ins: our command-line client and our
 // client library talk to our bus daemon through the test, which compares every message of either
 // side with the recorded one, byte for byte.
-#include <csignal>
 #include <deque>
-#include <filesystem>
-#include <fstream>
-#include <functional>
-#include <gtest/gtest.h>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <poll.h>
 #include <pty.h>
-#include <sched.h>
 #include <set>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 
 #include "guards.h"
+#include "harness.h"
 #include "hex.h"
 // The platform's headers define `fallthrough` and other common words: they come last.
 extern "C" {
@@ -28,7 +24,7 @@ extern "C" {
 namespace {
 
 using json = nlohmann::json;
-using Bytes = std::string;
+using harness::Bytes, harness::Process;
 constexpr int PATIENCE = 5000; // milliseconds
 
 json load(const std::string &name) {
@@ -291,16 +287,6 @@ class Ids {
     }
 };
 
-// The recordings name root as the caller. Who is somebody else makes the bus see root's clients.
-void become_root() {
-    const std::string uid = std::to_string(geteuid()), gid = std::to_string(getegid());
-    if (uid == "0" || unshare(CLONE_NEWUSER) != 0)
-        return;
-    std::ofstream("/proc/self/setgroups") << "deny";
-    std::ofstream("/proc/self/uid_map") << "0 " + uid + " 1";
-    std::ofstream("/proc/self/gid_map") << "0 " + gid + " 1";
-}
-
 // ---- The player ----
 
 // A recorded connection. Clients know recorded ids only, the bus live ones only.
@@ -310,27 +296,26 @@ struct Connection {
     Program program;
 };
 
-class Capture : public testing::TestWithParam<std::string> {
+class Capture : public harness::SystemTest, public testing::WithParamInterface<std::string> {
   protected:
-    std::string directory = testing::TempDir() + "ubus.XXXXXX";
-    std::string bus_path = std::string(mkdtemp(directory.data())) + "/bus";
-    std::string path = directory + "/relay"; // where the clients find the test
+    const std::string bus_path = "/tmp/bus", path = "/tmp/relay"; // where clients find the test
     const json capture = load(GetParam());
     const json messages = capture.value("messages", json::array());
     const json commands = capture.value("commands", json::array());
     Entries entries{messages.begin(), messages.end()};
     Ids ids{entries};
-    Program bus, owner;
+    std::optional<Process> bus;
+    Program owner;
     UniqueFd listener;
     std::map<std::string, Connection> connections;
 
     void SetUp() override {
-        bus.start([this] {
-            become_root();
-            execl(UBUSD_PROGRAM, "ubusd", "-s", bus_path.c_str(), nullptr);
-        });
-        for (int i = 0; i < PATIENCE && !make_socket(bus_path, connect); i++)
-            usleep(1000);
+        if (mkdir("/dev/pts", 0755) == 0)
+            harness::run("mount -t devpts -o newinstance,ptmxmode=666 devpts /dev/pts && "
+                         "ln -s pts/ptmx /dev/ptmx");
+        bus.emplace(UBUSD_PROGRAM, std::vector<std::string>{"-s", bus_path});
+        ASSERT_TRUE(harness::eventually([this] { return !!make_socket(bus_path, connect); }));
+        unlink(path.c_str());
         listener = make_socket(path, bind);
         ASSERT_EQ(listen(listener.get(), 8), 0);
     }
@@ -338,9 +323,14 @@ class Capture : public testing::TestWithParam<std::string> {
         for (const auto &[who, connection] : connections)
             EXPECT_TRUE(!connection.bus || !readable(connection.bus, 0) || ended(connection.bus))
                 << who;
-        EXPECT_EQ(bus.end(), 0);
-        EXPECT_FALSE(std::filesystem::exists(bus_path));
-        std::filesystem::remove_all(directory);
+        EXPECT_EQ(end_bus(), 0);
+        EXPECT_NE(access(bus_path.c_str(), F_OK), 0);
+    }
+
+    int end_bus() {
+        if (bus->running())
+            bus->signal(SIGTERM);
+        return bus->wait();
     }
 
     // Connects what `who` was: nobody for hand-made messages, or if it was killed while recorded.
@@ -381,7 +371,7 @@ class Capture : public testing::TestWithParam<std::string> {
     }
 
     void close(Connection &connection, bool by_client) {
-        EXPECT_EQ(GetParam() == "32_bus_terminates" ? bus.end() : 0, 0);
+        EXPECT_EQ(GetParam() == "32_bus_terminates" ? end_bus() : 0, 0);
         if (!by_client || !connection.command)
             shutdown(connection.client.get(), SHUT_RDWR); // which ends a program around the library
         if (connection.command)
@@ -398,7 +388,7 @@ TEST_P(Capture, IsRepeated) {
             Entries registration{Entry(load("28_subscription_target_gone")["messages"][1])};
             drive_library(bus_path, registration, "owner");
         });
-        ASSERT_EQ(std::system((UBUS_PROGRAM " -s " + bus_path + " wait_for probe").c_str()), 0);
+        harness::run(UBUS_PROGRAM " -s " + bus_path + " wait_for probe");
     }
     for (const Entry &entry : entries) {
         SCOPED_TRACE(entry.who + ": " + entry.note);
@@ -420,7 +410,7 @@ TEST_P(Capture, IsRepeated) {
     }
     for (const json &command : commands)
         if (command.value("connection", json()).is_null())
-            Command(command, directory + "/absent").expect_end();
+            Command(command, "/tmp/absent").expect_end();
 }
 
 std::vector<std::string> all_captures() {

@@ -1,17 +1,15 @@
 // The configuration library. Recorded cases (tests/data/uci-corpus) hold calls with what each gives
 // back and the bytes they leave behind.
+#include "harness.h"
 #include "hex.h"
 
 #include <uci.h>
 
 #include <algorithm>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-namespace fs = std::filesystem;
+using namespace harness;
 using nlohmann::json;
 
 namespace {
@@ -70,50 +68,31 @@ const char *text(const json &step, const char *member) {
     return step.contains(member) ? step[member].get_ref<const std::string &>().c_str() : nullptr;
 }
 
-void write(const fs::path &file, const std::string &bytes) {
-    fs::create_directory(file.parent_path());
-    std::ofstream(file, std::ios::binary) << bytes;
+constexpr char CONFIGURATION[] = "/etc/config", CHANGES[] = "/tmp/.uci";
+
+void write(const std::string &directory, const json &files) {
+    fs::create_directory(directory);
+    for (const auto &[name, bytes] : files.items())
+        write_file(directory + "/" + name, bytes.get_ref<const std::string &>());
 }
 
-json read(const fs::path &dir) {
+json read(const char *directory) {
     json files = json::object();
     std::error_code none; // no directory, no files
-    for (const auto &entry : fs::directory_iterator(dir, none)) {
-        std::ifstream in(entry.path(), std::ios::binary);
-        files[entry.path().filename()] = std::string(std::istreambuf_iterator<char>(in), {});
-    }
+    for (const auto &entry : fs::directory_iterator(directory, none))
+        files[entry.path().filename()] = read_file(entry.path());
     return files;
 }
 
-// A fresh configuration and save directory, and a context that looks nowhere else.
 struct Library {
-    std::string base = testing::TempDir() + "uci-XXXXXX", key;
-    const fs::path conf = fs::path(mkdtemp(base.data())) / "conf", save = fs::path(base) / "save";
-    uci_context *ctx = nullptr;
-    uci_ptr ptr;
+    std::string key;
+    uci_context *ctx = uci_alloc_context();
+    uci_ptr ptr{};
 
-    Library() {
-        fs::create_directory(conf);
-        renew();
-    }
+    Library() = default;
     Library(const Library &) = delete;
-    ~Library() {
-        uci_free_context(ctx);
-        fs::remove_all(base);
-    }
+    ~Library() { uci_free_context(ctx); }
 
-    void renew() {
-        uci_free_context(ctx);
-        ctx = uci_alloc_context();
-        ptr = {};
-        uci_set_confdir(ctx, conf.c_str());
-        // The default save directory would stay on the path: whatever the machine holds there must
-        // not play a part.
-        uci_element *standard = list_to_element(ctx->delta_path.next);
-        std::free(standard->name);
-        standard->name = strdup(save.c_str());
-        uci_set_savedir(ctx, save.c_str());
-    }
     json run(const json &step);
 };
 
@@ -164,34 +143,39 @@ json Library::run(const json &step) {
         return {{"rc", uci_commit(ctx, &ptr.p, step["overwrite"])}};
     if (op == "unload")
         return {{"rc", uci_unload(ctx, ptr.p)}};
-    if (op == "new_context")
-        renew();
+    if (op == "new_context") {
+        uci_free_context(ctx);
+        ctx = uci_alloc_context();
+        ptr = {};
+    }
     return nullptr;
 }
 
 void play(const json &c) {
     Library uci;
-    for (const auto &[name, bytes] : c["files"].items())
-        write(uci.conf / name, bytes);
+    write(CONFIGURATION, c["files"]);
     if (c.contains("deltas"))
-        for (const auto &[name, bytes] : c["deltas"].items())
-            write(uci.save / name, bytes);
+        write(CHANGES, c["deltas"]);
     for (const json &step : c["steps"]) {
         const json got = uci.run(step);
         ASSERT_TRUE(got == step.value("expect", json()))
             << shown(step) << "\n  gave " << shown(got);
     }
-    const json left{read(uci.conf), read(uci.save)}, expected{c["files_after"], c["deltas_after"]};
+    const json left{read(CONFIGURATION), read(CHANGES)},
+        expected{c["files_after"], c["deltas_after"]};
     EXPECT_TRUE(left == expected) << shown(left) << "\n  not " << shown(expected);
 }
 
 } // namespace
 
-TEST(Uci, BehavesAsRecorded) {
+struct Uci : SystemTest {};
+
+TEST_F(Uci, BehavesAsRecorded) {
     for (const std::string file : {"daemon", "delta", "grammar", "lookup", "set-commit"}) {
         const json data = json::parse(std::ifstream(TEST_DATA "/uci-corpus/" + file + ".json"));
         for (const json &c : data["cases"]) {
             SCOPED_TRACE(file + ": " + c["name"].get<std::string>());
+            SetUp();
             play(plain(c));
         }
     }
