@@ -155,11 +155,11 @@ static void make_network() {
             "link set lo up\n"
             "link add %s address 00:11:22:AA:BB:CC type veth peer name clients0\n"
             "addr add %s/24 dev %s\nlink set %s up\nlink set clients0 up\n",
-            interface_name, router, interface_name, interface_name);
+            INTERFACE_NAME, ROUTER, INTERFACE_NAME, INTERFACE_NAME);
     for (int client = 20; client < 30; client++)
-        fprintf(ip, "addr add %s%d/32 dev lo\n", client_prefix, client);
+        fprintf(ip, "addr add %s%d/32 dev lo\n", CLIENT_PREFIX, client);
     for (int upstream = 1; upstream <= 4; upstream++)
-        fprintf(ip, "addr add %s%d/32 dev lo\n", upstream_prefix, upstream);
+        fprintf(ip, "addr add %s%d/32 dev lo\n", UPSTREAM_PREFIX, upstream);
     must(pclose(ip) == 0, "make the network with ip (package iproute2)");
 }
 
@@ -170,8 +170,8 @@ static std::pair<int, int> open_log() {
     must(log >= 0 && bind(log, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0 &&
              chmod("/dev/log", 0666) == 0,
          "make /dev/log");
-    int file = open(log_file, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-    must(file >= 0, "make " + std::string(log_file));
+    int file = open(LOG_FILE, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    must(file >= 0, "make " + std::string(LOG_FILE));
     return {log, file};
 }
 

@@ -17,15 +17,13 @@
 
 namespace sandbox {
 
-// NOLINTBEGIN(readability-identifier-naming)
-inline constexpr char interface_name[] = "apcli0";    // hardware address 00:11:22:AA:BB:CC
-inline constexpr char router[] = "192.168.8.1";       // the address of apcli0
-inline constexpr char client_prefix[] = "192.168.8."; // clients are .20 to .29
-inline constexpr char upstream_prefix[] = "10.53.0."; // upstream servers are .1 to .4
+inline constexpr char INTERFACE_NAME[] = "apcli0";    // hardware address 00:11:22:AA:BB:CC
+inline constexpr char ROUTER[] = "192.168.8.1";       // the address of apcli0
+inline constexpr char CLIENT_PREFIX[] = "192.168.8."; // clients are .20 to .29
+inline constexpr char UPSTREAM_PREFIX[] = "10.53.0."; // upstream servers are .1 to .4
 
 // Every datagram that reached /dev/log, one per line, as it came: "<134>Nov 21 ... ident[1]: text".
-inline constexpr char log_file[] = "/run/sandbox/log";
-// NOLINTEND(readability-identifier-naming)
+inline constexpr char LOG_FILE[] = "/run/sandbox/log";
 
 // Whether the calling process is inside.
 bool inside();

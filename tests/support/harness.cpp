@@ -24,7 +24,7 @@ struct LogReader {
     std::vector<LogLine> lines;
 
     void read() {
-        std::ifstream file(sandbox::log_file);
+        std::ifstream file(sandbox::LOG_FILE);
         file.seekg(position);
         for (std::string line; std::getline(file, line) && !file.eof();) {
             position += static_cast<std::streamoff>(line.size() + 1);
@@ -204,7 +204,7 @@ std::optional<Bytes> Socket::receive(int timeout, sockaddr_in *from) const {
     return message;
 }
 
-Client::Client(int number) : Socket(sandbox::client_prefix + std::to_string(number), 0) {}
+Client::Client(int number) : Socket(sandbox::CLIENT_PREFIX + std::to_string(number), 0) {}
 
 void Client::send(const Bytes &message, const char *address) const {
     send_to(message, socket_address(address, dns_port));
@@ -237,7 +237,7 @@ size_t not_received() {
 }
 
 Upstream::Upstream(int number, Answer what)
-    : answer(std::move(what)), socket(sandbox::upstream_prefix + std::to_string(number), dns_port),
+    : answer(std::move(what)), socket(sandbox::UPSTREAM_PREFIX + std::to_string(number), dns_port),
       thread([this] { serve(); }) {}
 
 Upstream::~Upstream() {

@@ -94,8 +94,8 @@ class Socket {
 // A client at 192.168.8.NUMBER (20 to 29), on a port of its own.
 struct Client : Socket {
     explicit Client(int number = 20);
-    void send(const Bytes &message, const char *address = sandbox::router) const;
-    std::optional<Bytes> ask(const Bytes &message, const char *address = sandbox::router) const;
+    void send(const Bytes &message, const char *address = sandbox::ROUTER) const;
+    std::optional<Bytes> ask(const Bytes &message, const char *address = sandbox::ROUTER) const;
 };
 
 // Whether a query for the name gets the answer that Upstream::echo() gives.

@@ -144,7 +144,8 @@ TEST_F(LifecycleTest, AFailedReceiveIsLoggedAndNotTheEnd) {
         {ENOTSOCK, "File descriptor socket is not a socket."},
         {ENOTCONN, "You never connected this socket."},
         {ENOMEM, ""}, // any other
-        {EINTR, ""},  // goes on waiting
+        {EINTR, "The operation was interrupted by a signal before any data was read. See "
+                "Primitives Interrupted by Signals."},
     };
     const Upstream primary(1);
     configure({{"record_traffic", "0"}});

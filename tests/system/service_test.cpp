@@ -51,7 +51,7 @@ struct Service : SystemTest {
 
     // A daemon that was not there before listens in that time (milliseconds), and answers the first
     // client. Whoever asks in the very moment of its start may be first and is not answered.
-    void expect_new_daemon(int timeout = 1000, const char *address = sandbox::router) {
+    void expect_new_daemon(int timeout = 1000, const char *address = sandbox::ROUTER) {
         ASSERT_TRUE(eventually([&] { return is_new(); }, timeout));
         usleep(500'000);
         EXPECT_TRUE(Client().ask(query("first.example"), address));
