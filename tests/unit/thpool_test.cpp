@@ -35,7 +35,12 @@ struct Pool : testing::Test {
         for (int i = 0; i < jobs; i++)
             ASSERT_EQ(thpool_add_work(pool, work, nullptr), 0);
     }
-    void TearDown() override { thpool_destroy(pool); }
+    void TearDown() override {
+        thpool_destroy(pool);
+        sigset_t none; // for what later tests start
+        sigemptyset(&none);
+        pthread_sigmask(SIG_SETMASK, &none, nullptr);
+    }
 };
 
 TEST_F(Pool, RunsOneJobAtATimeInTheirOrder) {
