@@ -4,8 +4,8 @@
 #include "list.h"
 #include "listindex.h"
 #include "listload.h"
-#include "names.h"
 #include "log.h"
+#include "names.h"
 #include "statsdb.h"
 
 #include <algorithm>
