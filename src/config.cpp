@@ -49,6 +49,21 @@ static int read_dns_timeout() {
     return DEFAULT;
 }
 
+// More than the largest port would be cut to another one by the socket address.
+static int read_upstream_port() {
+    const int port = get_new_uci_int("vantrelle.@main[0].upstream_port", 0);
+    if (port >= 0 && port <= UINT16_MAX)
+        return port;
+    syslog(LOG_WARNING, "upstream_port %d is no port, using the one listened on", port);
+    return 0;
+}
+
+static int read_concurrent_queries() {
+    constexpr int MAX = 4096;
+    const int queries = get_new_uci_int("vantrelle.@main[0].concurrent_queries", 0);
+    return queries < 0 ? 0 : queries > MAX ? MAX : queries;
+}
+
 // The stored settings replace what the command line set: of the options only the log level
 // survives, as the default of its key.
 static void read_settings() {
@@ -75,6 +90,8 @@ static void read_settings() {
     oDNS.interface = get_uci_string_with_default("vantrelle.@main[0].interface", "apcli0");
     oDNS.board = get_uci_string_with_default("vantrelle.@main[0].board", "Unknown");
     oDNS.path = get_uci_string_with_default("vantrelle.@main[0].path", "/etc/vantrelle");
+    oDNS.concurrent_queries = read_concurrent_queries();
+    oDNS.upstream_port = read_upstream_port();
 }
 
 void load_config() {
@@ -105,6 +122,10 @@ in_addr_t upstream_address(int slot) {
     const MutexGuard guard(upstream_lock);
     const char *text = oDNS.upstream_dns[slot];
     return text ? inet_addr(text) : INADDR_ANY;
+}
+
+in_port_t upstream_port() {
+    return htons(static_cast<uint16_t>(oDNS.upstream_port ? oDNS.upstream_port : oDNS.port));
 }
 
 OwnedText copy_upstream(int slot) {

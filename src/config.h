@@ -32,8 +32,10 @@ struct Settings {
     char *hostname;                      // "Vantrelle-" and 8 hexadecimal digits; owned
     char *spare;                         // never set; released with the other texts
     char *upstream_dns[UPSTREAM_SLOTS];  // dotted IPv4 addresses, slot 0 is the primary; owned
-    int32_t port;                        // listening port and upstream destination port alike
+    int32_t port;                        // listening port
+    int32_t upstream_port;               // where upstream servers are asked; 0: the same as `port`
     int32_t dns_timeout;                 // wait for an upstream answer, milliseconds, not negative
+    int32_t concurrent_queries;          // that may wait for an answer at a time; 0: see relay.h
     int32_t socket_buffer_size;          // receive buffer of the listening socket; -1: not set
     int32_t thread_pool;                 // number of workers
     std::atomic<int32_t> log_level;      // 0..7: priorities up to this one are logged
@@ -77,6 +79,9 @@ void _free_config();
 // The address of an upstream slot in network order; 0.0.0.0 for a slot outside 0..3 and
 // INADDR_NONE for a text that is no address. Any thread.
 in_addr_t upstream_address(int slot);
+
+// The port that upstream servers are asked on, in network order. Any thread.
+in_port_t upstream_port();
 
 // A copy of the text of slot 0..3, null when it is not set. Any thread.
 OwnedText copy_upstream(int slot);

@@ -132,7 +132,7 @@ void forward_request(const uint8_t *message, int32_t length, sockaddr_in client)
     update_stats(1, 0, 0, 0);
     sockaddr_in upstream = {};
     upstream.sin_family = AF_INET;
-    upstream.sin_port = htons(static_cast<uint16_t>(oDNS.port));
+    upstream.sin_port = upstream_port();
     upstream.sin_addr.s_addr = upstream_address(oDNS.current_dns);
     syslog(LOG_DEBUG, "s_addr size:  %d, req_size: %d", static_cast<int>(sizeof upstream), length);
     discard_what_came_before();

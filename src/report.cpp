@@ -50,6 +50,10 @@ static void report_settings(ReportLine line) {
     line("Listen on ipv4: %s#%d", shown(oDNS.listen_address), oDNS.port);
     report_upstreams(line);
     line("Upstream DNS Timeout: %d", oDNS.dns_timeout);
+    if (oDNS.concurrent_queries > 0)
+        line("Concurrent queries: %d", oDNS.concurrent_queries);
+    if (oDNS.upstream_port != 0)
+        line("Upstream port: %d", oDNS.upstream_port);
     if (oDNS.socket_buffer_size != -1)
         line("Socket Buffer Size %d", oDNS.socket_buffer_size);
     line("Admin Enabled: %s", flag_text(oDNS.admin_enabled));

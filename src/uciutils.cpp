@@ -43,10 +43,14 @@ static UciContext alloc_context() {
     return ctx;
 }
 
-// Looks `key` up and logs a failure. A missing section or option is none: it shows in `ptr`.
-static void look_up(Lookup &lookup, const char *key) {
+static void look_up_quietly(Lookup &lookup, const char *key) {
     snprintf(lookup.key, sizeof lookup.key, "%s", key);
     lookup.found = uci_lookup_ptr(lookup.ctx.get(), &lookup.ptr, lookup.key, true) == UCI_OK;
+}
+
+// Looks `key` up and logs a failure. A missing section or option is none: it shows in `ptr`.
+static void look_up(Lookup &lookup, const char *key) {
+    look_up_quietly(lookup, key);
     if (!lookup.found)
         syslog(LOG_ERR, "Failed to find the specified section: %s", key);
 }
@@ -80,6 +84,15 @@ int get_uci_int(const char *key) {
 int get_uci_int_with_default(const char *key, int fallback) {
     const int value = get_uci_int(key);
     return value == -1 ? fallback : value;
+}
+
+int get_new_uci_int(const char *key, int fallback) {
+    Lookup lookup = {.ctx = alloc_context()};
+    if (!lookup.ctx)
+        return fallback;
+    look_up_quietly(lookup, key);
+    const char *text = option_text(lookup);
+    return text ? decimal(text) : fallback;
 }
 
 char *get_uci_string_with_default(const char *key, const char *fallback) {

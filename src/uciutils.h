@@ -17,6 +17,10 @@ int get_uci_int(const char *key);
 // fallback too.
 int get_uci_int_with_default(const char *key, int fallback);
 
+// The option, or `fallback` when it is missing, of which nothing is logged: for options that older
+// settings files do not have.
+int get_new_uci_int(const char *key, int fallback);
+
 // A heap copy of the option or, when it is missing or empty, of `fallback`; null only without
 // memory.
 char *get_uci_string_with_default(const char *key, const char *fallback);
