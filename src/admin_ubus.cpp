@@ -6,6 +6,7 @@
 #include "config.h"
 #include "counters.h"
 #include "log.h"
+#include "relay.h"
 #include "thpool.h"
 #include "uciutils.h"
 #include "whitelist.h"
@@ -270,6 +271,7 @@ static void apply_settings(const NewSettings &settings, ConfigRequest *request) 
     for (int slot = 0; slot < UPSTREAM_SLOTS; slot++) // an address is its own format text
         expand_format(request->dns[slot], sizeof request->dns[slot], settings.dns[slot]);
     replace_upstreams(settings.dns);
+    relay_upstreams_changed();
     for (size_t i = 0; i < std::size(NUMBER_SETTINGS); i++)
         if (NUMBER_SETTINGS[i].apply)
             NUMBER_SETTINGS[i].apply(settings.numbers[i]);

@@ -31,15 +31,15 @@ static void add_to_counters(uint64_t requests, uint64_t blocked, uint64_t resets
     oDNS.errors += errors;
 }
 
-void update_stats(int32_t requests, int32_t blocked, int32_t resets, int32_t errors) {
+bool count_only(int32_t requests, int32_t blocked, int32_t resets, int32_t errors) {
     const auto widened = [](int32_t change) { return static_cast<uint64_t>(int64_t{change}); };
-    {
-        const MutexGuard guard(counting);
-        add_to_counters(widened(requests), widened(blocked), widened(resets), widened(errors));
-        // Asked after every call: a reset at a multiple of the interval writes and logs once more.
-        if (!is_report_due(oDNS.requests))
-            return;
-    }
+    const MutexGuard guard(counting);
+    add_to_counters(widened(requests), widened(blocked), widened(resets), widened(errors));
+    // Asked after every call: a reset at a multiple of the interval writes and logs once more.
+    return is_report_due(oDNS.requests);
+}
+
+void report_stats() {
     write_stats();
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat"
@@ -50,6 +50,11 @@ void update_stats(int32_t requests, int32_t blocked, int32_t resets, int32_t err
            read_counter(oDNS.requests), read_counter(oDNS.blocked), read_counter(oDNS.resets),
            read_counter(oDNS.errors), thpool_num_threads_working(oDNS.pool));
 #pragma GCC diagnostic pop
+}
+
+void update_stats(int32_t requests, int32_t blocked, int32_t resets, int32_t errors) {
+    if (count_only(requests, blocked, resets, errors))
+        report_stats();
 }
 
 // Adds the newest row's numbers to the counters, once. False when there may be a row that cannot

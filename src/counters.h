@@ -15,6 +15,11 @@ int init_stats();
 // log_stats_interval, also when it did not change. Holder of `lock`.
 void update_stats(int32_t requests, int32_t blocked, int32_t resets, int32_t errors);
 
+// The two halves of it, for those who must not wait for the database where they count. The first
+// returns whether the second falls due. Any thread.
+bool count_only(int32_t requests, int32_t blocked, int32_t resets, int32_t errors);
+void report_stats();
+
 // Whether update_stats() writes and logs at that number of requests.
 bool is_report_due(uint64_t requests);
 

@@ -90,9 +90,13 @@ void dns_config_changed() {
     switch_dns();
 }
 
-static void choose_upstream() {
+void switch_after_timeouts() {
     if (oDNS.dns_timeouts >= TIMEOUTS_BEFORE_SWITCH)
         switch_dns();
+}
+
+void choose_upstream() {
+    switch_after_timeouts();
     if (oDNS.current_dns <= 0 || oDNS.secondary_since == 0)
         return;
     // Switch time minus now: not positive while the clock runs forward, so the daemon stays on a

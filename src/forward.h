@@ -18,7 +18,13 @@ void _close_upstream_dns_connection();
 // answer unchanged: the first datagram that comes once the query is sent. Worker.
 void forward_request(const uint8_t *message, int32_t length, sockaddr_in client);
 
-// Moves to the next upstream slot in the ring, whether it answers or not. Worker.
+// Moves to another upstream slot when it is time to: after time-outs, and before a query is sent
+// also from a secondary that was used for long. Worker; in relay.h's way whoever holds the mutex
+// there.
+void switch_after_timeouts();
+void choose_upstream();
+
+// Moves to the next upstream slot in the ring, whether it answers or not. As above.
 void switch_dns();
 
 // Returns to the primary upstream. Without a caller in the daemon.

@@ -8,6 +8,7 @@
 #include "ledutils.h"
 #include "log.h"
 #include "netutils.h"
+#include "relay.h"
 #include "statsdb.h"
 #include "utils.h"
 #include "whitelist.h"
@@ -102,7 +103,10 @@ static void answer(DnsRequest &request) {
     char name[QUERY_NAME_SIZE] = "";
     if (divert_if_blocked(request, name))
         return;
-    forward_request(request.message, request.length, request.client);
+    if (oDNS.concurrent_queries == 0)
+        forward_request(request.message, request.length, request.client);
+    else if (!relay_request(request.message, request.length, request.client))
+        return;
     if (request.decision == Decision::FORWARD_AND_RECORD && oDNS.record_traffic == 1)
         record_request(name, request.client);
 }

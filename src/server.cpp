@@ -11,6 +11,7 @@
 #include "ledutils.h"
 #include "log.h"
 #include "netutils.h"
+#include "relay.h"
 #include "report.h"
 #include "request.h"
 #include "signals.h"
@@ -248,6 +249,7 @@ static void open_sockets() {
     syslog(LOG_INFO, "Opening sockets");
     _open_ns_socket();
     _open_upstream_dns_connection();
+    start_relay();
     _fix_resolv();
     multi_led_blue();
     handle_pending_signals(has_workers());
@@ -285,6 +287,7 @@ static void server_shutdown() {
     // For good: what the bus thread reads is taken down now. If that thread is stuck in a call, the
     // settings are left to the end of the process.
     const bool bus_is_out = close_admin_gate();
+    end_relay();
     {
         const UniqueFd listener = _close_dns_listener();
         _stop_threadpool();
