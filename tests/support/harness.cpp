@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <map>
 
 #include <arpa/inet.h>
 #include <poll.h>
@@ -236,8 +237,14 @@ size_t not_received() {
     return waiting + dropped;
 }
 
-Upstream::Upstream(int number, Answer what)
-    : answer(std::move(what)), socket(sandbox::UPSTREAM_PREFIX + std::to_string(number), dns_port),
+Upstream::Upstream(int number, Answer answer)
+    : Upstream(number, [answer = std::move(answer)](const Bytes &message) {
+          const std::optional<Bytes> reply = answer(message);
+          return reply ? std::vector{std::pair{0, *reply}} : std::vector<std::pair<int, Bytes>>{};
+      }) {}
+
+Upstream::Upstream(int number, Script what)
+    : script(std::move(what)), socket(sandbox::UPSTREAM_PREFIX + std::to_string(number), dns_port),
       thread([this] { serve(); }) {}
 
 Upstream::~Upstream() {
@@ -250,18 +257,34 @@ std::vector<Bytes> Upstream::received() const {
     return messages;
 }
 
+std::vector<sockaddr_in> Upstream::senders() const {
+    std::lock_guard guard(mutex);
+    return origins;
+}
+
 void Upstream::serve() {
+    using Clock = std::chrono::steady_clock;
+    std::multimap<Clock::time_point, std::pair<Bytes, sockaddr_in>> later;
     while (!stopping) {
         sockaddr_in from{};
-        const std::optional<Bytes> message = socket.receive(20, &from);
-        if (!message)
-            continue;
-        {
-            std::lock_guard guard(mutex);
-            messages.push_back(*message);
+        if (const std::optional<Bytes> message = socket.receive(later.empty() ? 20 : 1, &from)) {
+            {
+                std::lock_guard guard(mutex);
+                messages.push_back(*message);
+                origins.push_back(from);
+            }
+            for (auto &[delay, reply] : script(*message))
+                if (delay == 0)
+                    socket.send_to(reply, from);
+                else
+                    later.insert({Clock::now() + std::chrono::milliseconds(delay),
+                                  {std::move(reply), from}});
         }
-        if (const std::optional<Bytes> reply = answer(*message))
-            socket.send_to(*reply, from);
+        while (!later.empty() && later.begin()->first <= Clock::now()) {
+            const auto &[reply, to] = later.begin()->second;
+            socket.send_to(reply, to);
+            later.erase(later.begin());
+        }
     }
 }
 

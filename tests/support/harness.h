@@ -112,18 +112,24 @@ class Upstream {
     // The query, marked as a response; nothing for one that contains "silent".
     static std::optional<Bytes> echo(const Bytes &message);
 
+    // What a query brings about: each of these is sent so many milliseconds later.
+    using Script = std::function<std::vector<std::pair<int, Bytes>>(const Bytes &)>;
+
     explicit Upstream(int number, Answer answer = echo);
+    Upstream(int number, Script script);
     ~Upstream();
     std::vector<Bytes> received() const;
+    std::vector<sockaddr_in> senders() const; // of those
     size_t count() const { return received().size(); }
 
   private:
     void serve();
 
-    Answer answer;
+    Script script;
     Socket socket;
     mutable std::mutex mutex;
     std::vector<Bytes> messages;
+    std::vector<sockaddr_in> origins;
     std::atomic<bool> stopping = false;
     std::thread thread;
 };
