@@ -215,6 +215,35 @@ TEST_F(Admin, StoredSettingsSurviveARestart) {
         .run();
 }
 
+// What waits for the address in use moves when that address changes, and nothing else happens.
+TEST_F(Admin, ANewAddressHoldsForQueriesThatWait) {
+    start({{"concurrent_queries", "300"}, {"dns_timeout", "20000"}});
+    upstream.reset();
+    const Socket silent("10.53.0.1", 53);
+    const Upstream next(2);
+    const Client client;
+    const size_t timed_out = log_count("timed out");
+    for (uint16_t id = 1; id <= 50; id++)
+        client.send(query("a.example", id));
+    sockaddr_in from{};
+    std::optional<Bytes> last;
+    for (int count = 0; count < 50; count++)
+        last = silent.receive(3000, &from);
+    ASSERT_TRUE(last);
+    Call{"set_config",
+         R"({"dns1":"10.53.0.2","dns2":"10.53.0.2","dns3":"10.53.0.3","dns4":"10.53.0.4"})", 0,
+         message("Successfully updated DNS configuration")}
+        .run();
+    silent.send_to(*Upstream::echo(*last), from);
+    std::map<uint16_t, int> answers;
+    for (int count = 0; count < 50; count++)
+        answers[id_of(client.receive().value_or(""))]++;
+    EXPECT_EQ(answers.size(), 50U);
+    EXPECT_FALSE(client.receive(100));
+    EXPECT_EQ(next.count(), 50U);
+    EXPECT_EQ(log_count("Switching") + log_count("timed out") - timed_out, 0U);
+}
+
 TEST_F(Admin, ABusThatEndsTakesNothingWithIt) {
     start();
     daemon->signal(SIGINT); // the event loop of the bus thread must not swallow it

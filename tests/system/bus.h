@@ -16,7 +16,7 @@ namespace harness {
 
 // A bus daemon runs; once start() has returned, ours has a database, is on the bus and answers.
 struct BusTest : SystemTest {
-    const Upstream upstream{1};
+    std::optional<Upstream> upstream{std::in_place, 1};
     std::optional<Process> bus;
     std::optional<Daemon> daemon;
 

@@ -158,8 +158,11 @@ TEST_F(LedTest, AChainThatTakesNoFrameStopsNothing) {
     fs::remove(chain_file);
 }
 
-TEST_F(LedTest, ChainFollowsTheRun) {
-    configure({{"first_boot", "1"}, {"dns_timeout", "200"}, {"stats_db_path", "/etc/vantrelle"}});
+void chain_follows_the_run(bool at_once) {
+    configure({{"concurrent_queries", at_once ? "300" : "0"},
+               {"first_boot", "1"},
+               {"dns_timeout", "200"},
+               {"stats_db_path", "/etc/vantrelle"}});
     fs::create_directory("/etc/vantrelle");
     write_file("/etc/vantrelle/black.lst", "ads.example\n");
     const Upstream upstream(1);
@@ -172,6 +175,12 @@ TEST_F(LedTest, ChainFollowsTheRun) {
     EXPECT_TRUE(client.ask(query("www.example")));
     EXPECT_EQ(daemon.stop(), 0);
     EXPECT_EQ(frames(), "660066 fff000 ff0000 0000ff ff0000 0000ff cc6600 0000ff 000000 ");
+}
+
+TEST_F(LedTest, ChainFollowsTheRunInBothWaysOfForwarding) {
+    chain_follows_the_run(false);
+    SetUp();
+    chain_follows_the_run(true);
 }
 
 } // namespace

@@ -90,9 +90,10 @@ std::vector<std::string> settings_from(const std::string &file) {
           &oDNS.upstream_dns[1], &oDNS.upstream_dns[2], &oDNS.upstream_dns[3]})
         all.emplace_back(OwnedText(std::exchange(*text, nullptr)).get());
     for (const int number :
-         {oDNS.port, oDNS.dns_timeout, oDNS.socket_buffer_size, oDNS.thread_pool,
-          oDNS.log_level.load(), oDNS.log_stats_interval, oDNS.record_traffic.load(),
-          oDNS.disabled.load(), oDNS.dns_max_time_on_secondary, oDNS.debug, oDNS.debug_sql})
+         {oDNS.port, oDNS.upstream_port, oDNS.concurrent_queries, oDNS.dns_timeout,
+          oDNS.socket_buffer_size, oDNS.thread_pool, oDNS.log_level.load(), oDNS.log_stats_interval,
+          oDNS.record_traffic.load(), oDNS.disabled.load(), oDNS.dns_max_time_on_secondary,
+          oDNS.debug, oDNS.debug_sql})
         all.push_back(std::to_string(number));
     return all;
 }
@@ -103,6 +104,24 @@ TEST_F(SettingsTest, ShippedOnesAreTheBuiltInDefaults) {
     const std::string warn = "config main\n\toption log_level '4'\n";
     EXPECT_EQ(settings_from(warn + "\toption dns_timeout '-2'\n"), settings_from(warn));
     EXPECT_EQ(log_priority("Negative dns_timeout -2, using default 2000"), LOG_WARNING);
+
+    const struct {
+        const char *name, *stored;
+        int32_t *read, expected;
+    } bounds[] = {
+        {"concurrent_queries", "-2", &oDNS.concurrent_queries, 0},
+        {"concurrent_queries", "4097", &oDNS.concurrent_queries, 4096},
+        {"upstream_port", "65535", &oDNS.upstream_port, 65535},
+        {"upstream_port", "65536", &oDNS.upstream_port, 0},
+        {"upstream_port", "-1", &oDNS.upstream_port, 0},
+    };
+    for (const auto &[name, stored, read, expected] : bounds) {
+        settings_from(warn + "\toption " + name + " '" + stored + "'\n");
+        EXPECT_EQ(*read, expected) << name << stored;
+    }
+    for (const char *port : {"65536", "-1"})
+        EXPECT_EQ(log_priority("upstream_port "s + port + " is no port, using the one listened on"),
+                  LOG_WARNING);
 
     SetUp();
     // A misspelt option got its default above; with everything logged it is a failed reading.

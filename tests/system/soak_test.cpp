@@ -1,8 +1,10 @@
-// A long run: queries of every kind, with edits, settings and time-outs in between, and imports
+// Long runs: queries of every kind, with edits, settings and time-outs in between, and imports
 // whenever the daemon starts anew. It must leave memory, descriptors and threads as they were after
 // the first ten thousand. For two million, which take minutes:
 //     SOAK_QUERIES=2000000 build/release/bin/system_tests --gtest_filter='Soak*'
 #include "bus.h"
+
+#include <random>
 
 using namespace harness;
 
@@ -111,4 +113,60 @@ TEST_F(Soak, NothingGrows) {
         EXPECT_EQ(replies, 7 * 100);
         EXPECT_EQ(daemon->stop(), 0);
     }
+}
+
+// Many queries at once, and servers that lose, delay, repeat and reorder what they answer. Nobody
+// ever gets an answer that is not to a query of his own. For half a million queries:
+//     SOAK_QUERIES=500000 build/release/bin/system_tests --gtest_filter='*AtOnce'
+TEST_F(Soak, ManyQueriesAtOnce) {
+    const char *given = getenv("SOAK_QUERIES");
+    const size_t total = given ? std::stoul(given) : 5'000;
+    const auto unreliable = [random = std::mt19937(1)](const Bytes &message) mutable {
+        std::vector<std::pair<int, Bytes>> replies;
+        const unsigned fate = random() % 100;
+        if (fate >= 3) // else it is lost
+            replies.emplace_back(fate < 50 ? 0 : random() % 30, *Upstream::echo(message));
+        if (fate < 10)
+            replies.emplace_back(random() % 250, *Upstream::echo(message));
+        return replies;
+    };
+    upstream.reset();
+    const Upstream first(1, unreliable), second(2, unreliable), third(3, unreliable);
+    start({{"concurrent_queries", "100"}, {"dns_timeout", "150"}});
+    Connection connection;
+    std::array<size_t, 3> before{};
+    size_t answered = 0;
+    for (size_t asked = 0; asked < total && !HasFailure(); asked += AT_ONCE) {
+        if (asked == std::min(FIRST, total / 2))
+            before = use(connection);
+        if (asked % (total / 100) == 0) {
+            administer(connection, asked / (total / 100));
+            daemon->signal(SIGUSR2);
+        }
+        std::map<uint16_t, Bytes> open;
+        for (size_t number = asked; number < asked + AT_ONCE; number++) {
+            const auto id = static_cast<uint16_t>(number);
+            open[id] = query("q" + std::to_string(number) + ".example", id);
+            clients[0].send(open[id]);
+        }
+        // Waits for the rest of a round only as long as they come.
+        while (const std::optional<Bytes> answer = clients[0].receive(open.empty() ? 0 : 40)) {
+            const auto mine = open.find(id_of(*answer));
+            if (mine == open.end())
+                continue; // of a round before
+            EXPECT_EQ(*answer, Upstream::echo(mine->second));
+            open.erase(mine);
+            answered++;
+        }
+        connection.serve(0);
+    }
+    sleep(1); // the last time-outs
+    const std::array<size_t, 3> after = use(connection);
+    printf("%zu of %zu answered: %zu KiB, then %zu; %zu descriptors, %zu; %zu threads, %zu\n",
+           answered, total, before[0], after[0], before[1], after[1], before[2], after[2]);
+    EXPECT_GT(answered, total * 9 / 10);
+    EXPECT_LE(after[0], before[0] + MAX_GROWTH);
+    EXPECT_LE(after[1], before[1] + 128) << "its sockets";
+    EXPECT_EQ(after[2], before[2]);
+    EXPECT_EQ(daemon->stop(), 0);
 }
