@@ -188,8 +188,8 @@ TEST_F(Relay, WhatCannotBeMatchedGoesBackOrNowhere) {
         changed({{5, 2}}),                                          // two
         changed({{4, 1}}),                                          // 257
         changed({{2, 0x29}, {3, 0x7F}}).substr(0, good.size() - 1), // cut; flags come back
-        changed({{12, 64}}),                                        // a label too long
-        changed({{12, '\xC0'}}),                                    // a pointer
+        changed({{12, 64}}) + Bytes(90, '\0'),                      // a label too long
+        changed({{12, '\xC0'}}) + Bytes(220, '\0'),                 // a pointer
         good.substr(0, 12),
     };
     for (const Bytes &message : malformed) {
