@@ -9,13 +9,9 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-struct Service : SystemTest {
-    Upstream upstream{1};
-    std::string first_socket; // when the test's action began
-
+struct Router : SystemTest {
     void SetUp() override {
         SystemTest::SetUp();
-        configure({{"dns_timeout", "5000"}});
         ASSERT_EQ(system("command -v busybox >/dev/null"), 0) << "needs Debian's package busybox";
         // The router's tools and no others, its shell as /bin/sh, its scripts where it has them.
         run("mkdir /tmp/router && busybox --install -s /tmp/router && "
@@ -26,6 +22,16 @@ struct Service : SystemTest {
             ">/etc/init.d/vantrelle && chmod +x /etc/init.d/vantrelle && "
             "mount --bind \"$(command -v busybox)\" \"$(readlink -f /bin/sh)\"");
         setenv("PATH", "/tmp/router", 1);
+    }
+};
+
+struct Service : Router {
+    Upstream upstream{1};
+    std::string first_socket; // when the test's action began
+
+    void SetUp() override {
+        Router::SetUp();
+        configure({{"dns_timeout", "5000"}});
         service("start");
         expect_new_daemon();
     }
@@ -129,6 +135,49 @@ TEST_F(Service, StopAndRestartAreOrderlyAndFast) {
             expect_new_daemon();
     }
     EXPECT_FALSE(eventually([&] { return is_new(); }, 6000)) << "stopped, and started again";
+}
+
+// What the first boot or the installation switches on, and what it leaves alone.
+TEST_F(Router, RecommendedSettingsAreForANewInstallationOnly) {
+    const std::string shipped = read_file(SHIPPED_FILES "/etc/config/vantrelle");
+    const struct {
+        const char *preparation; // beside the shipped settings
+        bool is_new;
+    } routers[] = {
+        {"rm -r /etc/vantrelle", true},
+        {"touch /etc/vantrelle/notes", true},
+        {"sed -i '/path/d' /etc/config/vantrelle", true},
+        {"sed -i '/path/d' /etc/config/vantrelle && touch /etc/vantrelle/black.lst", false},
+        {"touch /etc/vantrelle/local_device.lst", false},
+        {"touch /etc/vantrelle/vantrelle.db", false},
+        {"mkdir -p /tmp/usb && touch /tmp/usb/vantrelle.db && "
+         "sed -i '/stats_db_path/s|/etc/vantrelle|/tmp/usb|' /etc/config/vantrelle",
+         false},
+        {"uci set 'vantrelle.@main[0].concurrent_queries=0' && uci commit vantrelle", false},
+        {"uci set 'vantrelle.@main[0].upstream_port=5353' && uci commit vantrelle", false},
+    };
+    size_t lines = 0;
+    for (const auto &router : routers) {
+        SCOPED_TRACE(router.preparation);
+        write_file("/etc/config/vantrelle", shipped);
+        run("rm -rf /etc/vantrelle && mkdir /etc/vantrelle && "s + router.preparation);
+        const std::string before = read_file("/etc/config/vantrelle");
+        // As the router does it; a second time finds what the first one left.
+        for (int time = 0; time < 2; time++) {
+            run("cp " SHIPPED_FILES "/etc/uci-defaults/90_vantrelle /tmp && cd /tmp && "
+                "(. ./90_vantrelle) && rm 90_vantrelle");
+            lines += !router.is_new || time == 1;
+        }
+        std::string expected = before;
+        if (router.is_new)
+            expected.insert(expected.find("config main\n") + strlen("config main\n"),
+                            "\toption concurrent_queries '300'\n");
+        EXPECT_EQ(read_file("/etc/config/vantrelle"), expected);
+        const std::string pointed_out =
+            "test $(grep -c 'vantrelled: .*docs/' "s + sandbox::log_file + ") = ";
+        EXPECT_TRUE(
+            eventually([&] { return system((pointed_out + std::to_string(lines)).c_str()) == 0; }));
+    }
 }
 
 } // namespace
