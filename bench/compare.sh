@@ -19,7 +19,7 @@ start_upstream() { # milliseconds of delay
 		kill "${process[upstream]}"
 		wait "${process[upstream]}" || true # by the signal
 	fi
-	bench_tool serve "$UPSTREAM" "$1" &
+	slow_upstream "$UPSTREAM" "$1" &
 	process[upstream]=$!
 }
 
