@@ -174,7 +174,7 @@ TEST_F(Router, RecommendedSettingsAreForANewInstallationOnly) {
                             "\toption concurrent_queries '300'\n");
         EXPECT_EQ(read_file("/etc/config/vantrelle"), expected);
         const std::string pointed_out =
-            "test $(grep -c 'vantrelled: .*docs/' "s + sandbox::log_file + ") = ";
+            "test $(grep -c 'vantrelled: .*docs/' "s + sandbox::LOG_FILE + ") = ";
         EXPECT_TRUE(
             eventually([&] { return system((pointed_out + std::to_string(lines)).c_str()) == 0; }));
     }
