@@ -3,6 +3,7 @@
 
 #include "harness.h"
 
+#include <list>
 #include <map>
 
 #include <sys/stat.h>
@@ -64,14 +65,13 @@ class Connection {
     // Starts a call that takes its time; its status is counted while serve() runs.
     void start(const char *method, const std::string &json = "{}") {
         set(json.c_str());
-        auto *request = new ubus_request{};
+        ubus_request *request = &requests.emplace_back();
         EXPECT_EQ(ubus_invoke_async(context, object, method, arguments.head, request), 0);
         request->priv = this;
         request->complete_cb = [](ubus_request *done, int status) {
             auto *self = static_cast<Connection *>(done->priv);
             self->statuses[status]++;
             self->pending--;
-            delete done;
         };
         ubus_complete_request_async(context, request);
         pending++;
@@ -90,6 +90,7 @@ class Connection {
         EXPECT_TRUE(blobmsg_add_json_from_string(&arguments, json));
     }
     ubus_context *context;
+    std::list<ubus_request> requests; // some are never answered
     uint32_t object = 0;
     blob_buf arguments{};
 };
