@@ -936,7 +936,9 @@ void start_relay() {
     relay.slot = NONE;
     relay.wakes_at = NEVER;
     relay.warned_at = -FULL_WARNING_INTERVAL;
-    relay.is_running = make_table() && make_events() && draw(&relay.seed, sizeof relay.seed) &&
+    if (!draw(&relay.seed, sizeof relay.seed)) // a kernel that just started; ids are drawn later
+        relay.seed = static_cast<uint32_t>(now_us());
+    relay.is_running = make_table() && make_events() &&
                        pthread_create(&relay.thread, nullptr, relay_main, nullptr) == 0;
     if (relay.is_running)
         return;

@@ -179,7 +179,7 @@ void alter(Input &input) {
         "alter table %s_stats rename to other",
         "create table %s(id integer, frag, opt, disabled)",
         "create view %s as select 7 id, x'ff00' frag, 1e300 opt, 0 disabled",
-        "create trigger %s_refuses before insert on %s begin select raise(abort, 'no'); end",
+        "create trigger %s_rejects before insert on %s begin select raise(abort, 'no'); end",
         "create trigger %s_empties after update on %s begin delete from %s; end",
     };
     const char *table = tables[input.byte() % std::size(tables)];

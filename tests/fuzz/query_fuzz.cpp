@@ -1,4 +1,4 @@
-// Datagrams from anyone, each as a whole job: it is either passed on or answered, once and with the
+// Datagrams from anyone, each as a whole job: it is either forwarded or answered, once and with the
 // right bytes, and the database is left in order. The message's id, which the daemon never looks
 // at, chooses the client and the settings.
 #include "blacklist.h"

@@ -17,21 +17,21 @@ constexpr size_t MAX_GROWTH = 1 << 20; // KiB; a sanitizer keeps what was freed
 constexpr size_t MAX_GROWTH = 1024;
 #endif
 
-struct Question {
+struct Kind {
     size_t client;               // 20 + this
     const char *before, *behind; // what stands around a number
     int rcode;
 };
 
-constexpr Question QUESTIONS[] = {
+constexpr Kind KINDS[] = {
     {0, "www", ".example", 0},      {0, "host", ".ads.example", 3}, {1, "blocked", ".example", 3},
     {2, "free", ".ads.example", 0}, {0, "list-", ".black", 3},      {0, "good", ".ads.example", 0},
     {0, "edited-", ".example", 0},  {0, "", ".in-addr.arpa", 0},    {0, "it's", "%s%n.example", 0},
     {0, "\xff\x80", "", 0},
 };
 
-const Question &kind_of(size_t number) {
-    return QUESTIONS[number % std::size(QUESTIONS)];
+const Kind &kind_of(size_t number) {
+    return KINDS[number % std::size(KINDS)];
 }
 
 struct Soak : BusTest {

@@ -107,7 +107,7 @@ TEST(Blobmsg, BoundsNesting) {
     EXPECT_LT(format(deep.head, -1).size(), 1000u); // printed down to some level only
 }
 
-TEST(Blobmsg, RefusesWhatItsLengthsCannotHold) {
+TEST(Blobmsg, RejectsWhatItsLengthsCannotHold) {
     Message message;
     const std::string name(70000, 'n'), value(0x1000000, 'x');
     EXPECT_EQ(blobmsg_add_string(&message, name.c_str(), "v"), -1);

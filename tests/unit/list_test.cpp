@@ -40,7 +40,7 @@ TEST(ListTest, ModesDecideWhatMatches) {
     }
 }
 
-TEST(ListTest, ItemsAreRefusedOrLinkedInOrder) {
+TEST(ListTest, ItemsAreLeftOutOrLinkedInOrder) {
     const TestList list;
     for (const json &c : cases("edits")) {
         const std::string item = c.value("add", c.value("remove", ""));

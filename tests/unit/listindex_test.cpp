@@ -16,9 +16,9 @@ struct Twins {
         indexed->index_at = 1;
         walked->index_at = UINT32_MAX;
     }
-    void add(const std::string &text, int8_t opt, bool refuse_duplicates = true) const {
+    void add(const std::string &text, int8_t opt, bool skip_duplicates = true) const {
         for (List *list : {indexed.get(), walked.get()})
-            if (refuse_duplicates)
+            if (skip_duplicates)
                 add_item_copy(text.c_str(), opt, list);
             else
                 add_node(create_node(text.c_str(), opt), list);

@@ -32,7 +32,7 @@ TEST_F(DatabaseTest, HitsLinkEntryClientAndName) {
     EXPECT_EQ(read("select fqdn_id, stats_id from black_hit"), "2|1\n3|2\n");
 }
 
-TEST_F(DatabaseTest, RefusesWhatWouldLeaveItsQuotesOrItsBuffer) {
+TEST_F(DatabaseTest, RejectsWhatWouldLeaveItsQuotesOrItsBuffer) {
     open_with_tables();
     EXPECT_EQ(create_frag_key("ads", 0, "black"), 1);
     for (const char *table : {"black;", "black--", "a b", "black(frag)", "", "bl'ack"}) {

@@ -364,7 +364,7 @@ class Capture : public harness::SystemTest, public testing::WithParamInterface<s
         ASSERT_TRUE(send_bytes(connection.client, read_message(connection.bus)));
         const auto greeting = std::ranges::find(entries, "cli", &Entry::who);
         for (auto entry = greeting + 1; entry != greeting + 4; ++entry) {
-            if (entry->to_bus && ended(connection.client)) // its arguments were refused
+            if (entry->to_bus && ended(connection.client)) // its arguments were rejected
                 return;
             relay(connection, *entry);
         }
