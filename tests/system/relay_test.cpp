@@ -87,16 +87,16 @@ TEST_F(Relay, AThousandClientsWithOneIdGetTheirOwnAnswersInAnyOrder) {
     const std::vector<sockaddr_in> senders = primary.senders();
     ASSERT_EQ(received.size(), 1 + total);
     std::set<uint16_t> first_ports, ids;
-    std::set<std::pair<uint16_t, uint16_t>> in_flight;
+    std::set<std::pair<uint16_t, uint16_t>> sent;
     for (size_t at = 1; at <= total; at++) {
         if (at <= 100)
             first_ports.insert(senders[at].sin_port);
         ids.insert(id_of(received[at]));
-        in_flight.insert({senders[at].sin_port, id_of(received[at])});
+        sent.insert({senders[at].sin_port, id_of(received[at])});
     }
     EXPECT_GE(first_ports.size(), 20U);
     EXPECT_GE(ids.size(), 970U) << "drawn from 65,536, some 8 of them twice";
-    EXPECT_EQ(in_flight.size(), total);
+    EXPECT_GE(sent.size(), total - 5) << "one that was answered may be drawn again";
 }
 
 TEST_F(Relay, ForgedAnswersReachNobody) {
