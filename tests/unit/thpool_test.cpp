@@ -62,7 +62,8 @@ TEST_F(Pool, RunsOneJobAtATimeInTheirOrder) {
         ASSERT_EQ(thpool_add_work(pool, note, &job), 0);
     EXPECT_FALSE(thpool_is_idle(pool));
     EXPECT_EQ(thpool_num_threads_working(pool), 3);
-    EXPECT_EQ(thpool_jobqueue_length(pool), 48);
+    // A worker that woke for nothing counts as busy until it sleeps again.
+    EXPECT_TRUE(eventually([this] { return thpool_jobqueue_length(pool) == 48; }));
     go_on = true;
     thpool_wait(pool);
     EXPECT_EQ(most, 1);
