@@ -72,7 +72,7 @@ struct Waiting {
     int16_t socket;                   // or NONE
     uint16_t id;                      // that went out
     uint16_t length, question_end;
-    uint8_t tried; // a bit for each upstream slot that it was sent to
+    uint8_t tried; // a bit for each upstream slot that it was meant for
     State state;
     uint8_t query[MAX_MESSAGE];
 };
@@ -509,6 +509,8 @@ static Outcome choose_socket(int &socket) {
 // Gives a query a socket, and an id that no other one has there. It leaves its old socket only when
 // that worked.
 static Outcome attach(int index) {
+    Waiting &query = query_at(index);
+    query.tried = static_cast<uint8_t>(query.tried | 1U << relay.slot);
     int socket;
     if (const Outcome chosen = choose_socket(socket); chosen != Outcome::DONE)
         return chosen;
@@ -518,7 +520,6 @@ static Outcome attach(int index) {
             return Outcome::FAILED;
     while (find_by_id(socket, id) != NONE);
     detach(index);
-    Waiting &query = query_at(index);
     query.socket = static_cast<int16_t>(socket);
     query.id = id;
     int16_t &chain = chain_of_id(socket, id);
@@ -549,7 +550,6 @@ static bool send_from_socket(Waiting &query) {
 // takes another socket.
 static Outcome transmit(int index) {
     Waiting &query = query_at(index);
-    query.tried = static_cast<uint8_t>(query.tried | 1U << relay.slot);
     for (;;) {
         if (send_from_socket(query))
             return Outcome::DONE;
@@ -782,7 +782,8 @@ static void *write_reports(void *) {
     return nullptr;
 }
 
-// A report may wait for the database. This thread must not, a worker may.
+// A report may wait for the database. This thread must not, a worker may. It needs no `lock`: also
+// the receive loop may answer a query meanwhile.
 static void hand_on_report() {
     if (reports_due++ == 0 && thpool_add_work(oDNS.pool, write_reports, nullptr) != 0)
         reports_due = 0;

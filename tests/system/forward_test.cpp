@@ -59,6 +59,15 @@ TEST_P(BothWays, MovesRoundTheRingAndLeavesNoDescriptorBehind) {
         << descriptors << " before, now " << daemon.descriptors();
 }
 
+TEST_P(BothWays, AsksServersOnAPortOfTheirOwn) {
+    configure({{"upstream_port", "5353"}});
+    const Socket server("10.53.0.1", 5353);
+    const Daemon daemon;
+    Client().send(query("a.example"));
+    EXPECT_TRUE(server.receive());
+    expect_logged(6, {"Upstream port: 5353"});
+}
+
 TEST_P(BothWays, AnAnswerClearsTheCountAndLateOnesReachNobody) {
     constexpr uint16_t in_time = 2;
     std::atomic<int> answers = 0;
