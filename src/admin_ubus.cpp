@@ -211,17 +211,21 @@ static constexpr NumberSetting NUMBER_SETTINGS[] = {
 
 // The arguments: an id that is not read, the addresses, the numbers in the order of their table.
 static constexpr int SET_DNS1 = 1, SET_NUMBERS = SET_DNS1 + UPSTREAM_SLOTS;
-static constexpr auto set_config_policy = [] {
-    std::array<blobmsg_policy, SET_NUMBERS + std::size(NUMBER_SETTINGS)> policy = {
-        {{.name = "id", .type = BLOBMSG_TYPE_INT32},
-         {.name = "dns1", .type = BLOBMSG_TYPE_STRING},
-         {.name = "dns2", .type = BLOBMSG_TYPE_STRING},
-         {.name = "dns3", .type = BLOBMSG_TYPE_STRING},
-         {.name = "dns4", .type = BLOBMSG_TYPE_STRING}}};
-    for (size_t i = 0; i < std::size(NUMBER_SETTINGS); i++)
-        policy[SET_NUMBERS + i] = {.name = NUMBER_SETTINGS[i].name, .type = BLOBMSG_TYPE_STRING};
+using SetConfigPolicy = std::array<blobmsg_policy, SET_NUMBERS + std::size(NUMBER_SETTINGS)>;
+
+static constexpr SetConfigPolicy make_set_config_policy() {
+    SetConfigPolicy policy = {{{.name = "id", .type = BLOBMSG_TYPE_INT32},
+                               {.name = "dns1", .type = BLOBMSG_TYPE_STRING},
+                               {.name = "dns2", .type = BLOBMSG_TYPE_STRING},
+                               {.name = "dns3", .type = BLOBMSG_TYPE_STRING},
+                               {.name = "dns4", .type = BLOBMSG_TYPE_STRING}}};
+    size_t at = SET_NUMBERS;
+    for (const NumberSetting &setting : NUMBER_SETTINGS)
+        policy[at++] = {.name = setting.name, .type = BLOBMSG_TYPE_STRING};
     return policy;
-}();
+}
+
+static constexpr SetConfigPolicy set_config_policy = make_set_config_policy();
 
 namespace {
 
