@@ -168,6 +168,7 @@ step_start() {
 	write_lists
 	mkdir /var/run/ubus
 	ubusd &
+	eventually test -S /var/run/ubus/ubus.sock || fail "the bus did not come up"
 	say "" "The settings come from /etc/config/vantrelle; vantrelled starts (saying MIPS everywhere):"
 	start_daemon
 	grep -qx "nameserver 127.0.0.1" /etc/resolv.conf || fail "/etc/resolv.conf was not rewritten"
