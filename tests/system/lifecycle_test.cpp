@@ -153,10 +153,10 @@ TEST_F(LifecycleTest, AFailedReceiveIsLoggedAndNotTheEnd) {
     Daemon daemon({}, STAGED_DAEMON);
     Daemon::prime();
     for (const auto &[error, text] : cases) {
-        write_file("/tmp/receive_error", std::to_string(error));
+        write_file("/tmp/error_of_recvfrom", std::to_string(error));
         const size_t lines = log_lines().size();
         EXPECT_TRUE(passes("www.example"));
-        EXPECT_TRUE(eventually([] { return !fs::exists("/tmp/receive_error"); }));
+        EXPECT_TRUE(eventually([] { return !fs::exists("/tmp/error_of_recvfrom"); }));
         EXPECT_TRUE(passes("www.example"));
         EXPECT_EQ(log_lines().size() - lines, *text ? 1U : 0U);
         EXPECT_EQ(log_priority(text), *text ? LOG_WARNING : -1);

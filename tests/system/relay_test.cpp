@@ -2,6 +2,8 @@
 // queries that wait while servers fall silent, refuse or change.
 #include "harness.h"
 
+#include <algorithm>
+#include <map>
 #include <random>
 #include <set>
 
@@ -99,8 +101,8 @@ TEST_F(Relay, AThousandClientsWithOneIdGetTheirOwnAnswersInAnyOrder) {
     EXPECT_GE(sent.size(), total - 5) << "one that was answered may be drawn again";
 }
 
-TEST_F(Relay, SocketsAreReplacedAfterTenSeconds) {
-    constexpr size_t each = 100;
+TEST_F(Relay, SocketsAreReplacedAfterTenSecondsAndAThousandQueries) {
+    constexpr size_t each = 100, at_once = 50, total = 40'000;
     const Upstream primary(1);
     configure();
     PrimedDaemon running;
@@ -117,6 +119,19 @@ TEST_F(Relay, SocketsAreReplacedAfterTenSeconds) {
         else if (before.contains(senders[at].sin_port))
             again.insert(senders[at].sin_port);
     EXPECT_LE(again.size(), 3U) << "of some 30; the kernel may draw one twice";
+
+    for (size_t number = 0; number < total; number += at_once) {
+        for (size_t id = number; id < number + at_once; id++)
+            client.send(query("b.example", static_cast<uint16_t>(id)));
+        for (size_t id = number; id < number + at_once; id++)
+            ASSERT_TRUE(client.receive()) << id;
+    }
+    std::map<uint16_t, size_t> uses;
+    for (const sockaddr_in &sender : primary.senders())
+        uses[sender.sin_port]++;
+    const auto overused = std::count_if(uses.begin(), uses.end(),
+                                        [](const auto &port) { return port.second > 1000; });
+    EXPECT_LE(overused, 2) << "of 32 that 1,250 queries each would use; drawn twice, perhaps";
 }
 
 TEST_F(Relay, ForgedAnswersReachNobody) {
@@ -267,20 +282,55 @@ TEST_F(Relay, AQueryIsGivenUpWhenAllFourWereTried) {
 }
 
 TEST_F(Relay, RefusalsEndQueriesAtOnceAndAServerThatIsBackAnswers) {
-    // Nobody listens at the first two, the third is no address and the fourth is out of reach.
+    // The first one ends, nobody listens at the second, the third is no address and the fourth is
+    // out of reach.
     configure(
         {{"dns_timeout", "20000"}, {"upstream_dns3", "nowhere"}, {"upstream_dns4", "240.0.0.1"}});
-    Daemon running;
+    std::optional<Upstream> first(1);
+    PrimedDaemon running;
+    EXPECT_TRUE(passes("before.example"));
+    first.reset();
     for (uint16_t id = 1; id <= 20; id++) {
         client.send(query("c.example", id));
         ASSERT_TRUE(wait_for_log("Response timed out", id, 2000)) << id;
     }
     EXPECT_TRUE(wait_for_log("Switching to Primary Upstream DNS"));
     EXPECT_EQ(log_count("Switching to"), 4U);
-    // Back again.
-    const Upstream first(1), second(2);
+    first.emplace(1);
     EXPECT_TRUE(eventually([] { return passes("back.example"); }));
     EXPECT_EQ(log_count("Sendto Error"), 0U);
+}
+
+TEST_F(Relay, LostMeansCostAQueryAndAnEarlierRefusalCostsNone) {
+    const Upstream primary(1);
+    configure();
+    daemon.emplace(std::vector<std::string>{}, STAGED_DAEMON);
+    Daemon::prime();
+    size_t answered = 1;
+    // Asks until the call has failed. Returns how many queries were lost with it.
+    const auto lose = [&](const std::string &call, int error) {
+        const std::string file = "/tmp/error_of_" + call;
+        write_file(file, std::to_string(error));
+        size_t lost = 0;
+        for (int tries = 0; fs::exists(file) && tries < 300; tries++) {
+            client.send(query("a.example"));
+            (client.receive(500) ? answered : lost)++;
+        }
+        EXPECT_FALSE(fs::exists(file)) << call;
+        return lost;
+    };
+    for (const auto &[call, error, line] :
+         {std::tuple{"socket", EMFILE, "No socket for upstream queries, socket: "},
+          {"epoll_ctl", ENOMEM, "No socket for upstream queries, epoll_ctl: "},
+          {"getrandom", EAGAIN, "No random numbers for upstream queries: "}}) {
+        EXPECT_EQ(lose(call, error), 1U);
+        EXPECT_EQ(log_count(line), 1U) << line;
+    }
+    for (int filled = 0; filled < 300; filled++, answered++) // all places have a socket then
+        EXPECT_TRUE(passes("b.example"));
+    EXPECT_EQ(lose("sendmsg", ECONNREFUSED), 0U);
+    EXPECT_EQ(counted("Message Count: "), answered);
+    EXPECT_EQ(log_count("timed out"), 0U);
 }
 
 TEST_F(Relay, AWaitingQueryIsSentAgainAndAFullTableDropsOnlyOthers) {
