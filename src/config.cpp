@@ -64,6 +64,28 @@ static int read_concurrent_queries() {
     return queries < 0 ? 0 : queries > MAX ? MAX : queries;
 }
 
+static BlockAnswer read_block_answer() {
+    BlockAnswer answer = BlockAnswer::NONE;
+    const OwnedText name(get_new_uci_string("vantrelle.@main[0].block_answer"));
+    if (name && *name && !find_block_answer(name.get(), answer))
+        syslog(LOG_WARNING,
+               "Unknown block_answer %s, using none; known: none, nxdomain, nodata, null, refused",
+               name.get());
+    return answer;
+}
+
+// To be read behind block_answer, without which it makes no difference.
+static int read_block_ttl() {
+    constexpr int DEFAULT = 60, MAX = 86400;
+    const int ttl = get_new_uci_int("vantrelle.@main[0].block_ttl", DEFAULT);
+    if (ttl >= 0 && ttl <= MAX)
+        return ttl;
+    if (oDNS.block_answer != BlockAnswer::NONE)
+        syslog(LOG_WARNING, "block_ttl %d is not within 0 and %d, using default %d", ttl, MAX,
+               DEFAULT);
+    return DEFAULT;
+}
+
 // The stored settings replace what the command line set: of the options only the log level
 // survives, as the default of its key.
 static void read_settings() {
@@ -92,6 +114,8 @@ static void read_settings() {
     oDNS.path = get_uci_string_with_default("vantrelle.@main[0].path", "/etc/vantrelle");
     oDNS.concurrent_queries = read_concurrent_queries();
     oDNS.upstream_port = read_upstream_port();
+    oDNS.block_answer = read_block_answer();
+    oDNS.block_ttl = read_block_ttl();
 }
 
 void load_config() {

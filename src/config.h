@@ -9,6 +9,7 @@
 #pragma once
 
 #include "guards.h"
+#include "localanswer.h"
 
 #include <atomic>
 #include <cstdint>
@@ -36,6 +37,8 @@ struct Settings {
     int32_t upstream_port;               // where upstream servers are asked; 0: the same as `port`
     int32_t dns_timeout;                 // wait for an upstream answer, milliseconds, not negative
     int32_t concurrent_queries;          // that may wait for an answer at a time; 0: see relay.h
+    BlockAnswer block_answer;            // how blocked queries are answered
+    int32_t block_ttl;                   // of built answers, seconds, 0 to 86400
     int32_t socket_buffer_size;          // receive buffer of the listening socket; -1: not set
     int32_t thread_pool;                 // number of workers
     std::atomic<int32_t> log_level;      // 0..7: priorities up to this one are logged

@@ -54,6 +54,9 @@ static void report_settings(ReportLine line) {
         line("Concurrent queries: %d", oDNS.concurrent_queries);
     if (oDNS.upstream_port != 0)
         line("Upstream port: %d", oDNS.upstream_port);
+    if (oDNS.block_answer != BlockAnswer::NONE)
+        line("Blocked queries: %s, time to live %d", block_answer_name(oDNS.block_answer),
+             oDNS.block_ttl);
     if (oDNS.socket_buffer_size != -1)
         line("Socket Buffer Size %d", oDNS.socket_buffer_size);
     line("Admin Enabled: %s", flag_text(oDNS.admin_enabled));

@@ -6,6 +6,7 @@
 #include "counters.h"
 #include "forward.h"
 #include "ledutils.h"
+#include "localanswer.h"
 #include "log.h"
 #include "netutils.h"
 #include "relay.h"
@@ -48,10 +49,6 @@ static int is_local(const char *name, sockaddr_in client) {
 }
 
 void divert(const uint8_t *message, int32_t length, sockaddr_in client, int blocked) {
-    // A pointer to the question's name (RFC 1035, 4.1.4), type A, class IN, 1345 seconds to live,
-    // 4 bytes of data: 255.255.255.255.
-    static constexpr uint8_t ANSWER[] = {0xC0, 0x0C, 0x00, 0x01, 0x00, 0x01, 0x00, 0x00,
-                                         0x05, 0x41, 0x00, 0x04, 0xFF, 0xFF, 0xFF, 0xFF};
     syslog(LOG_DEBUG, "Diverting");
     if (blocked == 1) {
         update_stats(1, 1, 0, 0);
@@ -61,16 +58,10 @@ void divert(const uint8_t *message, int32_t length, sockaddr_in client, int bloc
     }
     if (length < 0)
         length = 0;
-    uint8_t reply[MAX_MESSAGE + sizeof ANSWER] = {};
-    memcpy(reply, message, static_cast<size_t>(length));
-    reply[2] = 0x80;  // a response; opcode, authority, truncation and recursion desired are cleared
-    reply[3] |= 0x83; // recursion available, name error
-    reply[6] = 0;     // one answer
-    reply[7] = 1;
-    reply[10] = reply[11] = 0; // no additional records, though the query's own may still follow
-    memcpy(reply + length, ANSWER, sizeof ANSWER);
-    const ssize_t sent =
-        send_datagram(oDNS.listenfd, reply, length + static_cast<int32_t>(sizeof ANSWER), client);
+    uint8_t reply[MAX_MESSAGE + LOCAL_ANSWER_GROWTH];
+    const size_t size = make_local_answer({message, static_cast<size_t>(length)}, oDNS.block_answer,
+                                          static_cast<uint32_t>(oDNS.block_ttl), reply);
+    const ssize_t sent = send_datagram(oDNS.listenfd, reply, static_cast<int32_t>(size), client);
     if (sent < 0)
         syslog(LOG_ERR, "[%lu] Divert Received error: %s %d\n",
                static_cast<unsigned long>(pthread_self()), error_text(), static_cast<int>(sent));

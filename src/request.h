@@ -36,7 +36,6 @@ void *_process_request(void *job);
 // socket is emptied more slowly.
 bool answer_at_once(DnsRequest &request);
 
-// Sends the local answer to a query: the query itself with response code 3 (name error) and one A
-// record for 255.255.255.255 behind it. `blocked` is 1 when a list decided it, which counts.
-// `message` has `length` bytes. Holder of `lock`.
+// Sends the local answer to a query (see localanswer.h). `blocked` is 1 when a list decided it,
+// which counts. `message` has `length` bytes. Holder of `lock`.
 void divert(const uint8_t *message, int32_t length, sockaddr_in client, int blocked);

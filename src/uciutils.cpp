@@ -86,13 +86,18 @@ int get_uci_int_with_default(const char *key, int fallback) {
     return value == -1 ? fallback : value;
 }
 
-int get_new_uci_int(const char *key, int fallback) {
+char *get_new_uci_string(const char *key) {
     Lookup lookup = {.ctx = alloc_context()};
     if (!lookup.ctx)
-        return fallback;
+        return nullptr;
     look_up_quietly(lookup, key);
     const char *text = option_text(lookup);
-    return text ? decimal(text) : fallback;
+    return text ? strdup(text) : nullptr;
+}
+
+int get_new_uci_int(const char *key, int fallback) {
+    const OwnedText text(get_new_uci_string(key));
+    return text ? decimal(text.get()) : fallback;
 }
 
 char *get_uci_string_with_default(const char *key, const char *fallback) {

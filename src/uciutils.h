@@ -21,6 +21,10 @@ int get_uci_int_with_default(const char *key, int fallback);
 // settings files do not have.
 int get_new_uci_int(const char *key, int fallback);
 
+// The text of an option as get_uci_string() gives it, of which nothing is logged: for options that
+// older settings files do not have.
+char *get_new_uci_string(const char *key);
+
 // A heap copy of the option or, when it is missing or empty, of `fallback`; null only without
 // memory.
 char *get_uci_string_with_default(const char *key, const char *fallback);
