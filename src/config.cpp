@@ -116,6 +116,7 @@ static void read_settings() {
     oDNS.upstream_port = read_upstream_port();
     oDNS.block_answer = read_block_answer();
     oDNS.block_ttl = read_block_ttl();
+    oDNS.ignore_case = get_new_uci_int("vantrelle.@main[0].ignore_case", 0);
 }
 
 void load_config() {

@@ -39,6 +39,7 @@ struct Settings {
     int32_t concurrent_queries;          // that may wait for an answer at a time; 0: see relay.h
     BlockAnswer block_answer;            // how blocked queries are answered
     int32_t block_ttl;                   // of built answers, seconds, 0 to 86400
+    int32_t ignore_case;                 // 1: names are folded to lower case before they are used
     int32_t socket_buffer_size;          // receive buffer of the listening socket; -1: not set
     int32_t thread_pool;                 // number of workers
     std::atomic<int32_t> log_level;      // 0..7: priorities up to this one are logged

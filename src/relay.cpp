@@ -161,10 +161,6 @@ size_t find_question_end(const uint8_t *query, size_t length) {
 }
 
 // Bytes that tell the length of a label are no letters: they are below 64.
-static uint8_t lower(uint8_t byte) {
-    return byte >= 'A' && byte <= 'Z' ? static_cast<uint8_t>(byte + 'a' - 'A') : byte;
-}
-
 static bool is_same_question(const uint8_t *one, const uint8_t *other, size_t end) {
     const size_t name_end = end - TYPE_AND_CLASS;
     return memcmp(one + name_end, other + name_end, TYPE_AND_CLASS) == 0 &&

@@ -57,6 +57,8 @@ static void report_settings(ReportLine line) {
     if (oDNS.block_answer != BlockAnswer::NONE)
         line("Blocked queries: %s, time to live %d", block_answer_name(oDNS.block_answer),
              oDNS.block_ttl);
+    if (oDNS.ignore_case == 1)
+        line("Ignore letter case: %s", flag_text(oDNS.ignore_case));
     if (oDNS.socket_buffer_size != -1)
         line("Socket Buffer Size %d", oDNS.socket_buffer_size);
     line("Admin Enabled: %s", flag_text(oDNS.admin_enabled));

@@ -1,5 +1,6 @@
 #include "svrutils.h"
 
+#include "config.h"
 #include "log.h"
 #include "netutils.h"
 
@@ -27,9 +28,16 @@ static void decode_name(char (&name)[QUERY_NAME_SIZE], const uint8_t *message, u
     name[w] = '\0';
 }
 
+static void fold_name(char *name) {
+    for (; *name; name++)
+        *name = static_cast<char>(lower(static_cast<uint8_t>(*name)));
+}
+
 void extract_url(char (&name)[QUERY_NAME_SIZE], const uint8_t *message, uint8_t start,
                  sockaddr_in client) {
     decode_name(name, message, start);
+    if (oDNS.ignore_case == 1)
+        fold_name(name);
     if (!is_logged(LOG_DEBUG))
         return;
     const char *address = socket2ip(client);
