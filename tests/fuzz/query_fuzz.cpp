@@ -1,6 +1,7 @@
 // Datagrams from anyone, each as a whole job: it is either forwarded or answered, once and with the
 // right bytes, and the database is left in order. The message's id, which the daemon never looks
-// at, chooses the client and the settings.
+// at, chooses the client and the settings. What a built answer has to hold is decided once more
+// here.
 #include "blacklist.h"
 #include "config.h"
 #include "fuzz.h"
@@ -13,7 +14,10 @@
 #include <algorithm>
 #include <arpa/inet.h>
 #include <fstream>
+#include <optional>
+#include <string_view>
 #include <syslog.h>
+#include <utility>
 
 namespace {
 
@@ -25,6 +29,96 @@ constexpr const char *FILES[][2] = {
     {"local_black.lst", "b,4\n.bad,1\n"},
     {"black.lst", "ad\n.example,1\ntrack,2\nlabel\n"},
 };
+
+struct Reader {
+    std::string_view bytes;
+    size_t at = 0;
+    bool failed = false;
+
+    std::string_view piece(size_t size) {
+        failed = failed || bytes.size() - at < size;
+        return failed ? "" : bytes.substr(std::exchange(at, at + size), size);
+    }
+    unsigned number() { // 0 when there is none
+        const std::string_view two = piece(2);
+        return failed ? 0 : static_cast<uint8_t>(two[0]) << 8 | static_cast<uint8_t>(two[1]);
+    }
+    // The bytes of a name as they stand.
+    std::string_view name(bool may_point) {
+        const size_t begin = at;
+        for (bool ended = false; !ended && !failed;) {
+            const std::string_view head = piece(1);
+            const unsigned length = failed ? 0 : static_cast<uint8_t>(head[0]);
+            failed = failed || (length > 63 && (!may_point || length < 192));
+            piece(length > 63 ? 1 : length);
+            ended = length == 0 || length > 63;
+        }
+        return bytes.substr(begin, at - begin);
+    }
+};
+
+struct Message {
+    std::string question;
+    unsigned counts[4] = {};   // of the records in its sections
+    bool is_whole = false;     // and has nothing behind them
+    int edns = 0;              // EDNS records; one that is malformed or misplaced counts twice
+    bool wants_dnssec = false; // by the EDNS bit "DNSSEC OK"
+};
+
+void read_record(Reader &reader, bool is_additional, Message &message) {
+    const std::string_view name = reader.name(true);
+    const unsigned type = reader.number();
+    reader.number();
+    const std::string_view ttl = reader.piece(4);
+    Reader data{reader.piece(reader.number())};
+    if (reader.failed || type != 41)
+        return;
+    while (!data.failed && data.at < data.bytes.size()) {
+        data.number();
+        data.piece(data.number());
+    }
+    message.edns += data.failed || name.size() != 1 || !is_additional ? 2 : 1;
+    message.wants_dnssec = ttl[2] & 0x80;
+}
+
+// A message of one question with a plain name.
+std::optional<Message> read_message(std::string_view bytes) {
+    Reader reader{bytes};
+    Message message;
+    reader.piece(4);
+    for (unsigned &count : message.counts)
+        count = reader.number();
+    message.question = reader.name(false);
+    message.question += reader.piece(4);
+    if (reader.failed || message.counts[0] != 1)
+        return std::nullopt;
+    for (int section = 1; section < 4; section++)
+        for (unsigned i = 0; i < message.counts[section] && !reader.failed; i++)
+            read_record(reader, section == 3, message);
+    message.edns = reader.failed ? 0 : message.edns;
+    message.is_whole = !reader.failed && reader.at == bytes.size();
+    return message;
+}
+
+void check_built(std::string_view query, const Message &asked, std::string_view reply) {
+    const auto mode = oDNS.block_answer;
+    const auto read = read_message(reply);
+    check(read && read->is_whole && read->question == asked.question &&
+          reply.substr(0, 2) == query.substr(0, 2));
+    const int code = mode == BlockAnswer::NXDOMAIN ? 3 : mode == BlockAnswer::REFUSED ? 5 : 0;
+    check(static_cast<uint8_t>(reply[2]) == (0x80 | (query[2] & 0x79)) &&
+          static_cast<uint8_t>(reply[3]) == (0x80 | code));
+    const auto is_for = [&](const char(&kind)[5]) {
+        return asked.question.ends_with(std::string_view(kind, 4));
+    };
+    const bool has_address =
+        mode == BlockAnswer::NULL_ADDRESS && (is_for("\0\1\0\1") || is_for("\0\34\0\1"));
+    const bool has_edns = asked.edns == 1;
+    check(read->counts[1] == has_address &&
+          read->counts[2] == (!has_address && mode != BlockAnswer::REFUSED) &&
+          read->counts[3] == has_edns && read->edns == has_edns &&
+          (!has_edns || read->wants_dnssec == asked.wants_dnssec));
+}
 
 std::string sent;
 int forwards, answers;
@@ -98,13 +192,20 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     request->client.sin_addr.s_addr = htonl(0xc0000200 + client);
     oDNS.record_traffic = request->message[1] & 1;
     oDNS.disabled = request->message[1] >= 0xfc;
+    oDNS.block_answer = static_cast<BlockAnswer>((request->message[1] >> 1) % 5);
+    oDNS.block_ttl = 12345;
+    oDNS.ignore_case = request->message[0] >> 2 & 1;
     const int changes = sqlite3_total_changes(oDNS.db);
     forwards = answers = 0;
     _process_request(request);
 
     check(forwards + answers == 1 && (forwards || (client != 2 && !oDNS.disabled)));
     std::string expected(reinterpret_cast<const char *>(data), size);
-    if (answers) { // a name error with one answer, as far as the header came
+    if (const auto asked = read_message(expected);
+        answers && asked && oDNS.block_answer != BlockAnswer::NONE) {
+        check_built(expected, *asked, sent);
+        expected = sent;
+    } else if (answers) { // a name error with one answer, as far as the header came
         const int third = size > 3 ? data[3] | 0x83 : 0;
         for (const auto &[at, value] :
              {std::pair{2, 0x80}, {3, third}, {6, 0}, {7, 1}, {10, 0}, {11, 0}})

@@ -3,6 +3,9 @@
 #include "database.h"
 #include "harness.h"
 
+#include <random>
+#include <regex>
+
 using namespace harness;
 
 namespace {
@@ -128,6 +131,71 @@ TEST_F(Filter, DecidesAlikeWithoutRecording) {
     EXPECT_EQ(rows("select count(*) from dns_traffic") + hits("black"), "0\n");
     EXPECT_EQ(rows("select blocked from summary where req in (3, 9) order by id"), "1\n4\n");
     EXPECT_EQ(log_count("[ Req: 9 ] [ Blocked: 4 ] [ Resets: 0 ] [ Errors: 0 ]"), 1u);
+}
+
+// What a strict parser makes of the answers: without and with EDNS, and with an option in it.
+TEST_F(Filter, AnswersBlockedQueriesAsSet) {
+    const struct {
+        const char *setting, *code;
+        size_t v4, v6, authorities, complaints;
+    } answers[] = {
+        {"none", "NXDOMAIN", 0, 0, 0, 8}, // all that have EDNS
+        {"NxDomain", "NXDOMAIN", 0, 0, 12, 0}, {"nodata", "NOERROR", 0, 0, 12, 0},
+        {"NULL", "NOERROR", 3, 3, 6, 0},       {"refused", "REFUSED", 0, 0, 0, 0},
+    };
+    std::string command = "dig @192.168.8.1 +tries=1";
+    for (const char *type : {"A", "AAAA", "HTTPS", "TXT"})
+        for (const char *edns : {"+noedns", "+edns +nocookie", "+cookie"})
+            command += " ads.example "s + type + ' ' + edns;
+    for (const auto &[setting, code, v4, v6, authorities, complaints] : answers) {
+        SCOPED_TRACE(setting);
+        configure({{"stats_db_path", BASE}, {"block_answer", setting}, {"block_ttl", "77"}});
+        const PrimedDaemon daemon;
+        Process dig("/bin/sh", {"-c", command + " | tr -s '\\t' ' '"});
+        ASSERT_EQ(dig.wait(), 0);
+        const std::string said = dig.output();
+        const auto count = [&](const std::string &text) {
+            const std::regex pattern(text, std::regex::icase);
+            return static_cast<size_t>(std::distance(
+                std::sregex_iterator(said.begin(), said.end(), pattern), std::sregex_iterator()));
+        };
+        EXPECT_EQ(count("malformed"), complaints) << said;
+        EXPECT_EQ(count("warning|malformed|extra bytes|bad |mismatch") > 0, complaints > 0) << said;
+        EXPECT_EQ(count("status: "s + code), 12U) << said;
+        EXPECT_EQ(count("EDE: 15 .Blocked."), complaints ? 0U : 8U);
+        EXPECT_EQ(count("\nads.example. 77 IN A 0.0.0.0\n"), v4);
+        EXPECT_EQ(count("\nads.example. 77 IN AAAA ::\n"), v6);
+        EXPECT_EQ(count("\nads.example. 77 IN SOA . . 1 3600 600 86400 77\n"), authorities);
+    }
+}
+
+// As newer resolvers spell names, at random.
+TEST_F(Filter, FindsNamesInAnySpelling) {
+    configure({{"stats_db_path", BASE}, {"ignore_case", "1"}});
+    PrimedDaemon daemon;
+    const Client client;
+    std::mt19937 random;
+    const auto spelled = [&](Bytes name) {
+        for (char &letter : name)
+            if (letter != '.' && random() % 2)
+                letter = static_cast<char>(toupper(letter));
+        return name;
+    };
+    for (int i = 0; i < 100; i++) {
+        const Bytes blocked = query(spelled("x.tracker.example")),
+                    open = query(spelled("ok.example"));
+        EXPECT_EQ(client.ask(blocked), diverted(blocked));
+        EXPECT_EQ(client.ask(open), Upstream::echo(open));
+        EXPECT_EQ(upstream.received().back(), open);
+    }
+    EXPECT_TRUE(passes("Good-ADS.example") && passes("IN-Addr.1.IN-ADDR.arpa"));
+    EXPECT_EQ(daemon.stop(), 0);
+    EXPECT_EQ(hits("white"), "good-ads.example|good-ads.example|192.168.8.20\n");
+    EXPECT_EQ(rows("select f.fqdn, count(*) from local_black_stats s, local_black_fqdn f"),
+              "x.tracker.example|100\n");
+    EXPECT_EQ(
+        rows("select fqdn, count(*) from dns_traffic where fqdn like '%ok%' or fqdn like '%arpa'"),
+        "ok.example|100\n");
 }
 
 TEST_F(Filter, OneAloneDisablesAndRecordsQueries) {

@@ -162,6 +162,7 @@ TEST_F(Router, RecommendedSettingsAreForANewInstallationOnly) {
          false},
         {"uci set 'vantrelle.@main[0].concurrent_queries=0' && uci commit vantrelle", false},
         {"uci set 'vantrelle.@main[0].upstream_port=5353' && uci commit vantrelle", false},
+        {"uci set 'vantrelle.@main[0].block_ttl=5' && uci commit vantrelle", false},
     };
     size_t lines = 0;
     for (const auto &router : routers) {
@@ -178,6 +179,7 @@ TEST_F(Router, RecommendedSettingsAreForANewInstallationOnly) {
         std::string expected = before;
         if (router.is_new)
             expected.insert(expected.find("config main\n") + strlen("config main\n"),
+                            "\toption ignore_case '1'\n\toption block_answer 'null'\n"
                             "\toption concurrent_queries '300'\n");
         EXPECT_EQ(read_file("/etc/config/vantrelle"), expected);
         const std::string pointed_out =

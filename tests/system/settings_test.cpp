@@ -93,7 +93,8 @@ std::vector<std::string> settings_from(const std::string &file) {
          {oDNS.port, oDNS.upstream_port, oDNS.concurrent_queries, oDNS.dns_timeout,
           oDNS.socket_buffer_size, oDNS.thread_pool, oDNS.log_level.load(), oDNS.log_stats_interval,
           oDNS.record_traffic.load(), oDNS.disabled.load(), oDNS.dns_max_time_on_secondary,
-          oDNS.debug, oDNS.debug_sql})
+          oDNS.debug, oDNS.debug_sql, static_cast<int>(oDNS.block_answer), oDNS.block_ttl,
+          oDNS.ignore_case})
         all.push_back(std::to_string(number));
     return all;
 }
@@ -114,6 +115,9 @@ TEST_F(SettingsTest, ShippedOnesAreTheBuiltInDefaults) {
         {"upstream_port", "65535", &oDNS.upstream_port, 65535},
         {"upstream_port", "65536", &oDNS.upstream_port, 0},
         {"upstream_port", "-1", &oDNS.upstream_port, 0},
+        {"block_ttl", "0", &oDNS.block_ttl, 0},
+        {"block_ttl", "86400", &oDNS.block_ttl, 86400},
+        {"block_ttl", "86401", &oDNS.block_ttl, 60}, // and no warning
     };
     for (const auto &[name, stored, read, expected] : bounds) {
         settings_from(warn + "\toption " + name + " '" + stored + "'\n");
@@ -122,6 +126,15 @@ TEST_F(SettingsTest, ShippedOnesAreTheBuiltInDefaults) {
     for (const char *port : {"65536", "-1"})
         EXPECT_EQ(log_priority("upstream_port "s + port + " is no port, using the one listened on"),
                   LOG_WARNING);
+    EXPECT_EQ(log_count("block_ttl"), 0U);
+    for (const char *value : {"nil", "Null"}) {
+        settings_from(warn + "\toption block_ttl -1\n\toption block_answer " + value + "\n");
+        EXPECT_EQ(oDNS.block_answer == BlockAnswer::NULL_ADDRESS, *value == 'N');
+        EXPECT_EQ(log_count("block_ttl"), *value == 'N') << value;
+    }
+    expect_logged(LOG_WARNING, {"block_ttl -1 is not within 0 and 86400, using default 60",
+                                "Unknown block_answer nil, using none; known: none, nxdomain, "
+                                "nodata, null, refused"});
 
     SetUp();
     // A misspelt option got its default above; with everything logged it is a failed reading.
