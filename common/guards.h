@@ -63,3 +63,20 @@ class MutexGuard {
     MutexGuard(const MutexGuard &) = delete;
     MutexGuard &operator=(const MutexGuard &) = delete;
 };
+
+// Holds a mutex for the life of a scope if nobody else does; then it is true.
+class MutexAttempt {
+    pthread_mutex_t &mutex_;
+    const bool is_held_;
+
+  public:
+    explicit MutexAttempt(pthread_mutex_t &mutex)
+        : mutex_(mutex), is_held_(pthread_mutex_trylock(&mutex_) == 0) {}
+    ~MutexAttempt() {
+        if (is_held_)
+            pthread_mutex_unlock(&mutex_);
+    }
+    explicit operator bool() const { return is_held_; }
+    MutexAttempt(const MutexAttempt &) = delete;
+    MutexAttempt &operator=(const MutexAttempt &) = delete;
+};

@@ -64,6 +64,18 @@ static int read_concurrent_queries() {
     return queries < 0 ? 0 : queries > MAX ? MAX : queries;
 }
 
+// To be read behind concurrent_queries: one query at a time could only be served by waiting.
+static int read_tcp_connections() {
+    constexpr int MAX = 200;
+    const int connections = get_new_uci_int("vantrelle.@main[0].tcp_connections", 0);
+    if (connections <= 0)
+        return 0;
+    if (oDNS.concurrent_queries > 0)
+        return connections < MAX ? connections : MAX;
+    syslog(LOG_WARNING, "tcp_connections needs concurrent_queries above 0, serving no TCP");
+    return 0;
+}
+
 static BlockAnswer read_block_answer() {
     BlockAnswer answer = BlockAnswer::NONE;
     const OwnedText name(get_new_uci_string("vantrelle.@main[0].block_answer"));
@@ -113,6 +125,7 @@ static void read_settings() {
     oDNS.board = get_uci_string_with_default("vantrelle.@main[0].board", "Unknown");
     oDNS.path = get_uci_string_with_default("vantrelle.@main[0].path", "/etc/vantrelle");
     oDNS.concurrent_queries = read_concurrent_queries();
+    oDNS.tcp_connections = read_tcp_connections();
     oDNS.upstream_port = read_upstream_port();
     oDNS.block_answer = read_block_answer();
     oDNS.block_ttl = read_block_ttl();

@@ -37,6 +37,7 @@ struct Settings {
     int32_t upstream_port;               // where upstream servers are asked; 0: the same as `port`
     int32_t dns_timeout;                 // wait for an upstream answer, milliseconds, not negative
     int32_t concurrent_queries;          // that may wait for an answer at a time; 0: see relay.h
+    int32_t tcp_connections;             // of clients at a time, 200 at most; 0: no TCP
     BlockAnswer block_answer;            // how blocked queries are answered
     int32_t block_ttl;                   // of built answers, seconds, 0 to 86400
     int32_t ignore_case;                 // 1: names are folded to lower case before they are used

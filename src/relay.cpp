@@ -15,7 +15,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 #include <initializer_list>
 #include <iterator>
 #include <pthread.h>
@@ -30,7 +29,6 @@
 #include <utility>
 
 static constexpr int NONE = -1; // no query, no socket
-static constexpr int64_t US_PER_MS = 1000, US_PER_S = 1'000'000;
 static constexpr int64_t NEVER = INT64_MAX;
 
 // Sockets that take queries, each in a place of its own. Those that take no more but are waited on
@@ -120,12 +118,6 @@ struct Relay {
 static Relay relay;
 static pthread_mutex_t relay_mutex = PTHREAD_MUTEX_INITIALIZER;
 
-static int64_t now_us() {
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec * US_PER_S + now.tv_nsec / 1000;
-}
-
 static Waiting &query_at(int index) {
     return relay.queries[index];
 }
@@ -134,7 +126,7 @@ static Waiting &query_at(int index) {
 
 static constexpr size_t TYPE_AND_CLASS = 4;
 
-static bool is_response(const uint8_t *message) {
+bool is_response(const uint8_t *message) {
     return message[2] & 0x80;
 }
 
@@ -194,12 +186,16 @@ static void send_to_client(const uint8_t *message, size_t length, sockaddr_in cl
                reinterpret_cast<const char *>(message));
 }
 
-static void return_malformed(const uint8_t *message, size_t length, sockaddr_in client) {
+void mark_malformed(uint8_t *query) {
     constexpr uint8_t FORMAT_ERROR = 1;
+    query[2] |= 0x80;
+    query[3] = static_cast<uint8_t>((query[3] & 0xF0) | FORMAT_ERROR);
+}
+
+static void return_malformed(const uint8_t *message, size_t length, sockaddr_in client) {
     uint8_t reply[MAX_MESSAGE];
     memcpy(reply, message, length);
-    reply[2] |= 0x80;
-    reply[3] = static_cast<uint8_t>((reply[3] & 0xF0) | FORMAT_ERROR);
+    mark_malformed(reply);
     send_to_client(reply, length, client);
 }
 
@@ -758,6 +754,15 @@ bool relay_request(const uint8_t *message, int32_t length, sockaddr_in client) {
     if (is_due)
         report_stats();
     return is_taken;
+}
+
+sockaddr_in relay_upstream() {
+    const MutexGuard guard(relay_mutex);
+    sockaddr_in upstream = {};
+    upstream.sin_family = AF_INET;
+    upstream.sin_port = upstream_port();
+    upstream.sin_addr.s_addr = upstream_address(oDNS.current_dns);
+    return upstream;
 }
 
 void relay_upstreams_changed() {

@@ -31,6 +31,15 @@ bool relay_request(const uint8_t *message, int32_t length, sockaddr_in client);
 // while there is no relay.
 void relay_upstreams_changed();
 
+// The upstream server in use. Any thread, while there is a relay.
+sockaddr_in relay_upstream();
+
+// Whether a message says that it is a response. It has a whole header. Pure.
+bool is_response(const uint8_t *message);
+
+// Makes a query with a whole header the reply that calls it malformed (format error). Pure.
+void mark_malformed(uint8_t *query);
+
 // Where the question of a query ends that has exactly one, with a plain name, and all of it within
 // its `length` bytes; else 0. Pure.
 size_t find_question_end(const uint8_t *query, size_t length);

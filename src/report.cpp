@@ -52,6 +52,8 @@ static void report_settings(ReportLine line) {
     line("Upstream DNS Timeout: %d", oDNS.dns_timeout);
     if (oDNS.concurrent_queries > 0)
         line("Concurrent queries: %d", oDNS.concurrent_queries);
+    if (oDNS.tcp_connections > 0)
+        line("TCP connections: %d", oDNS.tcp_connections);
     if (oDNS.upstream_port != 0)
         line("Upstream port: %d", oDNS.upstream_port);
     if (oDNS.block_answer != BlockAnswer::NONE)

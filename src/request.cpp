@@ -11,9 +11,11 @@
 #include "netutils.h"
 #include "relay.h"
 #include "statsdb.h"
+#include "tcp.h"
 #include "utils.h"
 #include "whitelist.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -48,7 +50,7 @@ static int is_local(const char *name, sockaddr_in client) {
     return 1;
 }
 
-void divert(const uint8_t *message, int32_t length, sockaddr_in client, int blocked) {
+static void count_diverted(int blocked) {
     syslog(LOG_DEBUG, "Diverting");
     if (blocked == 1) {
         update_stats(1, 1, 0, 0);
@@ -56,6 +58,10 @@ void divert(const uint8_t *message, int32_t length, sockaddr_in client, int bloc
     } else {
         multi_led_green();
     }
+}
+
+void divert(const uint8_t *message, int32_t length, sockaddr_in client, int blocked) {
+    count_diverted(blocked);
     if (length < 0)
         length = 0;
     uint8_t reply[MAX_MESSAGE + LOCAL_ANSWER_GROWTH];
@@ -107,8 +113,8 @@ static void answer(DnsRequest &request) {
 }
 
 bool answer_at_once(DnsRequest &request) {
-    const MutexGuard guard(lock);
-    if (is_report_due(read_counter(oDNS.requests) + 1))
+    const MutexAttempt attempt(lock); // a worker may have got a query over TCP, and may get more
+    if (!attempt || is_report_due(read_counter(oDNS.requests) + 1))
         return false;
     if (oDNS.concurrent_queries > 0) {
         answer(request);
@@ -118,20 +124,72 @@ bool answer_at_once(DnsRequest &request) {
     return divert_if_blocked(request, name);
 }
 
-void *_process_request(void *job) {
-    const MutexGuard guard(lock);
-    const bool timed = is_logged(LOG_DEBUG); // reading the processor clock is a system call
-    const clock_t start = timed ? clock() : 0;
-    if (timed)
-        debugLog("Request Start", start);
-    {
-        const std::unique_ptr<DnsRequest, FreeMemory> request(static_cast<DnsRequest *>(job));
-        answer(*request);
+namespace {
+
+// Traces how long the processor was at work on a request.
+class RequestTrace {
+    const bool is_on_ = is_logged(LOG_DEBUG); // reading the processor clock is a system call
+    const clock_t start_ = is_on_ ? clock() : 0;
+
+  public:
+    RequestTrace() {
+        if (is_on_)
+            debugLog("Request Start", start_);
     }
-    if (timed) {
+    ~RequestTrace() {
+        if (!is_on_)
+            return;
         syslog(LOG_DEBUG, "Request End: %lf",
-               static_cast<double>(clock() - start) / CLOCKS_PER_SEC);
+               static_cast<double>(clock() - start_) / CLOCKS_PER_SEC);
         syslog(LOG_DEBUG, "_____________________________________________________________");
     }
+    RequestTrace(const RequestTrace &) = delete;
+    RequestTrace &operator=(const RequestTrace &) = delete;
+};
+
+} // namespace
+
+void *_process_request(void *job) {
+    const MutexGuard guard(lock);
+    const RequestTrace trace;
+    const std::unique_ptr<DnsRequest, FreeMemory> request(static_cast<DnsRequest *>(job));
+    answer(*request);
     return nullptr;
+}
+
+// --- over TCP ------------------------------------------------------------------------------------
+
+// The local answer, or where it would be longer than a message can be, the query as malformed.
+static TcpMessage *local_answer(TcpMessage *query) {
+    const uint8_t *bytes = content_of(query);
+    TcpMessage *reply =
+        new_tcp_message(std::min<size_t>(query->length + LOCAL_ANSWER_GROWTH, MAX_TCP_MESSAGE));
+    if (!reply)
+        return nullptr;
+    size_t length = make_local_answer({bytes, query->length}, oDNS.block_answer,
+                                      static_cast<uint32_t>(oDNS.block_ttl),
+                                      {content_of(reply), reply->length});
+    if (length == 0) {
+        length = query->length;
+        memcpy(content_of(reply), bytes, length);
+        mark_malformed(content_of(reply));
+    }
+    shorten_message(reply, length);
+    return reply;
+}
+
+void process_tcp_query(TcpQuery *query) {
+    const MutexGuard guard(lock);
+    const RequestTrace trace;
+    const sockaddr_in client = query->client;
+    char name[QUERY_NAME_SIZE] = "";
+    extract_url(name, content_of(query->message), QUESTION_OFFSET, client);
+    const Decision decision = decide(name, client);
+    if (decision == Decision::DIVERT) {
+        count_diverted(1);
+        reply_over_tcp(query, local_answer(query->message));
+    } else if (forward_over_tcp(query) && decision == Decision::FORWARD_AND_RECORD &&
+               oDNS.record_traffic == 1) {
+        record_request(name, client);
+    }
 }

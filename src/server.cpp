@@ -16,6 +16,7 @@
 #include "request.h"
 #include "signals.h"
 #include "statsdb.h"
+#include "tcp.h"
 #include "thpool.h"
 #include "whitelist.h"
 
@@ -250,6 +251,7 @@ static void open_sockets() {
     _open_ns_socket();
     _open_upstream_dns_connection();
     start_relay();
+    start_tcp();
     _fix_resolv();
     multi_led_blue();
     handle_pending_signals(has_workers());
@@ -287,6 +289,7 @@ static void server_shutdown() {
     // For good: what the bus thread reads is taken down now. If that thread is stuck in a call, the
     // settings are left to the end of the process.
     const bool bus_is_out = close_admin_gate();
+    end_tcp();
     end_relay();
     {
         const UniqueFd listener = _close_dns_listener();

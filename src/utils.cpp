@@ -22,6 +22,12 @@ int getTimeAsString(char *buffer) {
     return time2String(buffer, time(nullptr));
 }
 
+int64_t now_us() {
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec * US_PER_S + now.tv_nsec / 1000;
+}
+
 char *commaprint(uint64_t number) {
     static char separator;
     static char buffer[30];

@@ -1,4 +1,4 @@
-// Time and number texts for the statistics log, and a one-line debug trace.
+// Time and number texts for the statistics log, the monotonic clock, and a one-line debug trace.
 #pragma once
 
 #include <cstddef>
@@ -14,6 +14,11 @@ int time2String(char *buffer, int64_t seconds);
 // time2String() of the wall clock: the seconds since the epoch written as a duration. Without a
 // caller in the daemon.
 int getTimeAsString(char *buffer);
+
+inline constexpr int64_t US_PER_MS = 1000, US_PER_S = 1'000'000;
+
+// The monotonic clock in microseconds. Any thread.
+int64_t now_us();
 
 // The decimal text of `number` with thousands separators of the locale, "," where it has none.
 // Returns a static buffer that the next call overwrites: main thread only.

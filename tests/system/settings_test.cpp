@@ -90,11 +90,11 @@ std::vector<std::string> settings_from(const std::string &file) {
           &oDNS.upstream_dns[1], &oDNS.upstream_dns[2], &oDNS.upstream_dns[3]})
         all.emplace_back(OwnedText(std::exchange(*text, nullptr)).get());
     for (const int number :
-         {oDNS.port, oDNS.upstream_port, oDNS.concurrent_queries, oDNS.dns_timeout,
-          oDNS.socket_buffer_size, oDNS.thread_pool, oDNS.log_level.load(), oDNS.log_stats_interval,
-          oDNS.record_traffic.load(), oDNS.disabled.load(), oDNS.dns_max_time_on_secondary,
-          oDNS.debug, oDNS.debug_sql, static_cast<int>(oDNS.block_answer), oDNS.block_ttl,
-          oDNS.ignore_case})
+         {oDNS.port, oDNS.upstream_port, oDNS.concurrent_queries, oDNS.tcp_connections,
+          oDNS.dns_timeout, oDNS.socket_buffer_size, oDNS.thread_pool, oDNS.log_level.load(),
+          oDNS.log_stats_interval, oDNS.record_traffic.load(), oDNS.disabled.load(),
+          oDNS.dns_max_time_on_secondary, oDNS.debug, oDNS.debug_sql,
+          static_cast<int>(oDNS.block_answer), oDNS.block_ttl, oDNS.ignore_case})
         all.push_back(std::to_string(number));
     return all;
 }
@@ -112,6 +112,8 @@ TEST_F(SettingsTest, ShippedOnesAreTheBuiltInDefaults) {
     } bounds[] = {
         {"concurrent_queries", "-2", &oDNS.concurrent_queries, 0},
         {"concurrent_queries", "4097", &oDNS.concurrent_queries, 4096},
+        {"concurrent_queries '9'\n\toption tcp_connections", "201", &oDNS.tcp_connections, 200},
+        {"concurrent_queries '9'\n\toption tcp_connections", "-1", &oDNS.tcp_connections, 0},
         {"upstream_port", "65535", &oDNS.upstream_port, 65535},
         {"upstream_port", "65536", &oDNS.upstream_port, 0},
         {"upstream_port", "-1", &oDNS.upstream_port, 0},
