@@ -29,7 +29,7 @@ start_upstream() { # milliseconds of delay, -1 for a silent one
 	process[upstream]=$!
 }
 
-configure() { # queries at once, primary server, record_traffic
+configure() { # queries at once, primary server, record_traffic, TCP connections
 	cat >/etc/config/vantrelle <<-END
 		config main
 		    option upstream_dns '${2:-$UPSTREAM}'
@@ -39,6 +39,7 @@ configure() { # queries at once, primary server, record_traffic
 		    option path '/etc/vantrelle'
 		    option stats_db_path '$WORK'
 		    option concurrent_queries '$1'
+		    option tcp_connections '${4:-0}'
 		    option socket_buffer_size '$BUFFER'
 		    option record_traffic '${3:-0}'
 	END
@@ -79,7 +80,7 @@ resident() { awk '/VmRSS/ { print $2 }' "/proc/${process[$1]}/status"; }
 load() { # what, who, address, queries, expected response code, queries outstanding, patience
 	local before output
 	before=$(ticks "$2")
-	output=$(dnsperf -s "$3" -d "$WORK/$4" -c 4 -q "${6:-100}" -t "${7:-20}" -l "$SECONDS_EACH" 2>/dev/null)
+	output=$(dnsperf -m "${transport:-udp}" -s "$3" -d "$WORK/$4" -c 4 -q "${6:-100}" -t "${7:-20}" -l "$SECONDS_EACH" 2>/dev/null)
 	awk -v what="$1" -v who="$2" -v ticks=$(($(ticks "$2") - before)) -v hz="$(getconf CLK_TCK)" \
 		-v code="$5" -v tolerated="$((${6:-0} < 1000 ? 1 : 300))" '
 		/Queries completed:/ { completed = $3 }
@@ -190,6 +191,21 @@ over_delays() {
 	stop_ours concurrent
 }
 
+# Over TCP: four connections, with fifty queries outstanding.
+over_tcp() {
+	local -r transport=tcp
+	start_upstream 0
+	configure 1000 "$UPSTREAM" 0 20
+	start_ours concurrent
+	start_theirs
+	load tcp_blocked concurrent "$OURS" blocked NXDOMAIN 50
+	load tcp_blocked dnsmasq "$THEIRS" blocked NOERROR 50
+	load tcp_forwarded concurrent "$OURS" clean NOERROR 50
+	load tcp_forwarded dnsmasq "$THEIRS" clean NOERROR 50
+	stop_theirs
+	stop_ours concurrent
+}
+
 # Blocked queries while the upstream server is silent and more are to be forwarded than can wait.
 while_silent() { # who, address
 	local flood
@@ -234,6 +250,7 @@ round() {
 	local who
 	side_by_side
 	over_delays
+	over_tcp
 	configure 1000
 	start_ours concurrent
 	while_silent concurrent "$OURS"
@@ -315,6 +332,8 @@ table_of_ways() {
 				for (d = 1; d <= split(delays, delay); d++)
 					line("delay_" delay[d] "_" outstanding[i], "upstream " delay[d] " ms away, " \
 						outstanding[i] " outstanding, forwarded a second", "%.0f")
+			line("tcp_blocked", "over TCP, 50 outstanding, blocked a second", "%.0f")
+			line("tcp_forwarded", "over TCP, 50 outstanding, forwarded a second", "%.0f")
 			line("silent_p99", "silent upstream, latency blocked, 99 %, µs", "%.0f")
 			line("failover", "dead primary: first answer after, ms", "%.0f")
 			line("unanswered", "dead primary: clients without an answer", "%d")

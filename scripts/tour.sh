@@ -287,6 +287,27 @@ step_page() {
 	good "answered after $took ms"
 }
 
+step_tcp() {
+	title "An answer that is too long for a datagram"
+	say "The server 10.53.0.4 says of each of its answers over UDP that it is cut. With tcp_connections the" \
+		"router listens for TCP, too:"
+	slow_upstream 10.53.0.4 5 truncate &
+	eventually dig @10.53.0.4 +tries=1 +time=1 +tcp long.example >/dev/null || fail "it does not answer"
+	call set_config '{"dns1":"10.53.0.4","dns2":"10.53.0.4","dns3":"10.53.0.4","dns4":"10.53.0.4"}'
+	stop_daemon
+	sed -i "/^config main/a \    option tcp_connections '20'" /etc/config/vantrelle
+	grep tcp_connections /etc/config/vantrelle | indent
+	start_daemon
+	say "A device gets a cut answer, and asks again over TCP by itself:"
+	ask long.example
+	grep Truncated <<<"$answer" | indent
+	expect_answer "retrying in TCP" "it was told to"
+	expect_answer 192.0.2.1 "and the answer came whole"
+	say "A blocked name is blocked that way, too:"
+	answer=$(dig "@$ROUTER" -b "$CLIENT" +tries=1 +time=3 +noedns +tcp ads.example) || true
+	expect_blocked "ads.example does not exist over TCP either"
+}
+
 step_stay() {
 	[[ -t 0 ]] || return 0
 	title "Your turn"
@@ -350,7 +371,7 @@ step_leds() {
 	good "off at the end"
 }
 
-for step in start forward block live_edit statistics failover settings page stay stop leds; do
+for step in start forward block live_edit statistics failover settings page tcp stay stop leds; do
 	"step_$step"
 done
 title "That was the tour."
