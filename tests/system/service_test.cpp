@@ -180,6 +180,7 @@ TEST_F(Router, RecommendedSettingsAreForANewInstallationOnly) {
         if (router.is_new)
             expected.insert(expected.find("config main\n") + strlen("config main\n"),
                             "\toption ignore_case '1'\n\toption block_answer 'null'\n"
+                            "\toption tcp_connections '20'\n"
                             "\toption concurrent_queries '300'\n");
         EXPECT_EQ(read_file("/etc/config/vantrelle"), expected);
         const std::string pointed_out =
