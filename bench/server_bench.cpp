@@ -1,4 +1,5 @@
 // What every query passes besides lists and database: name decoding and the hand-over to a worker.
+#include "message.h"
 #include "svrutils.h"
 #include "thpool.h"
 

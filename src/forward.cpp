@@ -3,8 +3,8 @@
 #include "config.h"
 #include "counters.h"
 #include "ledutils.h"
+#include "message.h"
 #include "netutils.h"
-#include "svrutils.h"
 #include "utils.h"
 
 #include <cstdlib>

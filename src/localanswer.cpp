@@ -1,7 +1,6 @@
 #include "localanswer.h"
 
-#include "relay.h"
-#include "svrutils.h"
+#include "message.h"
 
 #include <algorithm>
 #include <cstring>

@@ -10,7 +10,6 @@
 // that the kernel tied the socket to, with the query's random id and with its question.
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <netinet/in.h>
 
@@ -33,17 +32,3 @@ void relay_upstreams_changed();
 
 // The upstream server in use. Any thread, while there is a relay.
 sockaddr_in relay_upstream();
-
-// Whether a message says that it is a response. It has a whole header. Pure.
-bool is_response(const uint8_t *message);
-
-// Makes a query with a whole header the reply that calls it malformed (format error). Pure.
-void mark_malformed(uint8_t *query);
-
-// Where the question of a query ends that has exactly one, with a plain name, and all of it within
-// its `length` bytes; else 0. Pure.
-size_t find_question_end(const uint8_t *query, size_t length);
-
-// Whether `length` bytes are an answer to the query whose question ends there. If so, the id in
-// them becomes the query's. Does not compare ids. Pure.
-bool make_reply(uint8_t *answer, size_t length, const uint8_t *query, size_t question_end);

@@ -11,6 +11,7 @@
 #include "netutils.h"
 #include "relay.h"
 #include "statsdb.h"
+#include "svrutils.h"
 #include "tcp.h"
 #include "utils.h"
 #include "whitelist.h"

@@ -5,7 +5,7 @@
 // answer_at_once(); both hold `lock` meanwhile, so there is one request at a time.
 #pragma once
 
-#include "svrutils.h"
+#include "message.h"
 
 #include <cstdint>
 #include <netinet/in.h>

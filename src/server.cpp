@@ -251,7 +251,7 @@ static void open_sockets() {
     _open_ns_socket();
     _open_upstream_dns_connection();
     start_relay();
-    start_tcp();
+    start_tcp(process_tcp_query);
     _fix_resolv();
     multi_led_blue();
     handle_pending_signals(has_workers());

@@ -2,6 +2,7 @@
 
 #include "config.h"
 #include "log.h"
+#include "message.h"
 #include "netutils.h"
 
 #include <cstring>

@@ -4,9 +4,8 @@
 #include "counters.h"
 #include "guards.h"
 #include "ledutils.h"
+#include "message.h"
 #include "relay.h"
-#include "request.h"
-#include "svrutils.h"
 #include "tcpforward.h"
 #include "thpool.h"
 #include "utils.h"
@@ -79,6 +78,7 @@ struct Exchange {
     bool is_running; // the rest is valid
     bool is_ending;  // the thread shall end
     bool has_job;    // one is in the pool or at work
+    void (*decide)(TcpQuery *);
     int wake_fd;
     QueryList pending; // to be decided
     QueryList decided; // to be answered or forwarded
@@ -96,12 +96,6 @@ static void append(QueryList &list, TcpQuery *query) {
     query->next = nullptr;
     (list.first ? list.last->next : list.first) = query;
     list.last = query;
-}
-
-static void free_query(TcpQuery *query) {
-    free(query->message);
-    free(query->reply);
-    free(query);
 }
 
 static TcpQuery *take_first(QueryList &list) {
@@ -127,12 +121,14 @@ static void need_job() {
 // The job: one query, and then it is the turn of what came over UDP meanwhile.
 static void *decide_next(void *) {
     TcpQuery *query;
+    void (*decide)(TcpQuery *);
     {
         const MutexGuard guard(tcp_mutex);
         query = take_first(exchange.pending);
+        decide = exchange.decide;
     }
     if (query)
-        process_tcp_query(query);
+        decide(query);
     const MutexGuard guard(tcp_mutex);
     need_job();
     return nullptr;
@@ -157,7 +153,7 @@ void reply_over_tcp(TcpQuery *query, TcpMessage *message) {
     if (exchange.is_running)
         hand_back(query);
     else
-        free_query(query);
+        free_tcp_query(query);
 }
 
 bool forward_over_tcp(TcpQuery *query) {
@@ -176,7 +172,7 @@ bool forward_over_tcp(TcpQuery *query) {
     {
         const MutexGuard guard(tcp_mutex);
         if (!exchange.is_running) {
-            free_query(query);
+            free_tcp_query(query);
             return false;
         }
         syslog(LOG_DEBUG, "Forwarding request");
@@ -197,7 +193,7 @@ static void forget_pending(uint32_t connection, uint32_t generation) {
     QueryList kept;
     while (TcpQuery *query = take_first(exchange.pending))
         if (query->connection == connection && query->generation == generation)
-            free_query(query);
+            free_tcp_query(query);
         else
             append(kept, query);
     exchange.pending = kept;
@@ -253,7 +249,8 @@ static void add_answer(Connection &connection, TcpMessage *answer) {
     }
 }
 
-void finish_tcp_query(TcpQuery *query, TcpMessage *reply) {
+// Ends a query with what its client gets, which may be null. Takes both.
+static void finish_query(TcpQuery *query, TcpMessage *reply) {
     Connection &connection = connection_at(static_cast<int>(query->connection));
     if (is_open(connection) && connection.generation == query->generation) {
         connection.out--;
@@ -263,7 +260,7 @@ void finish_tcp_query(TcpQuery *query, TcpMessage *reply) {
             add_answer(connection, std::exchange(reply, nullptr));
     }
     free(reply);
-    free_query(query);
+    free_tcp_query(query);
 }
 
 // --- queries -------------------------------------------------------------------------------------
@@ -335,11 +332,11 @@ static bool take_decided() {
     while (TcpQuery *query = take_first(decided)) {
         const Connection &connection = connection_at(static_cast<int>(query->connection));
         if (!query->is_forwarded)
-            finish_tcp_query(query, std::exchange(query->reply, nullptr));
+            finish_query(query, std::exchange(query->reply, nullptr));
         else if (is_open(connection) && connection.generation == query->generation)
             forward_tcp_query(query);
         else
-            free_query(query);
+            free_tcp_query(query);
     }
     return true;
 }
@@ -577,7 +574,7 @@ static void give_all_back() {
     end_tcp_forwarding();
     for (QueryList *list : {&exchange.pending, &exchange.decided})
         while (TcpQuery *query = take_first(*list))
-            free_query(query);
+            free_tcp_query(query);
     for (const int fd : {server.listener, server.epoll_fd, exchange.wake_fd})
         if (fd >= 0)
             close(fd);
@@ -586,17 +583,18 @@ static void give_all_back() {
     exchange = {};
 }
 
-void start_tcp() {
+void start_tcp(void (*decide)(TcpQuery *)) {
     if (oDNS.tcp_connections == 0 || oDNS.concurrent_queries == 0)
         return;
     const MutexGuard guard(tcp_mutex);
     server = {};
     exchange = {};
+    exchange.decide = decide;
     server.listener = server.epoll_fd = exchange.wake_fd = NONE;
     server.accepts_at = NEVER;
     exchange.is_running = open_listener() && make_table() && make_events();
     if (exchange.is_running) {
-        start_tcp_forwarding(server.epoll_fd);
+        start_tcp_forwarding(server.epoll_fd, finish_query);
         errno = pthread_create(&server.thread, nullptr, tcp_main, nullptr);
         exchange.is_running = errno == 0;
     }

@@ -11,36 +11,12 @@
 // guards the two lists by which queries get to the worker and back; it is held for moments.
 #pragma once
 
-#include "tcpstream.h"
-
-#include <cstdint>
-#include <netinet/in.h>
-
-// A query, on the heap. Whoever holds it owns it, with its message and its reply.
-struct TcpQuery {
-    TcpQuery *next; // in a list of this file
-
-    // Which connection it came on: that one if it still has this generation.
-    uint32_t connection, generation;
-    sockaddr_in client;
-    uint32_t size; // of the message as it came
-    TcpMessage *message;
-    TcpMessage *reply; // if there is one
-    bool is_forwarded; // the thread is to see to the reply
-
-    // For tcpforward.cpp.
-    TcpQuery *earlier, *later; // in the order of deadlines
-    TcpQuery *next_of_id;
-    int64_t deadline; // microseconds of the monotonic clock
-    int16_t upstream; // or NO_UPSTREAM
-    uint16_t id;      // that went out
-    uint16_t question_end;
-    uint8_t tries;
-};
+#include "tcpquery.h"
 
 // Listens and starts the thread, if it is switched on. Without a listener it is an error line and
-// no more. Main thread, behind start_relay().
-void start_tcp();
+// no more. `decide` gets each query, on a worker: process_tcp_query() of request.h. Main thread,
+// behind start_relay().
+void start_tcp(void (*decide)(TcpQuery *query));
 
 // Ends the thread, which closes the listener and all connections. Main thread, before the listening
 // socket is closed.
@@ -55,14 +31,3 @@ void reply_over_tcp(TcpQuery *query, TcpMessage *message);
 // client as malformed, or dropped; false then, and it was not counted. Takes the query. Worker,
 // holder of `lock`.
 bool forward_over_tcp(TcpQuery *query);
-
-// --- for tcpforward.cpp --------------------------------------------------------------------------
-
-// Ends a query with what its client gets, which may be null. Takes both. The thread.
-void finish_tcp_query(TcpQuery *query, TcpMessage *reply);
-
-// What epoll tells with an event: of which kind of thing it is, which one, and in which generation.
-enum class TcpEvent : uint16_t { WAKE, LISTENER, CLIENT, UPSTREAM };
-inline uint64_t tcp_event(TcpEvent kind, uint32_t index, uint32_t generation) {
-    return uint64_t{generation} << 32 | static_cast<uint32_t>(kind) << 16 | index;
-}

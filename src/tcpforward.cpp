@@ -2,9 +2,9 @@
 
 #include "config.h"
 #include "guards.h"
+#include "message.h"
 #include "netutils.h"
 #include "relay.h"
-#include "svrutils.h"
 #include "utils.h"
 
 #include <algorithm>
@@ -54,6 +54,7 @@ static Upstream upstreams[MAX_UPSTREAMS];
 static TcpQuery *by_id[ID_CHAINS];
 static TcpQuery *earliest, *latest; // of those that wait
 static int epoll;
+static FinishTcpQuery finish_query;
 
 static int64_t timeout_us() {
     return int64_t{oDNS.dns_timeout} * US_PER_MS;
@@ -97,12 +98,6 @@ static void take_out(TcpQuery *query) {
     (query->later ? query->later->earlier : latest) = query->earlier;
 }
 
-static void free_query(TcpQuery *query) {
-    free(query->message);
-    free(query->reply);
-    free(query);
-}
-
 // Server failure: the query's header and question, and no records.
 static void fail_query(TcpQuery *query) {
     constexpr uint8_t OPCODE_AND_DESIRED = 0x79, RESPONSE = 0x80, AVAILABLE = 0x80, FAILURE = 2;
@@ -115,7 +110,7 @@ static void fail_query(TcpQuery *query) {
         bytes[3] = AVAILABLE | FAILURE;
         std::fill(bytes + 6, bytes + QUESTION_OFFSET, uint8_t{0});
     }
-    finish_tcp_query(query, reply);
+    finish_query(query, reply);
 }
 
 static void log_failure(sockaddr_in server, const char *why) {
@@ -267,7 +262,7 @@ void forget_tcp_queries(uint32_t connection, uint32_t generation) {
         if (query->connection != connection || query->generation != generation)
             continue;
         take_out(query);
-        free_query(query);
+        free_tcp_query(query);
     }
 }
 
@@ -295,7 +290,7 @@ static void take_answer(Upstream &upstream, TcpMessage *answer) {
     upstream.answered_at = now;
     if (upstream.waiting == 0)
         upstream.silent_since = NEVER;
-    finish_tcp_query(query, answer);
+    finish_query(query, answer);
 }
 
 static void read_answers(Upstream &upstream) {
@@ -426,8 +421,9 @@ int64_t tend_upstreams() {
     return next;
 }
 
-void start_tcp_forwarding(int epoll_fd) {
+void start_tcp_forwarding(int epoll_fd, FinishTcpQuery finish) {
     epoll = epoll_fd;
+    finish_query = finish;
     for (Upstream &upstream : upstreams)
         upstream = {};
 }
@@ -435,7 +431,7 @@ void start_tcp_forwarding(int epoll_fd) {
 void end_tcp_forwarding() {
     for (TcpQuery *query = earliest, *later; query; query = later) {
         later = query->later;
-        free_query(query);
+        free_tcp_query(query);
     }
     earliest = latest = nullptr;
     std::fill(std::begin(by_id), std::end(by_id), nullptr);

@@ -8,20 +8,20 @@
 // part in which server is in use.
 #pragma once
 
-#include "tcp.h"
+#include "tcpquery.h"
 
 #include <cstdint>
 
-inline constexpr int16_t NO_UPSTREAM = -1;
+// Ends a query with what its client gets, which may be null. Takes both.
+using FinishTcpQuery = void (*)(TcpQuery *query, TcpMessage *reply);
 
 // Starts with no connection and no query; what is opened is watched by that epoll.
-void start_tcp_forwarding(int epoll_fd);
+void start_tcp_forwarding(int epoll_fd, FinishTcpQuery finish);
 
 // Ends all connections and frees all queries.
 void end_tcp_forwarding();
 
-// Takes a query and sees to it that finish_tcp_query() gets it, now or later, unless it is
-// forgotten.
+// Takes a query and sees to it that it is finished, now or later, unless it is forgotten.
 void forward_tcp_query(TcpQuery *query);
 
 // Frees the queries of a client connection that is no more.

@@ -2,8 +2,7 @@
 // is changed for the client. The input is a query and a datagram; how their questions compare is
 // decided once more here, label by label.
 #include "fuzz.h"
-#include "relay.h"
-#include "svrutils.h"
+#include "message.h"
 
 #include <algorithm>
 #include <vector>

@@ -5,7 +5,7 @@
 #include "config.h"
 #include "forward.h"
 #include "fuzz.h"
-#include "svrutils.h"
+#include "message.h"
 
 #include <algorithm>
 #include <arpa/inet.h>
