@@ -55,8 +55,8 @@ start() { # who, address, command
 	took=$(($(now) - started))
 }
 start_ours() { start "${1:-vantrelled}" "$OURS" vantrelled; }
-start_theirs() {
-	start dnsmasq "$THEIRS" dnsmasq --no-daemon --conf-file="$WORK/dnsmasq.conf"
+start_theirs() { # how it runs
+	start dnsmasq "$THEIRS" dnsmasq "${1:---no-daemon}" --conf-file="$WORK/dnsmasq.conf"
 }
 # The daemon stops with the next query.
 stop_ours() {
@@ -82,7 +82,7 @@ load() { # what, who, address, queries, expected response code, queries outstand
 	before=$(ticks "$2")
 	output=$(dnsperf -m "${transport:-udp}" -s "$3" -d "$WORK/$4" -c 4 -q "${6:-100}" -t "${7:-20}" -l "$SECONDS_EACH" 2>/dev/null)
 	awk -v what="$1" -v who="$2" -v ticks=$(($(ticks "$2") - before)) -v hz="$(getconf CLK_TCK)" \
-		-v code="$5" -v tolerated="$((${6:-0} < 1000 ? 1 : 300))" '
+		-v code="$5" -v tolerated="${tolerated:-$((${6:-0} < 1000 ? 1 : 300))}" '
 		/Queries completed:/ { completed = $3 }
 		/Queries lost:/ { lost = $3 }
 		/Response codes:/ { right = $3 == code && NF == 5 }
@@ -191,13 +191,14 @@ over_delays() {
 	stop_ours concurrent
 }
 
-# Over TCP: four connections, with fifty queries outstanding.
+# Over TCP: four connections, with fifty queries outstanding. dnsmasq, which has a process for each
+# connection unless it is debugged, closes it after a hundred queries, and some are lost then.
 over_tcp() {
-	local -r transport=tcp
+	local -r transport=tcp tolerated=50
 	start_upstream 0
 	configure 1000 "$UPSTREAM" 0 20
 	start_ours concurrent
-	start_theirs
+	start_theirs --keep-in-foreground
 	load tcp_blocked concurrent "$OURS" blocked NXDOMAIN 50
 	load tcp_blocked dnsmasq "$THEIRS" blocked NOERROR 50
 	load tcp_forwarded concurrent "$OURS" clean NOERROR 50
