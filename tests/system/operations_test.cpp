@@ -1,4 +1,4 @@
-// What docs/operations.md tells an owner to do: the command that converts lists, and the daemon
+// What docs/operations.md tells an owner to do: the program that converts lists, and the daemon
 // beside a router's own dnsmasq, which keeps DHCP and the local names.
 #include "database.h"
 #include "harness.h"
@@ -9,22 +9,59 @@ namespace {
 
 struct OperationsTest : SystemTest {};
 
-TEST_F(OperationsTest, ConvertsOtherKindsOfLists) {
-    const std::string page = read_file(DOCUMENTS "/operations.md");
-    const size_t begin = page.find("    awk '"), end = page.find(" blocklist.txt", begin);
-    ASSERT_NE(end, std::string::npos);
-    write_file("/tmp/list",
-               "# hosts\n127.0.0.1\tlocalhost\n::1 ip6-localhost\n0.0.0.0 0.0.0.0\n"
-               "0.0.0.0 one.example Two.example # not no.example\n"
-               "[Adblock Plus]\n! not no.example\n||three.example^\n||no.example^$popup\n"
-               "@@||no.example^\nno.example##.banner\n||no.example/path\n"
-               "*.four.example\n*no.example\n.five.example\n||six.example^\r\n");
-    const Process awk("/bin/sh",
-                      {"-c", "busybox " + page.substr(begin, end - begin) + " /tmp/list"});
-    std::string patterns;
-    for (const std::string name : {"one", "two", "three", "four", "five", "six"})
-        patterns.append(name).append(".example,4\n.").append(name).append(".example,1\n");
-    EXPECT_TRUE(eventually([&] { return awk.output() == patterns; }, 3000)) << awk.output();
+// The converter as a program: its status, standard output, and the files WHITE and NEW. Each case
+// begins with the same ones, the latter the output of an earlier run.
+TEST_F(OperationsTest, ConvertsListsAsAWholeOrNotAtAll) {
+    const std::string before = "==\nas it was\n==\n.a.example,1\na.example,4\n";
+    const std::string after = "0\n~a.example\n~.a.example\nb.example,4\n.b.example,1\n"
+                              "==\nw.example,4\n.w.example,1\n==\nb.example,4\n.b.example,1\n";
+    const std::string both = "0\nb.example,4\n.b.example,1\nc.example,4\n.c.example,1\n" + before;
+    const std::string failed = "1\n" + before;
+    const std::pair<std::string, std::string> cases[] = {
+        {"$C -w white -o new -n new list", after},
+        {"$C -w white -o new -n new <list", after},
+        {"$C -o none list other", both},
+        {"$C -w white -o new -n new /dev/null", "0\n~a.example\n~.a.example\n==\n==\n"},
+        {"$C -x other", failed},
+        {"$C -w new -n new other", failed},
+        // a web page, alone, with as many lines of a list, and with one less
+        {"$C -w white -o new -n new page", "2\n" + before},
+        {"$C -f -n new page", "0\n==\nas it was\n==\n"},
+        {"head -n 2 page | $C list other /dev/fd/0", both},
+        {"head -n 3 page | $C list /dev/fd/0", "2\n" + before},
+        // what cannot be read
+        {"$C -w white -n new other none", failed},
+        {"$C -w white -n new other .", failed},
+        {"$C -w white -n new <&-", failed},
+        {"$C -o page -n new other", failed},
+        {"$C -o . -n new other", failed},
+        // what cannot be written
+        {"$C -w white -n new other >/dev/full", failed},
+        {"$C -w white -n new other >&-", failed},
+        {"{ sleep 0.3; $C -w white -n new other; echo $? >status; } | true; exit $(cat status)",
+         failed},
+        {"mount -t tmpfs -o size=4k none full; $C -w white -n full/new long; status=$?; "
+         "ls full; umount full; exit $status",
+         failed},
+        {"$C -w white -n none/new other", failed},
+        {"$C -w white -n full other", failed},
+        {"$C -w white -n /dev/null other; status=$?; [ -c /dev/null ] && exit $status", failed},
+    };
+    run("mkdir -p /tmp/c/full");
+    write_file("/tmp/c/list", "0.0.0.0 localhost b.example\n@@||w.example^\n");
+    write_file("/tmp/c/other", "c.example");
+    write_file("/tmp/c/page", "<html>\n<p>\nnot found\n</html>\n");
+    write_file("/tmp/c/old", ".a.example,1\na.example,4\n");
+    run("seq -f %g.example 1000 >/tmp/c/long");
+    for (const auto &[command, expected] : cases) {
+        Process shell("/bin/sh",
+                      {"-c", "cd /tmp/c; cp old new; echo as it was >white; C=" CONVERTER "; (" +
+                                 command +
+                                 ") >out 2>/dev/null; echo $?; cat out; "
+                                 "echo ==; cat white; echo ==; cat new; ls | grep tmp"});
+        shell.wait();
+        EXPECT_EQ(shell.output(), expected) << command;
+    }
 }
 
 // A query answered with 203.0.113.7; what follows the question is cut off.
