@@ -268,8 +268,8 @@ TEST_F(ConvertedListTest, BlocksTheNamesAndWhatIsBelowThem) {
         ASSERT_TRUE(is_blocked(name) && is_blocked(inner)) << inner;
         below.insert(inner);
         const std::string parent = name.substr(name.find('.') + 1);
-        for (const std::string &other : {label() + name, name + label(), label() + '.' + parent,
-                                         parent, name + ".test"}) {
+        for (const std::string &other :
+             {label() + name, name + label(), label() + '.' + parent, parent, name + ".test"}) {
             if (is_listed(other))
                 continue;
             ASSERT_FALSE(is_blocked(other)) << other;
