@@ -15,7 +15,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -207,15 +206,6 @@ static int convert(const Options &options, char **files) {
     return EXIT_SUCCESS;
 }
 
-// A closed standard stream would be the next file that is opened, and get what is meant for the
-// stream. What takes its place fails where the stream would.
-static void occupy_closed_streams() {
-    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; fd++)
-        if (fcntl(fd, F_GETFD) < 0 &&
-            open("/dev/null", fd == STDOUT_FILENO ? O_RDONLY : O_WRONLY) != fd)
-            _exit(STATUS_FAILED);
-}
-
 static bool read_options(int argc, char **argv, Options &options) {
     // NOLINTNEXTLINE(concurrency-mt-unsafe): the program has one thread
     for (int option; (option = getopt(argc, argv, "fw:o:n:")) != -1;)
@@ -240,7 +230,6 @@ static bool read_options(int argc, char **argv, Options &options) {
 }
 
 int main(int argc, char **argv) {
-    occupy_closed_streams();
     signal(SIGPIPE, SIG_IGN); // a reader that ends is a write that fails
     Options options;
     if (!read_options(argc, argv, options)) {

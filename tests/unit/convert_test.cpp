@@ -181,7 +181,7 @@ TEST(Converter, EveryKindOfLine) {
 TEST(Converter, ADifferenceLeadsFromOneOutputToTheNext) {
     const Input before("gone.example\nkept.example\nhalf.example\nx.parent.example");
     const Input after("new.example\nkept.example\n*.half.example CNAME .\nparent.example");
-    std::string lines = ".gone.example,1\n" + written(before.black) + "kept.example,4\n";
+    std::string lines = ".kept.example,1\n" + written(before.black) + "gone.example,4\n";
     Names old;
     uint32_t bad_line = 0;
     const OwnedFile file(fmemopen(lines.data(), lines.size(), "r"));
