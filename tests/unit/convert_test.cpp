@@ -51,130 +51,82 @@ enum Form { KNOWN, UNKNOWN, NO_LINE };
 
 TEST(Converter, EveryKindOfLine) {
     const std::string l63(63, 'l'), n229 = l63 + '.' + l63 + '.' + l63 + '.' + std::string(37, 'n');
-    const struct {
-        std::string line, names;
-        int left_out = NOTHING;
-        Form form = KNOWN;
-    } rows[] = {
-        // hosts files
-        {"0.0.0.0 a.example", "a.example"},
-        {"127.0.0.1\tA.Example\t b.example. # c.example\r", "a.example b.example"},
-        {"192.0.2.1 a.example ; c.example", "a.example"},
-        {"::1 a.example", "a.example"},
-        {"fe80::1%lo0 a.example", "a.example"},
-        {"2001:db8::192.0.2.1 a.example", "a.example"},
-        {"127.0.0.1 localhost LOCAL localhost.localdomain broadcasthost 0.0.0.0", ""},
-        {"ff02::1 ip6-allnodes ip6-mcastprefix", ""},
-        {"0.0.0.0 a.example router", "a.example", SINGLE_LABEL},
-        {"0.0.0.0 *.a.example", "", NO_HOST_NAME},
-        {"1.2.3 a.example", "", UNKNOWN_FORM, UNKNOWN},
-        {"12345::1 a.example", "", UNKNOWN_FORM, UNKNOWN},
-        {"192.0.2.1", "", NO_HOST_NAME, UNKNOWN},
-        {"192.0.2.0/24", "", NO_HOST_NAME, UNKNOWN},
-        // plain names
-        {"a.example", "a.example"},
-        {" \ta.example.. \r\r", "a.example"},
-        {"*.a.example", "a.example"},
-        {"xn--bcher-kva.example", "xn--bcher-kva.example"},
-        {"b\xc3\xbc"
-         "cher.example",
-         "", NO_HOST_NAME, UNKNOWN},
-        {"_dmarc.a_b.example", "_dmarc.a_b.example"},
-        {"3.a1.example", "3.a1.example"},
-        {"a-b.example", "a-b.example"},
-        {"-a.example", "", NO_HOST_NAME, UNKNOWN},
-        {"a-.example", "", NO_HOST_NAME, UNKNOWN},
-        {"a..example", "", NO_HOST_NAME, UNKNOWN},
-        {".a.example", "", NO_HOST_NAME, UNKNOWN},
-        {"a.*.example", "", NO_HOST_NAME, UNKNOWN},
-        {"a.example/path", "", NO_HOST_NAME, UNKNOWN},
-        {"a.example b.example", "", UNKNOWN_FORM, UNKNOWN},
-        {"it's.example", "", NO_HOST_NAME, UNKNOWN},
-        {std::string("a.ex\0mple", 9), "", NO_HOST_NAME, UNKNOWN},
-        {"com", "", SINGLE_LABEL},
-        {"localhost", ""},
-        {l63 + ".example", l63 + ".example"},
-        {l63 + "l.example", "", NO_HOST_NAME, UNKNOWN},
-        {n229, n229},
-        {n229 + 'n', "", NAME_TOO_LONG},
-        {n229 + std::string(24, 'n'), "", NAME_TOO_LONG},
-        {n229 + std::string(25, 'n'), "", NO_HOST_NAME, UNKNOWN},
-        {"<a.example>", "", NO_HOST_NAME, UNKNOWN},
-        // rules of ad blockers
-        {"||a.example^", "a.example"},
-        {"||a.example^$important,document", "a.example"},
-        {"||a.example^$all ! c.example", "", RULE_OPTION},
-        {"||a.example^$third-party", "", RULE_OPTION},
-        {"||a.example^$important,popup", "", RULE_OPTION},
-        {"||a.example^$", "", RULE_OPTION},
-        {"||a.example", "", UNKNOWN_FORM, UNKNOWN},
-        {"||a.example^path", "", UNKNOWN_FORM, UNKNOWN},
-        {"||*a.example^", "", NO_HOST_NAME},
-        {"@@||a.example^", "@a.example"},
-        {"@@||a.example^$important", "@a.example"},
-        {"@@||a.example^$elemhide", "", RULE_OPTION},
-        {"@@|a.example^", "", NO_HOST_NAME, UNKNOWN},
-        {"a.example##.banner", "", PAGE_RULE},
-        {"a.example,b.example#@#.banner #id", "", PAGE_RULE},
-        {"a.example#?#div:has(> a)", "", PAGE_RULE},
-        {"a.example#$#body { x: y ; }", "", PAGE_RULE},
-        {"##.banner", "", PAGE_RULE},
-        {"###banner", "", PAGE_RULE},
-        {"#@#.banner", "", PAGE_RULE},
-        {"a.example#banner", "", NO_HOST_NAME, UNKNOWN},
-        // dnsmasq
-        {"address=/a.example/b.example/", "a.example b.example"},
-        {"address=/a.example/#", "a.example"},
-        {"address=/a.example/0.0.0.0 # c", "a.example"},
-        {"address=/a.example/127.0.0.1", "a.example"},
-        {"address=/a.example/::", "a.example"},
-        {"address=/a.example/::1", "a.example"},
-        {"address=/a.example/192.0.2.1", "", OTHER_ANSWER},
-        {"address=/#/0.0.0.0", "", NO_HOST_NAME},
-        {"address=/a.example", "", UNKNOWN_FORM, UNKNOWN},
-        {"server=/a.example/com/", "a.example", SINGLE_LABEL},
-        {"server=/a.example/0.0.0.0", "", OTHER_ANSWER},
-        {"server=/a.example/#", "", OTHER_ANSWER},
-        {"local=/a.example/", "a.example"},
-        // response policy zones
-        {"a.example CNAME .", "a.example"},
-        {"a.example. cname . ; c.example", "a.example"},
-        {"*.a.example CNAME .", ".a.example"},
-        {"a.example CNAME rpz-passthru.", "", OTHER_ANSWER},
-        {"a.example A 0.0.0.0", "", UNKNOWN_FORM, UNKNOWN},
-        {"$TTL 300", "", UNKNOWN_FORM, UNKNOWN},
-        // comments and nothing
-        {"", "", NOTHING, NO_LINE},
-        {" \t\r", "", NOTHING, NO_LINE},
-        {"# a.example", "", NOTHING, NO_LINE},
-        {" #a.example", "", NOTHING, NO_LINE},
-        {"! a.example", "", NOTHING, NO_LINE},
-        {";a.example", "", NOTHING, NO_LINE},
-        {"[Adblock Plus 2.0]", "", NOTHING, NO_LINE},
-        {"## a heading", "", NOTHING, NO_LINE},
-        {"########", "", NOTHING, NO_LINE},
-        {"a.example # b.example##.banner", "a.example"},
-        // whole inputs
-        {"\xef\xbb\xbf"
-         "a.example",
-         "a.example"},
-        {"a.example " + std::string(LONGEST_LINE, 'x'), "", LINE_TOO_LONG, UNKNOWN},
-        {"#" + std::string(LONGEST_LINE, 'x'), "", NOTHING, NO_LINE},
-        {"xb.example\nx.a-b.example\nx.b.example\nb.example\na.b.example\nB.example\n"
-         "*.b.example CNAME .\n0.0.0.0 a.x.b.example",
-         "b.example x.a-b.example xb.example"},
-        {"x.b.example\n*.b.example CNAME .", ".b.example"},
+    struct Outcome {
+        std::string names;
+        int left_out;
+        Form form;
     };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.line);
-        const Input input(row.line);
-        const std::string white = brief(input.white, "@");
-        EXPECT_EQ(brief(input.black) + white, row.names);
-        for (int reason = 0; reason < LEFT_OUT_REASONS; reason++)
-            EXPECT_EQ(input.left_out[reason] > 0, reason == row.left_out) << REASONS[reason];
-        EXPECT_EQ(input.lines > 0, row.form != NO_LINE);
-        EXPECT_EQ(input.known, row.form == KNOWN ? input.lines : 0);
-    }
+    const std::pair<Outcome, std::vector<std::string>> rows[] = {
+        {{"a.example", NOTHING, KNOWN},
+         {// hosts files and plain names
+          "0.0.0.0 A.Example", "192.0.2.1 a.example ; c.example", "::1\ta.example",
+          "fe80::1%lo0 a.example", "2001:db8::192.0.2.1 a.example", "a.example", "*.a.example",
+          " \ta.example.. \r\r", "a.example # c.example##.banner",
+          "\xef\xbb\xbf"
+          "a.example",
+          // rules of ad blockers
+          "||a.example^", "||a.example^$important", "||a.example^$all,document",
+          // dnsmasq
+          "address=/a.example/", "address=/a.example/#", "address=/a.example/0.0.0.0 # c",
+          "address=/a.example/127.0.0.1", "address=/a.example/::", "address=/a.example/::1",
+          "server=/a.example/", "local=/a.example/",
+          // response policy zones
+          "a.example CNAME .", "a.example. cname . ; c.example"}},
+        {{"a.example b.example", NOTHING, KNOWN},
+         {"127.0.0.1\tA.Example\t b.example. # c.example\r", "address=/b.example/a.example/"}},
+        {{".a.example", NOTHING, KNOWN},
+         {"*.a.example CNAME .", "x.a.example\n*.a.example CNAME ."}},
+        {{"@a.example", NOTHING, KNOWN}, {"@@||a.example^", "@@||a.example^$important"}},
+        {{"", NOTHING, KNOWN},
+         {"127.0.0.1 localhost LOCAL localhost.localdomain broadcasthost 0.0.0.0", "localhost",
+          "ff02::1 ip6-allnodes ip6-mcastprefix"}},
+        {{"", NOTHING, NO_LINE},
+         {"", " \t\r", "# a.example", " #a.example", "! a.example", ";a.example", "[Adblock Plus]",
+          "## a heading", "########", "#" + std::string(LONGEST_LINE, 'x')}},
+        {{"", RULE_OPTION, KNOWN},
+         {"||a.example^$all ! c.example", "||a.example^$third-party", "||a.example^$",
+          "||a.example^$important,popup", "@@||a.example^$elemhide"}},
+        {{"", PAGE_RULE, KNOWN},
+         {"a.example##.banner", "a.example,b.example#@#.banner #id", "a.example#?#div:has(> a)",
+          "a.example#$#body { x: y ; }", "##.banner", "###banner", "#@#.banner"}},
+        {{"", OTHER_ANSWER, KNOWN},
+         {"address=/a.example/192.0.2.1", "server=/a.example/0.0.0.0", "server=/a.example/#",
+          "a.example CNAME rpz-passthru."}},
+        {{"a.example", SINGLE_LABEL, KNOWN},
+         {"0.0.0.0 a.example router", "server=/a.example/com/"}},
+        {{"", SINGLE_LABEL, KNOWN}, {"com", "*.com CNAME ."}},
+        {{"", NO_HOST_NAME, KNOWN}, {"0.0.0.0 *.a.example", "||*a.example^", "address=/#/0.0.0.0"}},
+        {{"", NO_HOST_NAME, UNKNOWN},
+         {"192.0.2.1", "192.0.2.0/24",
+          "b\xc3\xbc"
+          "cher.example",
+          "-a.example", "a-.example", "a..example", ".a.example", "a.*.example", "a.example/path",
+          "it's.example", std::string("a.ex\0mple", 9), "<a.example>", "@@|a.example^",
+          "a.example#banner", l63 + "l.example", n229 + std::string(25, 'n')}},
+        {{"", UNKNOWN_FORM, UNKNOWN},
+         {"1.2.3 a.example", "12345::1 a.example", "a.example b.example", "||a.example",
+          "||a.example^path", "address=/a.example", "a.example A 0.0.0.0", "$TTL 300"}},
+        {{"", NAME_TOO_LONG, KNOWN}, {n229 + 'n', n229 + std::string(24, 'n')}},
+        {{"", LINE_TOO_LONG, UNKNOWN}, {"a.example " + std::string(LONGEST_LINE, 'x')}},
+        {{"3.a-1.example xn--bcher-kva.example _dmarc.a_b.example", NOTHING, KNOWN},
+         {"_dmarc.a_b.example\n3.a-1.example\nxn--bcher-kva.example"}},
+        {{l63 + ".example", NOTHING, KNOWN}, {l63 + ".example"}},
+        {{n229, NOTHING, KNOWN}, {n229}},
+        {{"b.example x.a-b.example xb.example", NOTHING, KNOWN},
+         {"xb.example\nx.a-b.example\nx.b.example\nb.example\na.b.example\nB.example\n"
+          "*.b.example CNAME .\n0.0.0.0 a.x.b.example"}},
+    };
+    for (const auto &[row, inputs] : rows)
+        for (const std::string &text : inputs) {
+            SCOPED_TRACE(text);
+            const Input input(text);
+            const std::string white = brief(input.white, "@");
+            EXPECT_EQ(brief(input.black) + white, row.names);
+            for (int reason = 0; reason < LEFT_OUT_REASONS; reason++)
+                EXPECT_EQ(input.left_out[reason] > 0, reason == row.left_out) << REASONS[reason];
+            EXPECT_EQ(input.lines > 0, row.form != NO_LINE);
+            EXPECT_EQ(input.known, row.form == KNOWN ? input.lines : 0);
+        }
 }
 
 // The lines of a run in any order, and twice, are the same set.
