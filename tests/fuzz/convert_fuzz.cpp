@@ -25,16 +25,6 @@ static FILE *open_text(std::string_view text) {
     return fmemopen(const_cast<char *>(text.data()), text.size(), "r");
 }
 
-static void read_text(std::string_view text, Lists &lists) {
-    lists.wants_white = true;
-    const OwnedFile file(text.empty() ? nullptr : open_text(text));
-    check(!file || read_list(file.get(), lists));
-    check(arrange(lists.black) && arrange(lists.white));
-    drop_covered(lists.black);
-    drop_covered(lists.white);
-    check(lists.known <= lists.lines);
-}
-
 // A check of its own: labels as RFC 1123 has them, at least two.
 static bool is_name(std::string_view name) {
     size_t labels = 0;
@@ -66,6 +56,15 @@ static std::vector<std::string_view> lines_of(std::string_view text) {
     return lines;
 }
 
+// Whether a pattern for what is below a name that this one is below is among them.
+static bool is_covered(std::string_view line, const Set &all) {
+    const std::string_view name = line.substr(line[0] == '.', line.find(',') - (line[0] == '.'));
+    for (size_t dot = name.find('.'); dot != name.npos; dot = name.find('.', dot + 1))
+        if (all.contains(std::string(name.substr(dot)) + ",1"))
+            return true;
+    return false;
+}
+
 // The patterns of a whole output.
 static Set checked(const std::string &output) {
     Set all;
@@ -74,24 +73,38 @@ static Set checked(const std::string &output) {
         check(line.ends_with(is_below ? ",1" : ",4") && all.emplace(line).second);
         check(is_name(line.substr(is_below, line.size() - 2 - is_below)));
     }
-    for (const std::string_view line : all) {
-        const std::string_view name =
-            line.substr(line[0] == '.', line.find(',') - (line[0] == '.'));
-        check(all.contains('.' + std::string(name) + ",1"));
-        for (size_t dot = name.find('.'); dot != name.npos; dot = name.find('.', dot + 1))
-            check(!all.contains(std::string(name.substr(dot)) + ",1"));
-    }
+    for (const std::string_view line : all)
+        check(!is_covered(line, all) &&
+              (line[0] == '.' || all.contains('.' + std::string(line, 0, line.size() - 1) + '1')));
     return all;
 }
 
-static Set apply(Set old, const std::string &gone, const std::string &added) {
+// Puts names in order and takes those below others out, and no others.
+static Set settle(Names &names) {
+    check(arrange(names));
+    const std::string all = patterns(names, {}, LineKind::ADDED);
+    drop_covered(names);
+    Set kept = checked(patterns(names, {}, LineKind::ADDED));
+    for (const std::string_view line : lines_of(all))
+        check(kept.contains(line) || is_covered(line, kept));
+    return kept;
+}
+
+static void read_text(std::string_view text, Lists &lists) {
+    lists.wants_white = true;
+    const OwnedFile file(text.empty() ? nullptr : open_text(text));
+    check(!file || read_list(file.get(), lists));
+    check(lists.known <= lists.lines);
+}
+
+static Set apply(Set lines, const Set &next, const std::string &gone, const std::string &added) {
     for (const std::string_view line : lines_of(gone)) {
-        check(line[0] == '~');
-        check(old.erase(std::string(line.substr(1)) + (line[1] == '.' ? ",1" : ",4")) == 1);
+        const std::string pattern = std::string(line.substr(1)) + (line[1] == '.' ? ",1" : ",4");
+        check(line[0] == '~' && !next.contains(pattern) && lines.erase(pattern) == 1);
     }
     for (const std::string_view line : lines_of(added))
-        check(old.emplace(line).second);
-    return old;
+        check(lines.emplace(line).second);
+    return lines;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
@@ -101,17 +114,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     Lists after;
     read_text(input.substr(0, middle), before);
     read_text(input.substr(std::min(middle + 1, size)), after);
-    const std::string old_output = patterns(before.black, {}, LineKind::ADDED);
-    const std::string new_output = patterns(after.black, {}, LineKind::ADDED);
-    checked(patterns(after.white, {}, LineKind::ADDED));
+    const Set lines = settle(before.black);
+    const Set next = settle(after.black);
+    settle(after.white);
 
+    const std::string output = patterns(before.black, {}, LineKind::ADDED);
     Names old;
     uint32_t bad_line = 0;
-    const OwnedFile file(old_output.empty() ? nullptr : open_text(old_output));
+    const OwnedFile file(output.empty() ? nullptr : open_text(output));
     check((!file || read_patterns(file.get(), old, bad_line)) && arrange(old));
-    check(patterns(old, {}, LineKind::ADDED) == old_output);
-    check(apply(checked(old_output), patterns(old, after.black, LineKind::REMOVED),
-                patterns(after.black, old, LineKind::ADDED)) == checked(new_output));
+    check(patterns(old, {}, LineKind::ADDED) == output);
+    check(apply(lines, next, patterns(old, after.black, LineKind::REMOVED),
+                patterns(after.black, old, LineKind::ADDED)) == next);
 
     // Anyone's text as the output of an earlier run.
     Names foreign;
