@@ -117,6 +117,22 @@ int add_list(Context &ctx, uci_ptr &ptr, bool noted) {
     return UCI_OK;
 }
 
+int del_list(Context &ctx, uci_ptr &ptr, bool noted) {
+    if (const int rc = complete(ctx, ptr))
+        return rc;
+    if (!ptr.s || !ptr.option || !ptr.value)
+        return UCI_ERR_INVAL;
+    if (!ptr.o || ptr.o->type != UCI_TYPE_LIST)
+        return UCI_OK;
+    note_change(ptr, '~', ptr.value, noted);
+    uci_element *e, *next;
+    uci_foreach_element_safe(&ptr.o->v.list, next, e) {
+        if (strcmp(e->name, ptr.value) == 0)
+            free_element(*e);
+    }
+    return UCI_OK;
+}
+
 } // namespace uci
 
 int uci_set(uci_context *ctx, uci_ptr *ptr) {
@@ -129,6 +145,10 @@ int uci_delete(uci_context *ctx, uci_ptr *ptr) {
 
 int uci_add_list(uci_context *ctx, uci_ptr *ptr) {
     return uci::finish(ctx, ptr, [&](uci::Context &own) { return uci::add_list(own, *ptr, true); });
+}
+
+int uci_del_list(uci_context *ctx, uci_ptr *ptr) {
+    return uci::finish(ctx, ptr, [&](uci::Context &own) { return uci::del_list(own, *ptr, true); });
 }
 
 int uci_add_section(uci_context *ctx, uci_package *p, const char *type, uci_section **res) {

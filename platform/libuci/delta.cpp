@@ -44,19 +44,6 @@ static bool move(uci_ptr &ptr) {
     return true;
 }
 
-static bool remove_items(uci_ptr &ptr) {
-    if (!ptr.s || !ptr.option)
-        return false;
-    if (!ptr.o || ptr.o->type != UCI_TYPE_LIST)
-        return true;
-    uci_element *e, *next;
-    uci_foreach_element_safe(&ptr.o->v.list, next, e) {
-        if (strcmp(e->name, ptr.value) == 0)
-            free_element(*e);
-    }
-    return true;
-}
-
 static bool apply(Context &ctx, uci_ptr &ptr, char prefix) {
     lookup(ctx, ptr, false);
     switch (prefix) {
@@ -69,7 +56,7 @@ static bool apply(Context &ctx, uci_ptr &ptr, char prefix) {
     case '^':
         return move(ptr);
     case '~':
-        return remove_items(ptr);
+        return del_list(ctx, ptr, false) == UCI_OK;
     default:
         if (set(ctx, ptr, false) != UCI_OK)
             return false;

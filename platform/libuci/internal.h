@@ -121,6 +121,7 @@ int lookup(Context &ctx, uci_ptr &ptr, bool extended);
 int set(Context &ctx, uci_ptr &ptr, bool noted);
 int remove(Context &ctx, uci_ptr &ptr, bool noted);
 int add_list(Context &ctx, uci_ptr &ptr, bool noted);
+int del_list(Context &ctx, uci_ptr &ptr, bool noted);
 
 // --- delta.cpp: files of pending changes ---------------------------------------------------------
 

@@ -148,6 +148,7 @@ int uci_delete(struct uci_context *ctx, struct uci_ptr *ptr);
 int uci_add_section(struct uci_context *ctx, struct uci_package *p, const char *type,
                     struct uci_section **res);
 int uci_add_list(struct uci_context *ctx, struct uci_ptr *ptr);
+int uci_del_list(struct uci_context *ctx, struct uci_ptr *ptr); // all items of that value
 
 // Save appends own changes to the pending ones; commit merges all pending ones into the file, which
 // keeps its bytes when there is none. A commit without `overwrite` reads the package anew: pointers
