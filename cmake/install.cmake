@@ -4,6 +4,8 @@ include(GNUInstallDirs)
 
 install(TARGETS vantrelled DESTINATION ${CMAKE_INSTALL_SBINDIR})
 install(TARGETS vantrelle-convert DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(PROGRAMS files/usr/sbin/vantrelle
+    DESTINATION ${CMAKE_INSTALL_SBINDIR})
 install(FILES files/etc/config/vantrelle
     DESTINATION ${CMAKE_INSTALL_FULL_SYSCONFDIR}/config
     PERMISSIONS OWNER_READ OWNER_WRITE)
