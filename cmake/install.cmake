@@ -4,7 +4,7 @@ include(GNUInstallDirs)
 
 install(TARGETS vantrelled DESTINATION ${CMAKE_INSTALL_SBINDIR})
 install(TARGETS vantrelle-convert DESTINATION ${CMAKE_INSTALL_BINDIR})
-install(PROGRAMS files/usr/sbin/vantrelle
+install(PROGRAMS files/usr/sbin/vantrelle files/usr/sbin/vantrelle-lists
     DESTINATION ${CMAKE_INSTALL_SBINDIR})
 install(FILES files/etc/config/vantrelle
     DESTINATION ${CMAKE_INSTALL_FULL_SYSCONFDIR}/config

@@ -14,14 +14,17 @@ struct Router : SystemTest {
         ASSERT_EQ(system("command -v busybox >/dev/null"), 0) << "needs Debian's package busybox";
         if (!fs::exists("/tmp/router"))
             run("mkdir /tmp/router && busybox --install -s /tmp/router && "
-                "for program in flock sqlite3; do ln -s $(command -v $program) /tmp/router; done "
-                "&& "
-                "for program in ip dnsmasq; do cp -f --remove-destination $(command -v $program) "
-                "/tmp/router; done && ln -s " BUILT_PROGRAMS "/* /tmp/router && "
-                "cp " ROUTER_FILES "/rc.common /etc && rm -f /etc/init.d && "
-                "DESTDIR=/tmp/root cmake --install " BUILD_TREE " --prefix /usr && "
-                "ln -sf /tmp/root/usr/bin/* /tmp/router && "
-                "mount --bind /tmp/root/usr/sbin /usr/sbin && "
+                "for program in busybox flock sqlite3; do ln -s $(command -v $program) "
+                "/tmp/router; done; "
+                "for program in ip dnsmasq; do rm -f /tmp/router/$program; "
+                "cp $(command -v $program) /tmp/router; done; "
+                "for program in ubus ubusd uci; do ln -s " BUILT_PROGRAMS "/$program /tmp/router; "
+                "done; cp " ROUTER_FILES "/rc.common /etc && rm -f /etc/init.d && "
+                "DESTDIR=/tmp/root cmake --install " BUILD_TREE " && "
+                "ln -s /tmp/root/usr/bin/vantrelle-convert /tmp/router && "
+                "rm /tmp/router/sync && printf '#!/bin/sh\n' >/tmp/router/sync && " // the whole
+                                                                                    // machine
+                "chmod +x /tmp/router/sync && mount --bind /tmp/root/usr/sbin /usr/sbin && "
                 "mount --bind \"$(command -v busybox)\" \"$(readlink -f /bin/sh)\"");
         setenv("PATH", "/tmp/router:/usr/sbin", 1);
         run("cp -r /tmp/root/etc/* /etc");
