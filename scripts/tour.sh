@@ -64,6 +64,12 @@ call() { # method, arguments
 	answer=$(ubus -S call vantrelle "$@") || true
 	indent <<<"$answer"
 }
+# Does what an owner types, and shows it; what it said stays in $answer.
+own_command() { # arguments
+	printf '%s    $ vantrelle %s%s\n' "$dim" "$*" "$plain"
+	answer=$(files/usr/sbin/vantrelle "$@") || fail "it ended with status $?"
+	indent <<<"$answer"
+}
 # Shows rows of the database, which stay in $answer.
 query_database() { # statement
 	answer=$(sqlite3 -header -column "file:/etc/vantrelle/vantrelle.db?mode=ro" "$1") || true
@@ -235,6 +241,18 @@ step_statistics() {
 	expect_answer '"clients"' "the neighbours that the router knows (none here, where all are one machine)"
 }
 
+step_own_command() {
+	title "What an owner types"
+	own_command status
+	expect_answer "filtering       on" "what it does, and how much is on the lists"
+	own_command top blocked
+	expect_answer "ads.example" "the patterns that blocked most"
+	own_command why shop.ads.example
+	expect_answer 'is forwarded: white has "shop.ads.example"' "what decides about a name"
+	own_command why www.tracker.example
+	expect_answer 'is blocked: black has "tracker.example" (at the end)' "or about another"
+}
+
 step_failover() {
 	title "The first DNS server goes down"
 	kill "${upstreams[0]}"
@@ -371,7 +389,7 @@ step_leds() {
 	good "off at the end"
 }
 
-for step in start forward block live_edit statistics failover settings page tcp stay stop leds; do
+for step in start forward block live_edit statistics own_command failover settings page tcp stay stop leds; do
 	"step_$step"
 done
 title "That was the tour."
