@@ -27,7 +27,7 @@ struct Router : SystemTest {
                 "chmod +x /tmp/router/sync && mount --bind /tmp/root/usr/sbin /usr/sbin && "
                 "mount --bind \"$(command -v busybox)\" \"$(readlink -f /bin/sh)\"");
         setenv("PATH", "/tmp/router:/usr/sbin", 1);
-        run("cp -r /tmp/root/etc/* /etc");
+        run("cp -r /tmp/root/etc/* " ROUTER_FILES "/init.d /etc");
     }
 };
 
