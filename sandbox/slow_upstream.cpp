@@ -68,8 +68,13 @@ int open_socket(const char *address, int type) {
     return fd;
 }
 
-class Server {
-  public:
+struct Server {
+    int udp, listener;
+    std::chrono::milliseconds delay;
+    bool is_truncating;
+    std::deque<Waiting> queue; // in order of time, since all wait equally long
+    std::vector<Connection> connections;
+
     Server(const char *address, int milliseconds, bool truncates)
         : udp(open_socket(address, SOCK_DGRAM)), listener(open_socket(address, SOCK_STREAM)),
           delay(milliseconds), is_truncating(truncates) {}
@@ -92,7 +97,6 @@ class Server {
         }
     }
 
-  private:
     // Milliseconds until the answer is due, rounded up; -1 without one.
     int time_until_due() const {
         using namespace std::chrono;
@@ -136,7 +140,10 @@ class Server {
     }
 
     void accept_connection() {
-        const int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+        sockaddr_in client{};
+        socklen_t length = sizeof client;
+        const int fd =
+            accept4(listener, reinterpret_cast<sockaddr *>(&client), &length, SOCK_CLOEXEC);
         const int on = 1;
         if (fd < 0)
             return;
@@ -146,7 +153,8 @@ class Server {
 
     void read_stream(size_t at) {
         char bytes[4096];
-        auto &[fd, received] = connections[at];
+        const int fd = connections[at].fd;
+        std::string &received = connections[at].received;
         const ssize_t size = recv(fd, bytes, sizeof bytes, 0);
         if (size <= 0) {
             std::erase_if(queue, [fd](const Waiting &each) { return each.connection == fd; });
@@ -164,12 +172,6 @@ class Server {
             received.erase(0, end);
         }
     }
-
-    int udp, listener;
-    std::chrono::milliseconds delay;
-    bool is_truncating;
-    std::deque<Waiting> queue; // in order of time, since all wait equally long
-    std::vector<Connection> connections;
 };
 
 } // namespace

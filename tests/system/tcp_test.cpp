@@ -10,6 +10,7 @@
 #include <map>
 #include <random>
 
+#include <arpa/inet.h>
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/resource.h>
@@ -25,6 +26,8 @@ UniqueFd bound_socket(const std::string &address, uint16_t port) {
     UniqueFd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     const sockaddr_in own = socket_address(address, port);
     const int on = 1;
+    const timeval patience{5, 0};
+    setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
     setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     setsockopt(fd.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     sandbox::must(bind(fd.get(), reinterpret_cast<const sockaddr *>(&own), sizeof own) == 0,
@@ -50,23 +53,15 @@ struct Connection {
         return poll(&waiting, 1, timeout) == 1;
     }
     // All of that many bytes, or nothing.
-    std::optional<Bytes> read(size_t size, int timeout = 5000) const {
+    std::optional<Bytes> read(size_t size) const {
         Bytes bytes(size, '\0');
-        for (ssize_t at = 0, count; at < static_cast<ssize_t>(size); at += count) {
-            count = ready(timeout) ? recv(fd.get(), &bytes[static_cast<size_t>(at)],
-                                          size - static_cast<size_t>(at), 0)
-                                   : 0;
-            if (count <= 0)
-                return std::nullopt;
-        }
-        return bytes;
+        const ssize_t count = recv(fd.get(), bytes.data(), size, MSG_WAITALL);
+        return count == static_cast<ssize_t>(size) ? std::optional(bytes) : std::nullopt;
     }
-    std::optional<Bytes> receive(int timeout = 5000) const {
-        const Bytes length = read(2, timeout).value_or("");
-        if (length.empty())
-            return std::nullopt;
-        return read(static_cast<uint8_t>(length[0]) * 256U + static_cast<uint8_t>(length[1]),
-                    timeout);
+    std::optional<Bytes> receive() const {
+        uint16_t size;
+        const bool is_there = recv(fd.get(), &size, sizeof size, MSG_WAITALL) == sizeof size;
+        return is_there ? read(ntohs(size)) : std::nullopt;
     }
     std::optional<Bytes> ask(const Bytes &message) const {
         return write(framed(message)) ? receive() : std::nullopt;
@@ -374,7 +369,7 @@ TEST_F(Tcp, ServersThatCloseRefuseOrSaySilentCostServerFailuresAtMost) {
             EXPECT_TRUE(client.write(framed(forged)));
             usleep(200'000);
             EXPECT_EQ(client.ask(question), echo(question));
-            EXPECT_EQ(client.receive(500), server_failure(forged, forged.size()));
+            EXPECT_EQ(client.receive(), server_failure(forged, forged.size()));
             EXPECT_EQ(failed("timed out"), count);
             EXPECT_EQ(server.opened, count);
             EXPECT_EQ(log_count("Dropping what answers no query"), count);
@@ -499,7 +494,7 @@ TEST_F(Tcp, ManyConnectionsTakeTheIdleOnesPlaces) {
             clients.emplace_back(20 + number % 10).write(framed(question));
         int answered = 0;
         for (const TcpClient &each : clients)
-            answered += each.receive(1000) == echo(question);
+            answered += each.receive() == echo(question);
         EXPECT_GE(answered, 7);
         EXPECT_LE(daemon.descriptors(), descriptors + 7 + 2);
         EXPECT_TRUE(passes("udp.example"));
