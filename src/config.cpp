@@ -98,6 +98,19 @@ static int read_block_ttl() {
     return DEFAULT;
 }
 
+static int read_stats_write_delay() {
+    constexpr int MAX = 3600;
+    const int delay = get_new_uci_int("vantrelle.@main[0].stats_write_delay", 0);
+    return delay < 0 ? 0 : delay > MAX ? MAX : delay;
+}
+
+// Empty tables and a list of some thousand names need most of a mebibyte.
+static int read_stats_max_size() {
+    constexpr int MIN = 2, MAX = 4095;
+    const int size = get_new_uci_int("vantrelle.@main[0].stats_max_size", 0);
+    return size <= 0 ? 0 : size < MIN ? MIN : size > MAX ? MAX : size;
+}
+
 // The stored settings replace what the command line set: of the options only the log level
 // survives, as the default of its key.
 static void read_settings() {
@@ -130,6 +143,8 @@ static void read_settings() {
     oDNS.block_answer = read_block_answer();
     oDNS.block_ttl = read_block_ttl();
     oDNS.ignore_case = get_new_uci_int("vantrelle.@main[0].ignore_case", 0);
+    oDNS.stats_write_delay = read_stats_write_delay();
+    oDNS.stats_max_size = read_stats_max_size();
 }
 
 void load_config() {

@@ -46,6 +46,8 @@ struct Settings {
     std::atomic<int32_t> log_level;      // 0..7: priorities up to this one are logged
     int32_t admin_enabled;               // whether the bus thread is started
     int32_t log_stats_interval;          // requests between two summary rows
+    int32_t stats_write_delay;           // seconds that rows may wait in memory; see recorder.h
+    int32_t stats_max_size;              // MiB of the database in use, see prune.h; 0: no limit
     int32_t current_dns;                 // slot in use; -1 for a moment: back to the primary
     sqlite3 *db;                         // open statistics database, or null
     std::atomic<int32_t> record_traffic; // 1: record requests and list hits

@@ -66,6 +66,10 @@ static void report_settings(ReportLine line) {
     line("Admin Enabled: %s", flag_text(oDNS.admin_enabled));
     line("Thread pool size: %d", oDNS.thread_pool);
     line("Log stats interval: %d", oDNS.log_stats_interval);
+    if (oDNS.stats_write_delay != 0)
+        line("Statistics write delay: %d", oDNS.stats_write_delay);
+    if (oDNS.stats_max_size != 0)
+        line("Statistics maximum size: %d", oDNS.stats_max_size);
     line("Log level: %d", oDNS.log_level.load());
     line("Log all Traffic: %s", flag_text(oDNS.record_traffic));
     line("Disabled: %s", flag_text(oDNS.disabled));

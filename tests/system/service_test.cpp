@@ -175,7 +175,8 @@ TEST_F(Router, RecommendedSettingsAreForANewInstallationOnly) {
         EXPECT_EQ(after == before, !router.is_new);
         std::set<std::string> expected = options_in(before);
         if (router.is_new)
-            expected.insert({"\toption ignore_case '1'", "\toption block_answer 'null'",
+            expected.insert({"\toption stats_max_size '16'", "\toption stats_write_delay '10'",
+                             "\toption ignore_case '1'", "\toption block_answer 'null'",
                              "\toption tcp_connections '20'",
                              "\toption concurrent_queries '300'"});
         EXPECT_EQ(options_in(after), expected);

@@ -94,7 +94,8 @@ std::vector<std::string> settings_from(const std::string &file) {
           oDNS.dns_timeout, oDNS.socket_buffer_size, oDNS.thread_pool, oDNS.log_level.load(),
           oDNS.log_stats_interval, oDNS.record_traffic.load(), oDNS.disabled.load(),
           oDNS.dns_max_time_on_secondary, oDNS.debug, oDNS.debug_sql,
-          static_cast<int>(oDNS.block_answer), oDNS.block_ttl, oDNS.ignore_case})
+          static_cast<int>(oDNS.block_answer), oDNS.block_ttl, oDNS.ignore_case, oDNS.stats_write_delay,
+          oDNS.stats_max_size})
         all.push_back(std::to_string(number));
     return all;
 }
@@ -120,6 +121,11 @@ TEST_F(SettingsTest, ShippedOnesAreTheBuiltInDefaults) {
         {"block_ttl", "0", &oDNS.block_ttl, 0},
         {"block_ttl", "86400", &oDNS.block_ttl, 86400},
         {"block_ttl", "86401", &oDNS.block_ttl, 60}, // and no warning
+        {"stats_write_delay", "-1", &oDNS.stats_write_delay, 0},
+        {"stats_write_delay", "3601", &oDNS.stats_write_delay, 3600},
+        {"stats_max_size", "-1", &oDNS.stats_max_size, 0},
+        {"stats_max_size", "1", &oDNS.stats_max_size, 2},
+        {"stats_max_size", "4096", &oDNS.stats_max_size, 4095},
     };
     for (const auto &[name, stored, read, expected] : bounds) {
         settings_from(warn + "\toption " + name + " '" + stored + "'\n");
