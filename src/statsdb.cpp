@@ -106,6 +106,8 @@ static constexpr Recurring FIND_ENTRY = {"select id from %s where frag = ?",
 static constexpr Recurring INSERT_CLIENT = {
     "insert into %s_stats ('frag_id', 'ip') values(?, ?)",
     "insert into %s_stats ('frag_id', 'ip') values(%ld , '%s')"};
+static constexpr Recurring INSERT_PAST_CLIENT = {
+    "insert into %s_stats ('frag_id', 'ip', 'timestamp') values(?, ?, ?)", INSERT_CLIENT.text};
 static constexpr Recurring INSERT_NAME = {"insert or replace into %s_fqdn ('fqdn') values(?)",
                                           "insert or replace into %s_fqdn ('fqdn') values('%s')"};
 static constexpr Recurring INSERT_HIT = {
@@ -286,7 +288,37 @@ class Connection {
     va_end(values);
 }
 
+// The batch that the holder of the connection is in.
+enum class Batch { NONE, OPEN, HELD_UP };
+static Batch batch = Batch::NONE;
+
+// Whether a failure may have passed in a while, and concerns all rows alike.
+static bool may_pass(int code) {
+    switch (code & 0xff) {
+    case SQLITE_BUSY:
+    case SQLITE_LOCKED:
+    case SQLITE_NOMEM:
+    case SQLITE_INTERRUPT:
+    case SQLITE_IOERR:
+    case SQLITE_FULL:
+    case SQLITE_CANTOPEN:
+    case SQLITE_PROTOCOL:
+        return true;
+    default:
+        return false;
+    }
+}
+
+// Whether a failed statement holds up the batch that it is in, so that nobody need hear of it.
+static bool holds_up_batch(const Connection &connection) {
+    if (batch == Batch::OPEN && may_pass(connection.code()))
+        batch = Batch::HELD_UP;
+    return batch == Batch::HELD_UP;
+}
+
 static bool report_failure(const Connection &connection, const Statement &sql) {
+    if (holds_up_batch(connection))
+        return false;
     syslog(LOG_ERR, "Couldn't execute sql statement: %s, %s", connection.message(), sql.text());
     return false;
 }
@@ -302,7 +334,7 @@ static bool execute(Connection &connection, const Recurring &recurring, Values..
 // Prepares a query whose failure is reported with the message alone.
 static Prepared query(Connection &connection, const Statement &sql) {
     Prepared statement = connection.prepare(sql);
-    if (!statement)
+    if (!statement && !holds_up_batch(connection))
         syslog(LOG_ERR, "Couldn't prepare sql statement: %s", connection.message());
     return statement;
 }
@@ -312,7 +344,7 @@ static Prepared query(Connection &connection, const Statement &sql) {
 namespace {
 
 // Who is asking, which decides how long is waited. The holder of the connection sets it.
-enum class Patience { QUERY, START_UP, EDIT };
+enum class Patience { QUERY, START_UP, EDIT, NONE };
 
 } // namespace
 
@@ -340,7 +372,7 @@ static bool may_query_wait(int64_t now, int tries) {
 }
 
 // SQLite asks this whether to try again. Its caller has the connection to itself. An edit never
-// waits here: store_edit() gives the connection back meanwhile.
+// waits here: change() gives the connection back meanwhile.
 static int wait_for_other_process(void *, int tries) {
     const int64_t now = monotonic_ms();
     const bool again = patience == Patience::START_UP ? may_start_up_wait(now, tries)
@@ -448,6 +480,19 @@ static bool is_edit_over(int64_t begin) {
     return true;
 }
 
+static std::atomic<const EditHooks *> edit_hooks;
+
+void set_edit_hooks(const EditHooks *hooks) {
+    edit_hooks = hooks;
+}
+
+// Writes what was kept back until this edit. Whether the edit need not wait for another process for
+// the sake of that.
+static bool write_rows_before_edit(const Connection &connection) {
+    const EditHooks *hooks = edit_hooks;
+    return !hooks || hooks->write_rows() || !connection.is_locked_out();
+}
+
 // Runs `step(connection)`, which returns whether it worked; a failure is passed to
 // `report(connection)`. In an edit a step is synchronised fully and, when another process holds the
 // file, repeated; between two attempts the connection is free for others.
@@ -459,7 +504,8 @@ static bool change(Step step, Report report) {
         if (!own_edit)
             return step(connection) || (report(connection), false);
         const Patience before = std::exchange(patience, Patience::EDIT);
-        const bool done = connection.set_full_sync(true) && step(connection);
+        const bool done = write_rows_before_edit(connection) && connection.set_full_sync(true) &&
+                          step(connection);
         const bool failed = !done && (!connection.is_locked_out() || is_edit_over(begin));
         if (failed)
             report(connection);
@@ -473,12 +519,16 @@ static bool change(Step step, Report report) {
 }
 
 EntryEdit::EntryEdit(const char *table, const char *frag) : table_(table), frag_(frag) {
+    if (const EditHooks *hooks = edit_hooks)
+        hooks->begin();
     own_edit = this;
     const MutexGuard guard(edit_lock);
     edit_under_way = this;
 }
 
 EntryEdit::~EntryEdit() {
+    if (const EditHooks *hooks = edit_hooks)
+        hooks->end();
     own_edit = nullptr;
     const MutexGuard guard(edit_lock);
     edit_under_way = nullptr;
@@ -566,6 +616,11 @@ int open_stats_database() {
 void end_start_up_waits() {
     const MutexGuard guard(handle_lock);
     patience = Patience::QUERY;
+}
+
+void let_queries_wait(bool wait) {
+    const MutexGuard guard(handle_lock);
+    patience = wait ? Patience::QUERY : Patience::NONE;
 }
 
 void close_database() {
@@ -789,7 +844,38 @@ const char *EntryImport::message() const {
     return hold_.get() ? sqlite3_errmsg(hold_.get()) : sqlite3_errstr(SQLITE_CANTOPEN);
 }
 
+// --- batches of rows -----------------------------------------------------------------------------
+
+RowBatch::RowBatch() : patience_(static_cast<int>(std::exchange(patience, Patience::NONE))) {
+    sqlite3 *db = hold_.get();
+    if (db && execute(db, BEGIN.sql))
+        batch = Batch::OPEN;
+    else if (db && may_pass(sqlite3_errcode(db)))
+        batch = Batch::HELD_UP;
+}
+
+RowBatch::~RowBatch() {
+    sqlite3 *db = hold_.get();
+    if (batch != Batch::NONE && db && !sqlite3_get_autocommit(db))
+        execute(db, "rollback");
+    batch = Batch::NONE;
+    patience = static_cast<Patience>(patience_);
+}
+
+bool RowBatch::is_held_up() const {
+    return batch == Batch::HELD_UP;
+}
+
+bool RowBatch::commit() {
+    if (batch == Batch::OPEN && !execute(hold_.get(), COMMIT.sql))
+        batch = Batch::HELD_UP;
+    return batch != Batch::HELD_UP;
+}
+
 // --- hits and requests ---------------------------------------------------------------------------
+
+// Of a hit whose timestamp the table's default makes.
+static constexpr int64_t NOW = INT64_MIN;
 
 // The id of an entry; 0 when there is none. False when that could not be asked.
 static bool find_entry(Connection &connection, const char *table, const char *frag, long &id) {
@@ -800,23 +886,37 @@ static bool find_entry(Connection &connection, const char *table, const char *fr
     if (result == SQLITE_ROW || result == SQLITE_DONE)
         return true;
     // One that was compiled earlier fails only here, when its table is gone or locked.
-    syslog(LOG_ERR, "Couldn't prepare sql statement: %s", connection.message());
+    if (!holds_up_batch(connection))
+        syslog(LOG_ERR, "Couldn't prepare sql statement: %s", connection.message());
     return false;
 }
 
-// Runs the begin or the commit around a hit's inserts. A failure is reported with the insert that
-// it keeps from being written.
+// Runs the begin or the commit around a hit's inserts, unless they are part of a batch. A failure
+// is reported with the insert that it keeps from being written.
 static bool frame(Connection &connection, const Recurring &recurring, const Statement &insert) {
-    return connection.prepare(recurring, Statement(recurring.text)).step() == SQLITE_DONE ||
+    return batch != Batch::NONE ||
+           connection.prepare(recurring, Statement(recurring.text)).step() == SQLITE_DONE ||
            report_failure(connection, insert);
+}
+
+static bool insert_client(Connection &connection, const Statement &sql, const char *table, long id,
+                          const char *ip, int64_t time) {
+    const int result = time == NOW
+                           ? connection.prepare(INSERT_CLIENT, sql, Table{table}, id, ip).step()
+                           : connection
+                                 .prepare(INSERT_PAST_CLIENT, sql, Table{table}, id, ip,
+                                          static_cast<long long>(time))
+                                 .step();
+    return result == SQLITE_DONE || report_failure(connection, sql);
 }
 
 // The three rows of one hit, in one transaction, since every commit costs about as much as the
 // rest. When one of them fails, the caller's end_transaction() keeps those before it.
 static bool insert_hit(Connection &connection, const char *table, long id, const char *fqdn,
-                       const char *ip) {
-    if (!frame(connection, BEGIN, Statement(INSERT_CLIENT.text, Table{table}, id, ip)) ||
-        !execute(connection, INSERT_CLIENT, Table{table}, id, ip))
+                       const char *ip, int64_t time) {
+    const Statement insert(INSERT_CLIENT.text, Table{table}, id, ip);
+    if (!frame(connection, BEGIN, insert) ||
+        !insert_client(connection, insert, table, id, ip, time))
         return false;
     const long long stats_id = connection.last_row_id();
     // A name seen before gets a fresh row; older hits keep the id of the row it had then.
@@ -829,8 +929,11 @@ static bool insert_hit(Connection &connection, const char *table, long id, const
 }
 
 int insert_list_record(const char *fqdn, const char *table, const char *frag, const char *ip) {
-    if (!oDNS.record_traffic)
-        return 1;
+    return oDNS.record_traffic ? insert_past_list_record(fqdn, table, frag, ip, NOW) : 1;
+}
+
+int insert_past_list_record(const char *fqdn, const char *table, const char *frag, const char *ip,
+                            int64_t time) {
     trace("Starting insert stats record: %s", shown(frag));
     if (!frag || !*frag)
         return 0;
@@ -853,16 +956,21 @@ int insert_list_record(const char *fqdn, const char *table, const char *frag, co
                table, frag);
         return 0;
     }
-    const bool done = insert_hit(connection, table, id, fqdn, ip);
-    connection.end_transaction();
+    const bool done = insert_hit(connection, table, id, fqdn, ip, time);
+    if (batch == Batch::NONE)
+        connection.end_transaction();
     if (done)
         trace("Done doing the inserts");
     return done;
 }
 
 int record_request(const char *fqdn, struct sockaddr_in client) {
+    return record_request(fqdn, socket2ip(client));
+}
+
+int record_request(const char *fqdn, const char *ip) {
     Connection connection;
-    return execute(connection, INSERT_TRAFFIC, fqdn, socket2ip(client));
+    return execute(connection, INSERT_TRAFFIC, fqdn, ip);
 }
 
 int64_t get_unique_client_count() {
@@ -917,7 +1025,8 @@ int get_stats_summary(uint64_t *requests, uint64_t *blocked, uint64_t *resets, u
         for (uint64_t *counter : {requests, blocked, resets, errors})
             *counter = static_cast<uint64_t>(int64_t{statement.number(column++)});
     } else if (result != SQLITE_DONE) {
-        syslog(LOG_ERR, "Couldn't prepare sql statement: %s", connection.message());
+        if (!holds_up_batch(connection))
+            syslog(LOG_ERR, "Couldn't prepare sql statement: %s", connection.message());
         return may_hold_rows(connection.code()) ? READ_LATER : 0;
     }
     syslog(LOG_DEBUG, "Before finalising statement");

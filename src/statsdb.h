@@ -2,17 +2,18 @@
 // names. It holds snapshots of the four counters (table summary), one row per recorded query
 // (dns_traffic), and for every filter list its entries and their hits (four tables per list).
 //
-// counters.cpp opens it, the server closes it; the request path, the filter lists and the bus
-// thread use it. All work goes through the one connection oDNS.db, and each call has the connection
-// to itself for as long as it lasts, so every function here may be called from any thread. A row
-// that a call wrote is visible to other connections when the call returns. Without a working
-// database every call fails and logs; none of them crashes.
+// counters.cpp opens it, the server closes it; the recorder (recorder.h), the filter lists and the
+// bus thread use it. All work goes through the one connection oDNS.db, and each call has the
+// connection to itself for as long as it lasts, so every function here may be called from any
+// thread. A row that a call wrote is visible to other connections when the call returns. Without a
+// working database every call fails and logs; none of them crashes.
 //
 // Another process may hold the file for a while, to back it up, say. How long is waited for it
 // depends on who asks. The start-up waits up to 10 seconds in all, since lists and totals that it
 // does not get are missing later. A query waits up to a second, with the connection in its hands;
 // after one such wait in vain nothing waits for ten seconds. An edit over the bus (EntryEdit) waits
-// up to 5 seconds, and for one second after a wait in vain, while others use the connection.
+// up to 5 seconds, and for one second after a wait in vain, while others use the connection. A
+// RowBatch never waits.
 //
 // All functions return 1 for success and 0 for failure unless said otherwise. Table names are the
 // lists' names: letters, digits and underscores. Values are pasted into statement texts of at most
@@ -39,6 +40,10 @@ void end_start_up_waits();
 // no shared mapping, or for this run while another process keeps the file locked. Returns an SQLite
 // result code; as with sqlite3_open() the caller closes `*db` whatever the result.
 int open_database(const char *file, sqlite3 **db);
+
+// Whether the connection may wait for another process on behalf of a query. It does, unless queries
+// leave their rows to the recorder; no call waits then but an edit. Main thread.
+void let_queries_wait(bool wait);
 
 // Closes oDNS.db, if set, and clears it. Unless another process has the file open, it is a plain
 // database file without companions afterwards.
@@ -88,6 +93,17 @@ class EntryEdit {
     bool concerns(const char *table, std::string_view frag) const;
 };
 
+// What has to be done around an edit by who keeps rows back. At its begin (an EntryEdit comes to
+// life), before each of its steps, with the connection kept from all others, and at its end.
+struct EditHooks {
+    void (*begin)();
+    bool (*write_rows)(); // that came before the edit; false when they have to wait
+    void (*end)();
+};
+
+// Sets them; null for none. Main thread.
+void set_edit_hooks(const EditHooks *hooks);
+
 // Ends the wait of an edit at once, and of all that follow. Main thread, at shutdown.
 void end_edits();
 
@@ -114,12 +130,38 @@ class EntryImport {
     const char *message() const; // why the last step failed
 };
 
+// A transaction around rows that are recorded while it lives, by the calling thread, which has the
+// connection to itself meanwhile. A row that cannot be written for its own sake is refused with the
+// line that it always has, and the others are written. What keeps all of them from being written,
+// but may pass (another process, a full disk), is not logged: it holds up the batch, which is then
+// taken back as a whole. Where no transaction can be had for a lasting reason, each row is written,
+// or refused, by itself.
+class RowBatch {
+    const DatabaseHold hold_;
+    int patience_;
+
+  public:
+    RowBatch();
+    ~RowBatch(); // takes back what was not committed
+    RowBatch(const RowBatch &) = delete;
+    RowBatch &operator=(const RowBatch &) = delete;
+    bool is_held_up() const;
+    // False when it is held up.
+    bool commit();
+    sqlite3 *get() const { return hold_.get(); }
+};
+
 // Records that the entry `frag` decided a query for `fqdn` by the client with address `ip`. Does
 // nothing while record_traffic is 0.
 int insert_list_record(const char *fqdn, const char *table, const char *frag, const char *ip);
 
+// The same for a query of an earlier time, in seconds since the epoch, whatever record_traffic is.
+int insert_past_list_record(const char *fqdn, const char *table, const char *frag, const char *ip,
+                            int64_t time);
+
 // Records one forwarded query.
 int record_request(const char *fqdn, struct sockaddr_in client);
+int record_request(const char *fqdn, const char *ip);
 
 // Appends a snapshot of the counters.
 int insert_stats_summary_record(uint64_t requests, uint64_t blocked, uint64_t resets,
