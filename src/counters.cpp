@@ -2,6 +2,7 @@
 
 #include "config.h"
 #include "guards.h"
+#include "recorder.h"
 #include "statsdb.h"
 #include "thpool.h"
 #include "utils.h"
@@ -11,8 +12,11 @@
 // Guards the counters for as long as it takes to add to them or read one.
 static pthread_mutex_t counting = PTHREAD_MUTEX_INITIALIZER;
 
+static uint64_t *const ALL[COUNTERS] = {&oDNS.requests, &oDNS.blocked, &oDNS.resets, &oDNS.errors};
+
 // Whether the counters hold what earlier runs counted, as far as the database has it.
-static bool is_restored = true; // until there is a database
+static bool is_restored = true;     // until there is a database
+static uint64_t restored[COUNTERS]; // from an earlier run
 
 uint64_t read_counter(const uint64_t &counter) {
     const MutexGuard guard(counting);
@@ -60,11 +64,13 @@ void update_stats(int32_t requests, int32_t blocked, int32_t resets, int32_t err
 // Adds the newest row's numbers to the counters, once. False when there may be a row that cannot
 // be read now.
 static bool restore_counters() {
-    uint64_t requests = 0, blocked = 0, resets = 0, errors = 0;
-    const bool unread = get_stats_summary(&requests, &blocked, &resets, &errors) == READ_LATER;
+    uint64_t read[COUNTERS] = {};
+    const bool unread = get_stats_summary(&read[0], &read[1], &read[2], &read[3]) == READ_LATER;
     const MutexGuard guard(counting);
-    if (!unread && !is_restored)
-        add_to_counters(requests, blocked, resets, errors);
+    if (!unread && !is_restored) {
+        for (int i = 0; i < COUNTERS; i++)
+            *ALL[i] += restored[i] = read[i];
+    }
     is_restored = is_restored || !unread;
     return is_restored;
 }
@@ -74,9 +80,36 @@ static bool are_counters_restored() {
     return is_restored;
 }
 
+// For a row that was queued before earlier totals could be read.
+static bool add_restored(uint64_t (&numbers)[COUNTERS]) {
+    if (!are_counters_restored() && !restore_counters())
+        return false;
+    const MutexGuard guard(counting);
+    for (int i = 0; i < COUNTERS; i++)
+        numbers[i] += restored[i];
+    return true;
+}
+
+static void queue_stats() {
+    uint64_t numbers[COUNTERS];
+    bool is_complete;
+    {
+        const MutexGuard guard(counting);
+        for (int i = 0; i < COUNTERS; i++)
+            numbers[i] = *ALL[i];
+        is_complete = is_restored;
+    }
+    record_summary(numbers, is_complete ? nullptr : add_restored);
+    syslog(LOG_DEBUG, "Finished writing stats");
+}
+
 void write_stats() {
     if (!oDNS.db)
         return;
+    if (records_late()) {
+        queue_stats();
+        return;
+    }
     // A row over totals that were not read would take them away for good.
     if (!are_counters_restored() && !restore_counters())
         return;

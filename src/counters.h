@@ -23,8 +23,9 @@ void report_stats();
 // Whether update_stats() writes and logs at that number of requests.
 bool is_report_due(uint64_t requests);
 
-// Appends the counters to the summary table, if there is a database. If earlier totals could not be
-// read yet, they are read and added first, and without them nothing is written. Any thread.
+// Appends the counters to the summary table, if there is a database, or has the recorder do so. If
+// earlier totals could not be read yet, they are read and added first, and without them nothing is
+// written. Any thread.
 void write_stats();
 
 // Restores the counters from the newest summary row (two names of one operation). Main thread,

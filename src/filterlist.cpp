@@ -4,6 +4,7 @@
 #include "guards.h"
 #include "listload.h"
 #include "log.h"
+#include "recorder.h"
 #include "statsdb.h"
 #include "strutils.h"
 
@@ -129,9 +130,24 @@ void unload(ListId id) {
     publish_list(row_of(id).variable, nullptr);
 }
 
+static void reload_locked_out() {
+    const MutexGuard guard(list_loading);
+    for (const FilterList &filter : FILTER_LISTS)
+        if (const ListHold list(filter.variable); list && !is_usable(list.get()))
+            load_filter_list(static_cast<ListId>(&filter - FILTER_LISTS));
+}
+
+// loaded() for a query, which makes do with a list that is there where it must not wait.
+static ListHold usable(ListId id) {
+    if (ListHold list(row_of(id).variable);
+        is_usable(list.get()) || (list && leave_to_recorder(reload_locked_out)))
+        return list;
+    return loaded(id);
+}
+
 bool try_list(ListId id, const Query &query) {
     const FilterList &filter = row_of(id);
-    const ListHold list = loaded(id);
+    const ListHold list = usable(id);
     const char *key = query.client;
     const char *other = query.name;
     if (filter.subject == Subject::NAME)
@@ -141,7 +157,7 @@ bool try_list(ListId id, const Query &query) {
         return false;
     const OwnedText matched(frag);
     syslog(LOG_INFO, filter.hit, key, shown(other));
-    insert_list_record(query.name, list->name, matched.get(), query.client);
+    record_hit(query.name, list->name, matched.get(), query.client);
     return true;
 }
 

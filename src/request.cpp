@@ -9,8 +9,8 @@
 #include "localanswer.h"
 #include "log.h"
 #include "netutils.h"
+#include "recorder.h"
 #include "relay.h"
-#include "statsdb.h"
 #include "svrutils.h"
 #include "tcp.h"
 #include "utils.h"
@@ -110,7 +110,7 @@ static void answer(DnsRequest &request) {
     if (divert_if_blocked(request, name) || !forward(request))
         return;
     if (request.decision == Decision::FORWARD_AND_RECORD && oDNS.record_traffic == 1)
-        record_request(name, request.client);
+        record_query(name, request.client);
 }
 
 bool answer_at_once(DnsRequest &request) {
@@ -191,6 +191,6 @@ void process_tcp_query(TcpQuery *query) {
         reply_over_tcp(query, local_answer(query->message));
     } else if (forward_over_tcp(query) && decision == Decision::FORWARD_AND_RECORD &&
                oDNS.record_traffic == 1) {
-        record_request(name, client);
+        record_query(name, client);
     }
 }

@@ -11,6 +11,7 @@
 #include "ledutils.h"
 #include "log.h"
 #include "netutils.h"
+#include "recorder.h"
 #include "relay.h"
 #include "report.h"
 #include "request.h"
@@ -90,10 +91,11 @@ static bool queue_is_full() {
 }
 
 // Whether the receive loop may answer a query itself: handing it to a worker costs more than all
-// the rest. What may have to wait is left to a worker, an upstream server's answer and rows of the
-// database, and so is everything while each step is traced.
+// the rest. What may have to wait is left to a worker, an upstream server's answer and rows that
+// are written at once, and so is everything while each step is traced.
 static bool needs_no_worker() {
-    return !oDNS.record_traffic && !is_logged(LOG_DEBUG) && thpool_is_idle(oDNS.pool);
+    return (!oDNS.record_traffic || records_late()) && !is_logged(LOG_DEBUG) &&
+           thpool_is_idle(oDNS.pool);
 }
 
 static void queue_request(const DnsRequest &received) {
@@ -169,13 +171,15 @@ static void start_ubus_thread() {
 
 static void init_lists_and_stats() {
     multi_led_yellow();
-    init_stats();
+    const bool has_database = init_stats();
     handle_pending_signals(false);
     init_black_list();
     handle_pending_signals(false);
     init_white_list();
     init_blocked_device_list();
     end_start_up_waits();
+    if (has_database)
+        start_recorder();
     multi_led_red();
 }
 
@@ -298,6 +302,7 @@ static void server_shutdown() {
     _close_upstream_dns_connection();
     pthread_mutex_destroy(&lock);
     write_stats();
+    end_recorder();
     black_list_cleanup();
     white_list_cleanup();
     blocked_device_list_cleanup();
