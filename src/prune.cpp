@@ -120,7 +120,7 @@ static void end(int64_t in_use) {
 }
 
 StatsSize watch_stats_size() {
-    const DatabaseHold hold;
+    const ImpatientHold hold;
     if (oDNS.stats_max_size == 0 || !hold.get())
         return StatsSize::FITS;
     const int64_t in_use = bytes_in_use(hold.get());

@@ -89,7 +89,7 @@ struct Recorder {
 
 static Recorder recorder;
 static std::atomic<bool> is_late;
-static std::atomic<unsigned> written; // rows, finished or not: tells whether the writer gets on
+static std::atomic<unsigned> progress; // counts what the thread does: whether it gets on
 
 static int64_t monotonic_ms() {
     timespec now;
@@ -135,12 +135,12 @@ static bool is_getting_on() {
 // Waits for room as long as the writer gets on, and otherwise makes some. False when there is none:
 // the oldest rows are being written, and that takes its time.
 static bool make_room() {
-    unsigned before = written;
+    unsigned before = progress;
     for (int64_t until = monotonic_ms() + STALL; recorder.count == CAPACITY && is_getting_on();) {
         recorder.flush = true;
         pthread_cond_signal(&recorder.work);
         wait_until(recorder.room, until);
-        if (const unsigned now = written; now != before) {
+        if (const unsigned now = progress; now != before) {
             before = now;
             until = monotonic_ms() + STALL;
         } else if (monotonic_ms() >= until) {
@@ -311,7 +311,7 @@ static size_t write_taken(size_t count) {
     size_t done = 0;
     while (done < count && !batch.is_held_up()) {
         write_row(row_at(done++));
-        written++;
+        progress++;
         if (is_batch_too_large(done))
             break;
     }
@@ -343,7 +343,7 @@ static ssize_t write_part(size_t most) {
 // Deletes as much as was added to a database that is too large already.
 static void undo_growth() {
     for (int steps = 0; steps < MAX_STEPS_AT_ONCE && watch_stats_size() == StatsSize::GROWING;
-         steps++)
+         steps++, progress++)
         if (!prune_stats())
             return;
 }
@@ -455,6 +455,7 @@ static void tend_size() {
     }
     const bool is_pruning = watch_stats_size() != StatsSize::FITS;
     const bool waits = is_pruning && !prune_stats();
+    progress++;
     const MutexGuard guard(recorder.mutex);
     recorder.prune_at =
         !is_pruning ? NEVER : monotonic_ms() + (waits ? RETRY_INTERVAL : PAUSE_OF_PRUNING);

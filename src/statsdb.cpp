@@ -566,6 +566,13 @@ sqlite3 *DatabaseHold::get() const {
     return oDNS.db;
 }
 
+ImpatientHold::ImpatientHold()
+    : patience_(static_cast<int>(std::exchange(patience, Patience::NONE))) {}
+
+ImpatientHold::~ImpatientHold() {
+    patience = static_cast<Patience>(patience_);
+}
+
 int open_database(const char *file, sqlite3 **db) {
     *db = nullptr;
     if (sqlite3_threadsafe() != 1)
@@ -846,7 +853,7 @@ const char *EntryImport::message() const {
 
 // --- batches of rows -----------------------------------------------------------------------------
 
-RowBatch::RowBatch() : patience_(static_cast<int>(std::exchange(patience, Patience::NONE))) {
+RowBatch::RowBatch() {
     sqlite3 *db = hold_.get();
     if (db && execute(db, BEGIN.sql))
         batch = Batch::OPEN;
@@ -859,7 +866,6 @@ RowBatch::~RowBatch() {
     if (batch != Batch::NONE && db && !sqlite3_get_autocommit(db))
         execute(db, "rollback");
     batch = Batch::NONE;
-    patience = static_cast<Patience>(patience_);
 }
 
 bool RowBatch::is_held_up() const {

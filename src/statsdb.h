@@ -61,6 +61,19 @@ class DatabaseHold {
     sqlite3 *get() const;
 };
 
+// The same, and nothing that the thread does meanwhile waits for another process.
+class ImpatientHold {
+    const DatabaseHold hold_;
+    const int patience_;
+
+  public:
+    ImpatientHold();
+    ~ImpatientHold();
+    ImpatientHold(const ImpatientHold &) = delete;
+    ImpatientHold &operator=(const ImpatientHold &) = delete;
+    sqlite3 *get() const { return hold_.get(); }
+};
+
 // Create the tables that are missing.
 int create_stats_summary_table();
 int create_traffic_table();
@@ -137,8 +150,7 @@ class EntryImport {
 // taken back as a whole. Where no transaction can be had for a lasting reason, each row is written,
 // or refused, by itself.
 class RowBatch {
-    const DatabaseHold hold_;
-    int patience_;
+    const ImpatientHold hold_;
 
   public:
     RowBatch();
