@@ -11,8 +11,11 @@ readonly DELAYS=${DELAYS:-0 5 20 50 100}
 readonly WORK=$PWD/build/bench OURS=192.168.8.1 THEIRS=10.53.0.4 UPSTREAM=10.53.0.1 DEAD=10.53.0.2
 # What a busy home network asks in a second, for the latency; and a quiet one.
 readonly CALM=1000 QUIET=20
+# Recorded queries a second of a home, and for how long they come.
+readonly HOME_RATE=5 HOME_SECONDS=${HOME_SECONDS:-60}
 # Of each server, and of the upstream. The daemon is "vantrelled" when it forwards one query at a
-# time, "concurrent" when it forwards many at once.
+# time, "concurrent" when it forwards many at once, "late" when rows of the database wait; dnsmasq is
+# "logging" when it logs each query into a file.
 declare -A process
 # Half of the kernel's default, which dnsmasq gets: the kernel doubles what it is asked for.
 readonly BUFFER=$(($(</proc/sys/net/core/rmem_default) / 2))
@@ -29,7 +32,8 @@ start_upstream() { # milliseconds of delay, -1 for a silent one
 	process[upstream]=$!
 }
 
-configure() { # queries at once, primary server, record_traffic, TCP connections
+# queries at once, primary server, record_traffic, TCP connections, stats_write_delay, stats_db_path
+configure() {
 	cat >/etc/config/vantrelle <<-END
 		config main
 		    option upstream_dns '${2:-$UPSTREAM}'
@@ -37,11 +41,12 @@ configure() { # queries at once, primary server, record_traffic, TCP connections
 		    option upstream_dns3 '$UPSTREAM'
 		    option upstream_dns4 '$UPSTREAM'
 		    option path '/etc/vantrelle'
-		    option stats_db_path '$WORK'
+		    option stats_db_path '${6:-$WORK}'
 		    option concurrent_queries '$1'
 		    option tcp_connections '${4:-0}'
 		    option socket_buffer_size '$BUFFER'
 		    option record_traffic '${3:-0}'
+		    option stats_write_delay '${5:-0}'
 	END
 }
 
@@ -72,16 +77,26 @@ stop_theirs() {
 
 # Ticks of processor time that a process has used.
 ticks() { awk '{ print $14 + $15 }' "/proc/${process[$1]}/stat"; }
+# Bytes that a process has written to the disk.
+written() { awk '/^write_bytes/ { print $2 }' "/proc/${process[$1]}/io"; }
+# Has the daemon write the rows that wait.
+write_rows() {
+	[[ $1 != logging ]] || return 0
+	kill -USR2 "${process[$1]}"
+	sleep 1
+}
 resident() { awk '/VmRSS/ { print $2 }' "/proc/${process[$1]}/status"; }
 
 # As many queries a second as the server takes, and what they cost. All must be answered rightly;
 # but a thousand queries in one moment overflow the buffers of sockets, and how many are lost so is
 # a figure, too.
 load() { # what, who, address, queries, expected response code, queries outstanding, patience
-	local before output
-	before=$(ticks "$2")
+	local before bytes output
+	before=$(ticks "$2") bytes=$(written "$2")
 	output=$(dnsperf -m "${transport:-udp}" -s "$3" -d "$WORK/$4" -c 4 -q "${6:-100}" -t "${7:-20}" -l "$SECONDS_EACH" 2>/dev/null)
-	awk -v what="$1" -v who="$2" -v ticks=$(($(ticks "$2") - before)) -v hz="$(getconf CLK_TCK)" \
+	[[ $1 != *_recorded ]] || write_rows "$2"
+	awk -v what="$1" -v who="$2" -v ticks=$(($(ticks "$2") - before)) \
+		-v bytes=$(($(written "$2") - bytes)) -v hz="$(getconf CLK_TCK)" \
 		-v code="$5" -v tolerated="${tolerated:-$((${6:-0} < 1000 ? 1 : 300))}" '
 		/Queries completed:/ { completed = $3 }
 		/Queries lost:/ { lost = $3 }
@@ -95,6 +110,7 @@ load() { # what, who, address, queries, expected response code, queries outstand
 			print what, who, rate
 			print what "_lost", who, lost / completed * 100
 			print what "_cpu", who, ticks / hz / completed * 1e6
+			print what "_written", who, bytes / completed * 1000 / 1024
 		}' <<<"$output" >>"$WORK/figures"
 }
 
@@ -117,6 +133,8 @@ prepare() {
 	rm -rf "$WORK"
 	mkdir -p "$WORK" /etc/vantrelle
 	bench_tool names "$WORK"
+	paste -d '\n' "$WORK/blocked" "$WORK/clean" | sed -n 1,2000p |
+		shuf --random-source="$WORK/clean" >"$WORK/names"
 	{
 		printf '%s\n' no-resolv no-hosts cache-size=0 bind-interfaces \
 			"listen-address=$THEIRS" "server=$UPSTREAM" dns-forward-max=2000 "pid-file=" "user=root"
@@ -159,11 +177,47 @@ side_by_side() {
 	measure calmly
 	stop_theirs
 	stop_ours
+}
+
+recorded() { # who, address, response code of blocked queries
+	load blocked_recorded "$1" "$2" blocked "$3"
+	load forwarded_recorded "$1" "$2" clean NOERROR
+}
+# Rows at once, rows that wait, and dnsmasq with each query in a file.
+side_by_side_recorded() {
 	configure 0 "$UPSTREAM" 1
 	start_ours
-	load blocked_recorded vantrelled "$OURS" blocked NXDOMAIN
-	load forwarded_recorded vantrelled "$OURS" clean NOERROR
+	recorded vantrelled "$OURS" NXDOMAIN
 	stop_ours
+	configure 0 "$UPSTREAM" 1 0 10
+	start_ours late
+	recorded late "$OURS" NXDOMAIN
+	stop_ours late
+	start logging "$THEIRS" dnsmasq --no-daemon --conf-file="$WORK/dnsmasq.conf" \
+		--log-queries --log-facility="$WORK/dnsmasq.queries"
+	recorded logging "$THEIRS" NOERROR
+	kill "${process[logging]}"
+	wait "${process[logging]}" || true
+	rm "$WORK/dnsmasq.queries"
+}
+
+# What a home's queries make the daemon write: 2,000 names, half of them blocked, all of which were
+# asked for before.
+at_home() { # who, stats_write_delay
+	local bytes
+	rm -rf "${WORK:?}/home"
+	mkdir "$WORK/home"
+	cp "$WORK/black.lst" /etc/vantrelle/
+	configure 0 "$UPSTREAM" 1 0 "$2" "$WORK/home"
+	start_ours "$1"
+	dnsperf -s "$OURS" -d "$WORK/names" -n 1 >/dev/null 2>&1
+	write_rows "$1"
+	bytes=$(written "$1")
+	dnsperf -s "$OURS" -d "$WORK/names" -Q "$HOME_RATE" -l "$HOME_SECONDS" >/dev/null 2>&1
+	write_rows "$1"
+	bytes=$(($(written "$1") - bytes))
+	record home_written "$1" $((bytes * 1000 / 1024 / (HOME_RATE * HOME_SECONDS)))
+	stop_ours "$1"
 }
 
 # Queries a second over the distance of the upstream server. How many are outstanding makes no
@@ -250,6 +304,7 @@ memory_at_300() { # who
 round() {
 	local who
 	side_by_side
+	side_by_side_recorded
 	over_delays
 	over_tcp
 	configure 1000
@@ -298,8 +353,6 @@ table() {
 			print "|---|---:|---:|---:|"
 			line("blocked", "blocked queries a second", 1, "%.0f")
 			line("forwarded", "forwarded queries a second", 1, "%.0f")
-			line("blocked_recorded", "blocked, with `record_traffic` 1", 1, "%.0f")
-			line("forwarded_recorded", "forwarded, with `record_traffic` 1", 1, "%.0f")
 			line("blocked_median", "latency blocked, median, µs", 1, "%.0f")
 			line("blocked_p99", "latency blocked, 99 %, µs", 1, "%.0f")
 			line("forwarded_median", "latency forwarded, median, µs", 1, "%.0f")
@@ -308,8 +361,27 @@ table() {
 			line("memory", "resident memory, MiB", 1 / 1024, "%.1f")
 			line("blocked_cpu", "processor seconds, a million blocked", 1, "%.1f")
 			line("forwarded_cpu", "processor seconds, a million forwarded", 1, "%.1f")
-			line("blocked_recorded_cpu", "the same, recorded, blocked", 1, "%.1f")
-			line("forwarded_recorded_cpu", "the same, recorded, forwarded", 1, "%.1f")
+		}'
+}
+
+# With each query recorded.
+table_of_records() {
+	sorted | awk -v rate="$HOME_RATE" "$MEDIAN"'
+		function line(what, text, format) {
+			printf "| %s | %s | %s | %s | %s |\n", text, shown(format, median(what, "vantrelled")),
+				shown(format, median(what, "late")), shown(format, median(what, "logging")),
+				ratio(median(what, "late"), median(what, "logging"))
+		}
+		END {
+			print "| with `record_traffic` 1 | at once | `stats_write_delay` 10 | dnsmasq, `log-queries` | delay : dnsmasq |"
+			print "|---|---:|---:|---:|---:|"
+			line("blocked_recorded", "blocked queries a second", "%.0f")
+			line("forwarded_recorded", "forwarded queries a second", "%.0f")
+			line("blocked_recorded_cpu", "processor seconds, a million blocked", "%.1f")
+			line("forwarded_recorded_cpu", "processor seconds, a million forwarded", "%.1f")
+			line("blocked_recorded_written", "KiB written, a thousand blocked", "%.0f")
+			line("forwarded_recorded_written", "KiB written, a thousand forwarded", "%.0f")
+			line("home_written", "KiB written, a thousand at " rate " a second (delay 60)", "%.0f")
 		}'
 }
 
@@ -360,7 +432,12 @@ for ((n = 1; n <= ROUNDS; n++)); do
 	echo "Round $n of $ROUNDS"
 	round
 done
+start_upstream 0
+at_home vantrelled 0
+at_home late 60
 table | tee "$WORK/table.md"
+echo
+table_of_records | tee "$WORK/records.md"
 echo
 table_of_ways | tee "$WORK/ways.md"
 delays >"$WORK/delays"
