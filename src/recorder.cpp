@@ -354,7 +354,7 @@ static bool write_rows() {
     {
         const MutexGuard guard(recorder.mutex);
         left = count_writable();
-        recorder.flush = false;
+        recorder.flush = recorder.flush && recorder.is_edited; // for what comes behind the edit
     }
     while (left > 0) {
         const ssize_t done = write_part(left);

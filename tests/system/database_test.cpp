@@ -175,15 +175,21 @@ TEST_F(DatabaseSystemTest, ServesWithoutAWorkingDatabase) {
         {place, "SQL error creating traffic table: SQL: file is not a database"},
     };
     write_file(file, std::string(4096, '!'));
-    for (const auto &[location, error] : cases) {
-        SCOPED_TRACE(error);
-        configure({{"stats_db_path", location}});
-        PrimedDaemon daemon;
-        ask("a", 2);
-        EXPECT_EQ(log_priority(error), LOG_ERR);
-        EXPECT_EQ(daemon.stop(), 0);
-        EXPECT_FALSE(fs::exists(file + "-shm"));
-    }
+    const std::string row = "insert into dns_traffic ('fqdn', 'ip') values('a";
+    size_t rows = 0; // which cannot be written; without a database that is said at once
+    for (const char *delay : {"0", "10"})
+        for (const auto &[location, error] : cases) {
+            SCOPED_TRACE(delay + error);
+            configure({{"stats_db_path", location}, {"stats_write_delay", delay}});
+            PrimedDaemon daemon;
+            ask("a", 2);
+            rows += 2;
+            EXPECT_TRUE(location == place || wait_for_log(row, rows, 3000));
+            EXPECT_EQ(log_priority(error), LOG_ERR);
+            EXPECT_EQ(daemon.stop(), 0);
+            EXPECT_EQ(log_count(row), rows);
+            EXPECT_FALSE(fs::exists(file + "-shm"));
+        }
     EXPECT_EQ(log_priority("Stats Database Location Not set"), LOG_ERR);
     EXPECT_FALSE(fs::exists(place + "/missing") || fs::exists("(null)"));
 }
