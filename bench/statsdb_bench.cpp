@@ -1,6 +1,8 @@
-// Rows a second that one connection takes, with SQLite's own settings and with the daemon's. The
-// database lies in the current directory: what counts is the disk under it.
+// Rows a second that one connection takes, with SQLite's own settings and with the daemon's, and
+// what it costs to leave them to the recorder. The database lies in the current directory: what
+// counts is the disk under it.
 #include "config.h"
+#include "recorder.h"
 #include "statsdb.h"
 
 #include <arpa/inet.h>
@@ -61,6 +63,28 @@ BENCHMARK_DEFINE_F(Database, InsertListRecord)(benchmark::State &state) {
     state.SetItemsProcessed(state.iterations());
 }
 
+// What a hit costs its query when it only waits; the writing is not measured.
+BENCHMARK_DEFINE_F(Database, RecordHitLate)(benchmark::State &state) {
+    constexpr int ROWS = 1000;
+    Names names;
+    oDNS.stats_write_delay = 3600;
+    while (state.KeepRunningBatch(ROWS)) {
+        state.PauseTiming();
+        start_recorder();
+        state.ResumeTiming();
+        for (int row = 0; row < ROWS; row++)
+            record_hit(names.next(), "black", "ads", "192.168.8.20");
+        state.PauseTiming();
+        end_recorder();
+        state.ResumeTiming();
+    }
+    state.SetItemsProcessed(state.iterations());
+}
+
+BENCHMARK_REGISTER_F(Database, RecordHitLate)
+    ->ArgName("daemon_settings")
+    ->Arg(daemon_settings)
+    ->UseRealTime();
 BENCHMARK_REGISTER_F(Database, RecordRequest)
     ->ArgName("daemon_settings")
     ->DenseRange(sqlite_defaults, daemon_settings)

@@ -17,6 +17,12 @@ using std::chrono::steady_clock, std::chrono::milliseconds;
 
 const std::string place = "/etc/vantrelle";
 const std::string file = place + "/vantrelle.db";
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr size_t MAX_GROWTH = 1 << 20; // KiB; a sanitizer keeps what was freed
+#else
+constexpr size_t MAX_GROWTH = 512;
+#endif
+
 constexpr const char *LISTS[] = {"black",       "local_black",  "white",
                                  "local_white", "local_device", "blocked_device"};
 
@@ -110,12 +116,9 @@ TEST_F(Recorder, RowsAreThoseThatAreWrittenAtOnce) {
                 connection.start(method, R"({"list":"bl","pattern":".test","option":"1"})");
             connection.serve(5000);
         }
-        const int summaries = number("select count(*) from summary");
+        usleep(200'000); // the last answer leaves before its row is recorded
         daemon->signal(SIGUSR2);
-        EXPECT_TRUE(eventually([&] {
-            return number("select count(*) from summary where id > " +
-                          std::to_string(summaries - 1)) > 2;
-        }));
+        EXPECT_TRUE(eventually([] { return number("select count(*) from summary") == 12; }));
         rows[late] = all_rows();
         for (const LogLine &line : log_lines())
             if (line.priority == LOG_ERR && line.text.find("SQL") != std::string::npos)
@@ -124,7 +127,6 @@ TEST_F(Recorder, RowsAreThoseThatAreWrittenAtOnce) {
     }
     EXPECT_GT(rows[0].size(), 1U << 18);
     EXPECT_TRUE(rows[0] == rows[1]);
-    write_file("/tmp/rows0", rows[0]), write_file("/tmp/rows1", rows[1]);
     EXPECT_NE(errors[0].find("values('who's"), std::string::npos);
     EXPECT_TRUE(errors[0] == errors[1]);
 }
@@ -314,7 +316,7 @@ TEST_P(Size, StaysNearItsLimit) {
     EXPECT_LE(slow, names / 1000);
     EXPECT_LE(largest, (limit + 1) * 1024);
     EXPECT_GT(largest, limit * 1024 * 9 / 10);
-    EXPECT_LE(after, before + 512);
+    EXPECT_LE(after, before + MAX_GROWTH);
     EXPECT_EQ(daemon->stop(), 0);
     EXPECT_LE(fs::file_size(file), std::max<uintmax_t>(grown, (limit + 1) << 20));
     EXPECT_EQ(read("pragma integrity_check"), "ok\n");
