@@ -506,23 +506,27 @@ static void reset_queue() {
     recorder.prune_at = recorder.end_at = NEVER;
 }
 
-void start_recorder() {
-    if (oDNS.stats_write_delay == 0 && oDNS.stats_max_size == 0)
-        return;
+static bool start_thread() {
     const MutexGuard guard(recorder.mutex);
     reset_queue();
     make_condition(recorder.work);
     make_condition(recorder.room);
     recorder.is_running = pthread_create(&recorder.thread, nullptr, recorder_main, nullptr) == 0;
-    if (!recorder.is_running) {
+    return recorder.is_running;
+}
+
+void start_recorder() {
+    if (oDNS.stats_write_delay == 0 && oDNS.stats_max_size == 0)
+        return;
+    if (!start_thread()) {
         syslog(LOG_ERR, "Cannot start the thread that writes statistics");
         return;
     }
-    if (oDNS.stats_write_delay > 0) {
-        is_late = true;
-        let_queries_wait(false);
-        set_edit_hooks(&EDIT_HOOKS);
-    }
+    if (oDNS.stats_write_delay == 0)
+        return;
+    let_queries_wait(false);
+    set_edit_hooks(&EDIT_HOOKS);
+    is_late = true;
 }
 
 void end_recorder() {

@@ -35,6 +35,7 @@ static constexpr int64_t START_UP_WAIT_MS = 10000; // of all its steps together
 static constexpr int64_t EDIT_WAIT_MS = 5000;
 static constexpr int64_t EDIT_WAIT_AFTER_VAIN_MS = 1000;
 static constexpr useconds_t BUSY_STEP_US = 2000;
+static constexpr int MAX_COMMITS = 50; // of a batch, a step apart
 static constexpr useconds_t EDIT_STEP_US = 20000;
 
 static int64_t monotonic_ms() {
@@ -872,9 +873,14 @@ bool RowBatch::is_held_up() const {
     return batch == Batch::HELD_UP;
 }
 
+// With a rollback journal a commit waits for those who read, and no new ones begin meanwhile.
 bool RowBatch::commit() {
-    if (batch == Batch::OPEN && !execute(hold_.get(), COMMIT.sql))
-        batch = Batch::HELD_UP;
+    sqlite3 *db = hold_.get();
+    for (int tries = 1; batch == Batch::OPEN && !execute(db, COMMIT.sql); tries++) {
+        if (sqlite3_errcode(db) != SQLITE_BUSY || tries == MAX_COMMITS)
+            batch = Batch::HELD_UP;
+        usleep(BUSY_STEP_US);
+    }
     return batch != Batch::HELD_UP;
 }
 

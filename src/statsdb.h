@@ -13,7 +13,7 @@
 // does not get are missing later. A query waits up to a second, with the connection in its hands;
 // after one such wait in vain nothing waits for ten seconds. An edit over the bus (EntryEdit) waits
 // up to 5 seconds, and for one second after a wait in vain, while others use the connection. A
-// RowBatch never waits.
+// RowBatch does not wait, but for readers of a file without a write-ahead log, a tenth of a second.
 //
 // All functions return 1 for success and 0 for failure unless said otherwise. Table names are the
 // lists' names: letters, digits and underscores. Values are pasted into statement texts of at most
