@@ -5,10 +5,10 @@
 #include "list.h"
 #include "listload.h"
 #include "log.h"
-#include "sqlite_heap.h"
 #include "statsdb.h"
 
 #include <cstdio>
+#include <sqlite3.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -20,7 +20,6 @@ static int add_row(void *list, int, char **row, char **) {
 static std::string open_store() {
     set_logged_priorities(LOG_MASK(LOG_EMERG));
     char directory[] = "/dev/shm/listfile-fuzz-XXXXXX";
-    take_own_heap();
     check(mkdtemp(directory) && open_database(":memory:", &oDNS.db) == SQLITE_OK &&
           create_list_stats_table("black"));
     static char *const made = strdup(directory);

@@ -7,7 +7,6 @@
 #include "fuzz.h"
 #include "log.h"
 #include "request.h"
-#include "sqlite_heap.h"
 #include "statsdb.h"
 #include "whitelist.h"
 
@@ -15,6 +14,7 @@
 #include <arpa/inet.h>
 #include <fstream>
 #include <optional>
+#include <sqlite3.h>
 #include <string_view>
 #include <syslog.h>
 #include <utility>
@@ -151,7 +151,6 @@ void forget_queries() {
 
 std::string set_up() {
     static char directory[] = "/dev/shm/query-fuzz-XXXXXX";
-    take_own_heap();
     check(mkdtemp(directory) && open_database(":memory:", &oDNS.db) == SQLITE_OK);
     for (const auto &[name, lines] : FILES)
         std::ofstream(std::string(directory) + '/' + name) << lines;

@@ -79,6 +79,7 @@ void SystemTest::SetUp() {
     for (const char *path : {"/etc/config", "/etc/vantrelle", "/tmp/.uci"})
         fs::remove_all(path);
     fs::create_directory("/etc/config");
+    fs::create_directory("/etc/vantrelle");
     reader.catch_up();
     reader.lines.clear();
 }

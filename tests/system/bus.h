@@ -40,7 +40,6 @@ struct BusTest : SystemTest {
     void SetUp() override {
         SystemTest::SetUp();
         mkdir("/var/run/ubus", 0755);
-        mkdir("/etc/vantrelle", 0700);
         write_file("/etc/config/system", "config system\n\toption log_remote '0'\n");
         start_bus();
     }

@@ -14,7 +14,6 @@ struct DatabaseTest : harness::SystemTest {
 
     void SetUp() override {
         SystemTest::SetUp();
-        std::filesystem::create_directory(directory);
         oDNS.record_traffic = 1;
     }
     void TearDown() override { close_database(); }

@@ -128,27 +128,21 @@ TEST_F(ListLoadTest, AFileThatChangesIsLeftAndOneThatVanishesIsImported) {
     sqlite3_update_hook(oDNS.db, hook, nullptr);
     const std::string changed =
         "Failed to import list file " + list_file.string() + ", leaving it: it changed meanwhile";
-    const struct {
-        std::function<void()> meddle;
-        const char *rows;
-        std::string logged;
-    } cases[] = {
-        {[&] { std::ofstream(list_file, std::ios::app) << "s.example\n"; }, "0\n", changed},
-        {[&] { fs::rename(list_file, directory / "old"), write_lines(1); }, "0\n", changed},
-        {[&] { fs::remove(list_file); }, "2\n", "Error 2 deleting file " + list_file.string()},
+    const std::pair<std::function<void()>, std::string> cases[] = {
+        {[&] { std::ofstream(list_file, std::ios::app) << "s.example\n"; }, changed},
+        {[&] { fs::rename(list_file, directory / "old"), write_lines(1); }, changed},
+        {[&] { fs::remove(list_file); }, "Error 2 deleting file " + list_file.string()},
     };
     openlog("load", LOG_PID, LOG_LOCAL0);
     set_logged_priorities(LOG_UPTO(LOG_ERR));
-    for (const auto &each : cases) {
+    for (const auto &[action, logged] : cases) {
         seen = 0;
-        meddle = each.meddle;
+        meddle = action;
         write("www.example\nad");
-        const size_t lines = harness::log_lines().size();
         load();
-        ASSERT_EQ(harness::log_lines().size(), lines + 1);
-        EXPECT_EQ(harness::log_lines().back().text, each.logged);
-        EXPECT_EQ(row_count(), each.rows);
-        EXPECT_EQ(fs::exists(list_file), each.logged == changed);
+        EXPECT_GT(harness::log_count(logged), 0U);
+        EXPECT_EQ(row_count(), logged == changed ? "0\n" : "2\n");
+        EXPECT_EQ(fs::exists(list_file), logged == changed);
     }
 }
 
@@ -163,39 +157,33 @@ TEST_F(ListLoadTest, MissingCompanionTablesKeepNoFileOut) {
 // Another process holds the file, and an edit waits for it. Meanwhile the connection is free, the
 // entry is in memory, and its hits are no errors.
 TEST_F(ListLoadTest, AnEditWaitsAndHoldsNothingUp) {
-    using std::chrono::steady_clock;
-    const auto seconds_of = [](const auto &action) {
-        const auto begin = steady_clock::now();
-        action();
-        return std::chrono::duration<double>(steady_clock::now() - begin).count();
-    };
+    using std::chrono::steady_clock, std::chrono::seconds;
     init_black_list();
     std::optional<Holder> other(std::in_place, file, "begin immediate");
-    int result = -1;
+    const Query query{"late.example", "10.0.0.1"};
     {
-        const std::jthread edit([&] { result = add_local_black_list("late.example", 4); });
-        const Query query{"late.example", "10.0.0.1"};
+        const std::jthread edit(
+            [] { EXPECT_EQ(add_local_black_list("late.example", 4), LIST_OK); });
         while (!is_blacklisted(query))
             usleep(1000);
-        EXPECT_LT(seconds_of([&] {
-                      EXPECT_EQ(is_blacklisted(query), 1);
-                      EXPECT_EQ(get_unique_client_count(), 0);
-                      publish_list(local_black_list, nullptr); // as a reload would
-                      EXPECT_EQ(is_blacklisted(query), 0);
-                  }),
-                  0.5);
+        const auto begin = steady_clock::now();
+        EXPECT_EQ(is_blacklisted(query), 1);
+        EXPECT_EQ(get_unique_client_count(), 0);
+        publish_list(local_black_list, nullptr); // as a reload would
+        EXPECT_EQ(is_blacklisted(query), 0);
+        EXPECT_LT(steady_clock::now() - begin, std::chrono::milliseconds(500));
         other.reset();
     }
-    EXPECT_EQ(result, LIST_OK);
-    EXPECT_EQ(read("select frag, opt from local_black"), "late.example|4\n");
-    EXPECT_EQ(read("select count(*) from local_black_hit"), "0\n");
-    EXPECT_EQ(is_blacklisted({"late.example", "10.0.0.1"}), 1) << "the reloaded list has it too";
+    EXPECT_EQ(read("select frag, opt, (select count(*) from local_black_hit) from local_black"),
+              "late.example|4|0\n");
+    EXPECT_EQ(is_blacklisted(query), 1) << "the reloaded list has it too";
     EXPECT_EQ(read("select count(*) from local_black_hit"), "1\n");
     // In vain: five seconds for the first, one for those that follow, until one was stored.
     other.emplace(file, "begin immediate");
     for (const auto &[item, wait] : {std::pair("first", 5), {"second", 1}}) {
-        const double took = seconds_of([&] { EXPECT_EQ(add_local_black_list(item, 4), LIST_OK); });
-        EXPECT_TRUE(took >= wait && took < wait + 0.9) << took;
+        const auto begin = steady_clock::now();
+        EXPECT_EQ(add_local_black_list(item, 4), LIST_OK);
+        EXPECT_EQ(std::chrono::floor<seconds>(steady_clock::now() - begin).count(), wait);
     }
 }
 
@@ -232,38 +220,6 @@ TEST_F(ListLoadTest, WhatWasUnloadedIsLoadedAgain) {
     black_list_cleanup();
     write("new.example\n");
     EXPECT_EQ(is_blacklisted({"www.new.example", "10.0.0.1"}), 1);
-}
-
-// Lookups, edits and reloads at once: every lookup and every edit finds a whole list.
-TEST_F(ListLoadTest, ThreadsShareTheLists) {
-    oDNS.record_traffic = 0;
-    write_lines(200);
-    std::atomic<int> wrong = 0;
-    const auto look = [&wrong](const std::stop_token &stop) {
-        while (!stop.stop_requested()) {
-            wrong += is_blacklisted({"host-199.example", "10.0.0.1"}) != 1;
-            is_blacklisted({"edited-7.example", "10.0.0.1"});
-            is_whitelisted({"free.example", "10.0.0.1"});
-        }
-    };
-    const auto reload = [](const std::stop_token &stop) {
-        while (!stop.stop_requested()) {
-            black_list_cleanup();
-            _load_local_white_list();
-            usleep(2000);
-        }
-    };
-    {
-        const std::jthread first(look), second(look), third(reload);
-        for (int i = 0; i < 120; i++) {
-            const std::string item = "edited-" + std::to_string(i % 60) + ".example";
-            wrong += LIST_OK != (i < 60 ? add_local_black_list(item.c_str(), 4)
-                                        : del_local_black_list(item.c_str()));
-            const ListHold list = get_local_black_list();
-            const TestList page(get_sub_list(list.get(), 1, 10));
-        }
-    }
-    EXPECT_EQ(wrong, 0);
 }
 
 } // namespace

@@ -50,20 +50,4 @@ TEST_F(DatabaseTest, RejectsWhatWouldLeaveItsQuotesOrItsBuffer) {
     EXPECT_EQ(record_request(name.c_str() + 1, client("10.0.0.1")), 1);
 }
 
-// Each hit takes the ids of two rows just inserted; other threads insert meanwhile.
-TEST_F(DatabaseTest, HitsOfSeveralThreadsDoNotMix) {
-    open_with_tables();
-    create_frag_key("ads", 2, "black");
-    const auto insert = [](const std::string &ip) {
-        for (int n = 0; n < 200; n++) {
-            const std::string fqdn = ip + "." + std::to_string(n);
-            EXPECT_EQ(insert_list_record(fqdn.c_str(), "black", "ads", ip.c_str()), 1);
-        }
-    };
-    { const std::jthread first(insert, "1"), second(insert, "2"), third(insert, "3"); }
-    EXPECT_EQ(read("select count(*) from black_hit join black_fqdn on black_fqdn.id = fqdn_id "
-                   "join black_stats on black_stats.id = stats_id where fqdn like ip || '.%'"),
-              "600\n");
-}
-
 } // namespace
