@@ -144,8 +144,7 @@ TEST_F(Router, RecommendedSettingsAreForANewInstallationOnly) {
         if (router.is_new)
             expected.insert({"\toption stats_max_size '16'", "\toption stats_write_delay '10'",
                              "\toption ignore_case '1'", "\toption block_answer 'null'",
-                             "\toption tcp_connections '20'",
-                             "\toption concurrent_queries '300'"});
+                             "\toption tcp_connections '20'", "\toption concurrent_queries '300'"});
         EXPECT_EQ(options_in(after), expected);
         const std::string pointed_out =
             "test $(grep -c 'vantrelled: .*docs/' "s + sandbox::LOG_FILE + ") = ";

@@ -89,8 +89,8 @@ std::vector<std::string> settings_from(const std::string &file) {
           oDNS.dns_timeout, oDNS.socket_buffer_size, oDNS.thread_pool, oDNS.log_level.load(),
           oDNS.log_stats_interval, oDNS.record_traffic.load(), oDNS.disabled.load(),
           oDNS.dns_max_time_on_secondary, oDNS.debug, oDNS.debug_sql,
-          static_cast<int>(oDNS.block_answer), oDNS.block_ttl, oDNS.ignore_case, oDNS.stats_write_delay,
-          oDNS.stats_max_size})
+          static_cast<int>(oDNS.block_answer), oDNS.block_ttl, oDNS.ignore_case,
+          oDNS.stats_write_delay, oDNS.stats_max_size})
         all.push_back(std::to_string(number));
     return all;
 }
