@@ -4,7 +4,6 @@
 #include "harness.h"
 
 #include <random>
-#include <regex>
 
 using namespace harness;
 
@@ -154,14 +153,16 @@ TEST_F(Filter, AnswersBlockedQueriesAsSet) {
         ASSERT_EQ(dig.wait(), 0);
         const std::string said = dig.output();
         const auto count = [&](const std::string &text) {
-            const std::regex pattern(text, std::regex::icase);
-            return static_cast<size_t>(std::distance(
-                std::sregex_iterator(said.begin(), said.end(), pattern), std::sregex_iterator()));
+            size_t found = 0;
+            for (const char *at = said.c_str(); (at = strcasestr(at, text.c_str())); at++)
+                found++;
+            return found;
         };
         EXPECT_EQ(count("malformed"), complaints) << said;
-        EXPECT_EQ(count("warning|malformed|extra bytes|bad |mismatch") > 0, complaints > 0) << said;
+        for (const char *complaint : {"warning", "extra bytes", "bad ", "mismatch"})
+            EXPECT_EQ(count(complaint) > 0, complaints > 0 && *complaint == 'w') << said;
         EXPECT_EQ(count("status: "s + code), 12U) << said;
-        EXPECT_EQ(count("EDE: 15 .Blocked."), complaints ? 0U : 8U);
+        EXPECT_EQ(count("EDE: 15 (Blocked)"), complaints ? 0U : 8U);
         EXPECT_EQ(count("\nads.example. 77 IN A 0.0.0.0\n"), v4);
         EXPECT_EQ(count("\nads.example. 77 IN AAAA ::\n"), v6);
         EXPECT_EQ(count("\nads.example. 77 IN SOA . . 1 3600 600 86400 77\n"), authorities);
