@@ -242,7 +242,7 @@ TEST_F(Recorder, AClockThatIsSetBackChangesNoDelay) {
     write_file("/tmp/clock", "0");
     daemon.emplace(std::vector<std::string>{}, STAGED_DAEMON);
     Daemon::prime();
-    const char *clocks[] = {"0", "-86400", "86400"};
+    const char *clocks[] = {"0", "86400", "-86400"};
     for (const char *clock : clocks) {
         write_file("/tmp/clock", clock);
         ask("c", 0, 1, ".ads.example");
@@ -251,7 +251,7 @@ TEST_F(Recorder, AClockThatIsSetBackChangesNoDelay) {
     EXPECT_TRUE(eventually([] { return number("select count(*) from black_stats") == 3; }, 3000));
     EXPECT_EQ(read("select (timestamp - strftime('%s', 'now') + 86400 * 3 + 30) / 86400 from "
                    "black_stats"),
-              "3\n2\n4\n");
+              "3\n4\n2\n");
     EXPECT_EQ(daemon->stop(), 0);
 }
 
@@ -295,7 +295,7 @@ TEST_P(Size, StaysNearItsLimit) {
     ASSERT_GT(grown, static_cast<uintmax_t>(limit) << 20);
     start({{"stats_write_delay", GetParam()},
            {"stats_max_size", std::to_string(limit)},
-           {"log_stats_interval", "5"}});
+           {"log_stats_interval", "20"}});
     const std::string in_use =
         "select (page_count - freelist_count) * page_size / 1024 from pragma_page_count, "
         "pragma_freelist_count, pragma_page_size";
@@ -320,7 +320,7 @@ TEST_P(Size, StaysNearItsLimit) {
     EXPECT_EQ(daemon->stop(), 0);
     EXPECT_LE(fs::file_size(file), std::max<uintmax_t>(grown, (limit + 1) << 20));
     EXPECT_EQ(read("pragma integrity_check"), "ok\n");
-    EXPECT_GE(number("select count(*) from summary"), 1000);
+    EXPECT_EQ(read("select count(*) >= min(max(id), 1000) from summary"), "1\n");
     EXPECT_EQ(read("select frag from black"), "ads.example\n");
     // What is left is whole, and the newest.
     EXPECT_EQ(read("select (select count(*) from black_stats) - (select count(*) from black_hit), "
