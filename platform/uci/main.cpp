@@ -4,8 +4,9 @@
 
 #include <cstdio>
 #include <cstring>
-#include <dirent.h>
+#include <glob.h>
 #include <memory>
+#include <string>
 #include <string_view>
 #include <unistd.h>
 
@@ -91,16 +92,18 @@ static int run_command(uci_context *ctx, const NamedCommand &command, char *argu
 
 // Every package that has a file.
 static int commit_all(uci_context *ctx) {
-    const std::unique_ptr<DIR, int (*)(DIR *)> directory(opendir(ctx->confdir), closedir);
-    int result = UCI_OK;
+    glob_t files = {};
     // NOLINTNEXTLINE(concurrency-mt-unsafe): the program has one thread
-    while (dirent *entry = directory ? readdir(directory.get()) : nullptr) {
+    glob((std::string(ctx->confdir) + "/*").c_str(), 0, nullptr, &files);
+    int result = UCI_OK;
+    for (size_t i = 0; i < files.gl_pathc; i++) {
         uci_package *package = nullptr;
-        if (entry->d_name[0] == '.' || uci_load(ctx, entry->d_name, &package) != UCI_OK)
+        if (uci_load(ctx, strrchr(files.gl_pathv[i], '/') + 1, &package) != UCI_OK)
             continue;
         if (const int failure = uci_commit(ctx, &package, false))
             result = failure;
     }
+    globfree(&files);
     return result;
 }
 

@@ -195,6 +195,14 @@ TEST_F(Household, PauseEndsByItself) {
     expect_output("vantrelle resume", "filtering is on\n");
     EXPECT_TRUE(is_filtering());
 
+    // The daemon stores what it can before it refuses.
+    expect_output(
+        "mv /etc/config/system /tmp; vantrelle pause; echo $?; mv /tmp/system /etc/config",
+        "*refused\n4\n");
+    EXPECT_EQ(stored(), "0\n");
+    ASSERT_TRUE(eventually([] { return Client(29).ask(query("first.example")).has_value(); }));
+    EXPECT_TRUE(is_filtering());
+
     // The power fails: what is in memory is gone, and the boot is another one.
     run("vantrelle pause 1440 && /etc/init.d/vantrelle stop && sed -i 's/^./x/' "
         "/etc/vantrelle/paused");

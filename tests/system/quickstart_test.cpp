@@ -134,8 +134,9 @@ TEST_F(Quickstart, IsTrue) {
         if (block.commands.starts_with("echo")) {
             run("echo new.example >>/tmp/www/hosts.txt; sh -c \"$(cut -d ' ' -f 6- "
                 "/etc/crontabs/root)\"");
-            EXPECT_TRUE(eventually(
-                [] { return system("vantrelle why new.example | grep -q 'is blocked'") == 0; }));
+            EXPECT_TRUE(eventually([] {
+                return system("vantrelle why NEW.example | grep -q 'new.example is blocked'") == 0;
+            }));
         }
     }
     EXPECT_EQ(shown, 11U) << "ten steps, each with what one should see";
