@@ -13,12 +13,14 @@
 #include <algorithm>
 #include <arpa/inet.h>
 #include <cerrno>
+#include <climits>
 #include <cstdlib>
 #include <initializer_list>
 #include <netinet/tcp.h>
 #include <pthread.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
+#include <sys/ioctl.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <syslog.h>
@@ -39,6 +41,12 @@ static constexpr int64_t IDLE_TIME = 10 * US_PER_S;
 static constexpr int64_t MESSAGE_TIME = 2 * US_PER_S; // without progress inside of one
 static constexpr int64_t SEND_TIME = 10 * US_PER_S;   // in which the kernel takes nothing
 
+// What the kernel holds of a closed connection counts against no limit of ours, and stays for as
+// long as the client does not take it. So one is kept until the client has its answers, but for
+// some bytes that it may be slow to acknowledge.
+static constexpr int MAX_UNDELIVERED = 4096;
+static constexpr int64_t TIME_TO_LOOK = 50 * US_PER_MS; // again, at a client that sends no more
+
 // What the thread does before it looks after others again.
 static constexpr int EVENTS_AT_ONCE = 32;
 static constexpr int MESSAGES_AT_ONCE = 16;
@@ -58,6 +66,7 @@ struct Connection {
     size_t out_bytes; // of those
     bool has_ended;   // the client sends no more
     bool is_broken;   // to be closed
+    int undelivered;  // bytes that the kernel has for the client, as they were last seen
     int64_t active_at, read_at, taken_at;
 };
 
@@ -213,10 +222,23 @@ static uint32_t index_of(const Connection &connection) {
     return static_cast<uint32_t>(&connection - server.connections);
 }
 
+// Whether the client has what the kernel took for it. If it took some of it, that is progress.
+static bool is_delivered(Connection &connection) {
+    int left = 0;
+    if (connection.undelivered <= MAX_UNDELIVERED)
+        return true;
+    if (ioctl(connection.stream.fd, TIOCOUTQ, &left) != 0)
+        left = 0;
+    if (left < connection.undelivered)
+        connection.taken_at = now_us();
+    connection.undelivered = left;
+    return left <= MAX_UNDELIVERED;
+}
+
 // Nothing is out, half received or unsent.
-static bool is_idle(const Connection &connection) {
+static bool is_idle(Connection &connection) {
     return connection.out == 0 && connection.stream.frame.received == 0 &&
-           connection.stream.unsent == 0;
+           connection.stream.unsent == 0 && is_delivered(connection);
 }
 
 static bool may_be_read(const Connection &connection) {
@@ -228,7 +250,7 @@ static void close_connection(Connection &connection) {
     forget_pending(index_of(connection), connection.generation);
     forget_tcp_queries(index_of(connection), connection.generation);
     // A client that takes no answers shall not keep them in the kernel either.
-    close_stream(connection.stream, connection.stream.unsent > 0);
+    close_stream(connection.stream, connection.stream.unsent > 0 || !is_delivered(connection));
     connection.generation++; // what epoll and the worker still have to tell of it is void
 }
 
@@ -236,8 +258,10 @@ static void send_answers(Connection &connection) {
     const size_t before = connection.stream.unsent;
     if (!send_messages(connection.stream))
         connection.is_broken = true;
-    if (connection.stream.unsent < before)
-        connection.active_at = connection.taken_at = now_us();
+    if (connection.stream.unsent == before)
+        return;
+    connection.active_at = connection.taken_at = now_us();
+    connection.undelivered = INT_MAX;
 }
 
 static void add_answer(Connection &connection, TcpMessage *answer) {
@@ -348,7 +372,7 @@ static bool take_decided() {
 static int make_place(in_addr_t client) {
     int of_client = 0, unused = NONE, idlest = NONE, idlest_of_client = NONE;
     for (int i = 0; i < oDNS.tcp_connections; i++) {
-        const Connection &other = connection_at(i);
+        Connection &other = connection_at(i);
         if (!is_open(other)) {
             unused = i;
             continue;
@@ -398,6 +422,7 @@ static void add_connection(UniqueFd fd, sockaddr_in client) {
                   .out_bytes = 0,
                   .has_ended = false,
                   .is_broken = false,
+                  .undelivered = 0,
                   .active_at = now,
                   .read_at = now,
                   .taken_at = now};
@@ -432,19 +457,24 @@ static void accept_connections() {
 // --- the thread ----------------------------------------------------------------------------------
 
 // When a connection is to be closed on which nothing happens.
-static int64_t end_of(const Connection &connection) {
+static int64_t end_of(Connection &connection) {
     const TcpStream &stream = connection.stream;
-    if (connection.is_broken || stream.unsent >= MAX_UNSENT ||
-        (connection.has_ended && is_idle(connection)))
+    const bool idle = is_idle(connection);
+    if (connection.is_broken || stream.unsent >= MAX_UNSENT || (connection.has_ended && idle))
         return 0;
     int64_t end = NEVER;
-    if (is_idle(connection))
+    if (idle)
         end = connection.active_at + IDLE_TIME;
     if (stream.frame.received > 0 && may_be_read(connection))
         end = std::min(end, connection.read_at + MESSAGE_TIME);
-    if (stream.unsent > 0)
+    if (stream.unsent > 0 || (connection.out == 0 && !is_delivered(connection)))
         end = std::min(end, connection.taken_at + SEND_TIME);
     return end;
+}
+
+// Whether only the kernel has still to do with it, which does not tell when it is done.
+static bool is_leaving(const Connection &connection) {
+    return connection.has_ended && connection.out == 0 && connection.stream.unsent == 0;
 }
 
 // Lets epoll tell of what a connection is ready for.
@@ -473,7 +503,7 @@ static int64_t tend_connections() {
         if (end <= now)
             close_connection(connection);
         else
-            next = std::min(next, end);
+            next = std::min({next, end, is_leaving(connection) ? now + TIME_TO_LOOK : NEVER});
     }
     return next;
 }

@@ -406,7 +406,8 @@ TEST_F(Tcp, WhoStopsInTheMiddleIsClosedInTime) {
     const Bytes asked = query("a-name-that-takes-its-time.example"), frame = framed(asked);
     const auto start = std::chrono::steady_clock::now();
     const TcpClient idle(20), half(21), slow(22), deaf(23, true), reader(24, true);
-    EXPECT_TRUE(half.write(frame.substr(0, 10)) && slow.write(frame.substr(0, 20)));
+    EXPECT_TRUE(half.write(frame.substr(0, 10)));
+    EXPECT_TRUE(slow.write(frame + frame.substr(0, 20)) && slow.receive());
     for (const TcpClient *each : {&deaf, &reader})
         for (int count = 0; count < 10; count++)
             EXPECT_TRUE(each->write(framed(query("long.example"))));
@@ -456,6 +457,25 @@ TEST_F(Tcp, AnswersThatNobodyTakesAreNotKeptWithoutEnd) {
     }
     EXPECT_TRUE(is_closed) << "with 1 MB unsent";
     EXPECT_TRUE(TcpClient().ask(question));
+}
+
+// What the kernel still holds of a closed connection would be bounded by nothing.
+TEST_F(Tcp, WhoTakesNoAnswersLeavesNoneBehind) {
+    const TcpUpstream server(
+        1, [](const Bytes &message, size_t) { return sized(echo(message), 60000); });
+    configure();
+    const Daemon daemon;
+    std::vector<TcpClient> deaf;
+    for (int count = 0; count < 30; count++) {
+        deaf.emplace_back(20, true);
+        deaf.back().write(framed(query("a.example")));
+        if (count % 2)
+            shutdown(deaf.back().fd.get(), SHUT_WR);
+        usleep(20'000);
+    }
+    // Of the router's ends those that are closed and have more than a few bytes to deliver.
+    run("! awk '$2 ~ /:0035$/ && $4 ~ /04|09/ && $5 ~ /^0000[1-9A-F]/' /proc/net/tcp | grep .");
+    EXPECT_TRUE(TcpClient(21).ask(query("b.example")));
 }
 
 TEST_F(Tcp, ManyConnectionsTakeTheIdleOnesPlaces) {
