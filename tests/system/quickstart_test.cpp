@@ -67,6 +67,7 @@ constexpr char DEVICE[] = R"(
 ip addr add "$ip/$mask" dev "$interface" && ip route add default via "$router"
 echo "nameserver $dns" >/tmp/resolv.conf
 END
+    nsenter -t 1 -n ip link del lan0 2>/dev/null # of one whose network is not gone yet
     ip link add eth0 address 02:00:00:00:00:64 type veth peer name lan0 netns 1 && ip link set eth0 up
     nsenter -t 1 -n sh -c 'ip link set lan0 master br-lan && ip link set lan0 up'
     udhcpc -fnq -i eth0 -s /tmp/lease -x hostname:laptop >/dev/null 2>&1
