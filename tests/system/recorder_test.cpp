@@ -49,15 +49,19 @@ struct Recorder : BusTest {
     static int rows_like(const std::string &prefix) {
         return number("select count(*) from dns_traffic where fqdn like '" + prefix + "%'");
     }
-    // Asks for the numbers from `first` on behind `prefix`, one after the other.
+    // Asks for the numbers from `first` on behind `prefix`, one after the other, with
+    // RECORDER_PAUSE microseconds in between.
     void ask(const std::string &prefix, size_t first, size_t count,
              const std::string &suffix = ".example") {
+        static const size_t pause = number_from("RECORDER_PAUSE", 0);
         for (size_t i = first; i < first + count; i++) {
             const auto begin = steady_clock::now();
             ASSERT_TRUE(client.ask(query(prefix + std::to_string(i) + suffix)));
             const auto took = std::chrono::duration_cast<milliseconds>(steady_clock::now() - begin);
             slowest = std::max(slowest, took);
             slow += took > milliseconds(20);
+            if (pause)
+                usleep(pause);
         }
     }
 };

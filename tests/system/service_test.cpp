@@ -89,7 +89,7 @@ TEST_F(Service, StopAndRestartAreOrderlyAndFast) {
     for (size_t round = 1; const char *action : {"restart", "stop"}) {
         const auto start = Clock::now();
         service(action);
-        EXPECT_LT(Clock::now() - start, std::chrono::seconds(1)) << action;
+        EXPECT_LT(Clock::now() - start, std::chrono::seconds(IS_SLOW ? 3 : 1)) << action;
         EXPECT_EQ(log_count("Shutdown Complete"), round++);
         if (action == "restart"s)
             expect_new_daemon();
