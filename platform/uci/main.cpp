@@ -82,7 +82,7 @@ static constexpr NamedCommand COMMANDS[] = {
 };
 
 static int run_command(uci_context *ctx, const NamedCommand &command, char *argument) {
-    uci_ptr ptr;
+    uci_ptr ptr = {};
     if (const int result = uci_lookup_ptr(ctx, &ptr, argument, true))
         return result;
     if (command.has_value != (ptr.value != nullptr))
