@@ -2,9 +2,9 @@
 
 #include "config.h"
 #include "statsdb.h"
+#include "utils.h"
 
 #include <cstdio>
-#include <ctime>
 #include <iterator>
 #include <memory>
 #include <sqlite3.h>
@@ -53,12 +53,6 @@ static struct {
     bool has_failed; // a statement of this step, which the database refused
 } pruning;
 
-static int64_t monotonic_ms() {
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
-}
-
 // --- statements ----------------------------------------------------------------------------------
 
 // The format takes the table's name and then the number. Null when there is no such table.
@@ -106,7 +100,7 @@ static void begin(int64_t in_use) {
     pruning.up_to = 0;
     pruning.rows = 0;
     pruning.lowest = in_use;
-    pruning.begun = monotonic_ms();
+    pruning.begun = now_ms();
     syslog(LOG_INFO, "Statistics take %lld KiB, more than %lld, deleting the oldest",
            static_cast<long long>(in_use / KIB), static_cast<long long>(limit() / KIB));
 }
@@ -114,8 +108,7 @@ static void begin(int64_t in_use) {
 static void end(int64_t in_use) {
     pruning.is_under_way = false;
     syslog(LOG_INFO, "Deleted %lld rows of statistics in %lld ms, %lld KiB are left",
-           static_cast<long long>(pruning.rows),
-           static_cast<long long>(monotonic_ms() - pruning.begun),
+           static_cast<long long>(pruning.rows), static_cast<long long>(now_ms() - pruning.begun),
            static_cast<long long>(in_use / KIB));
 }
 

@@ -5,6 +5,7 @@
 #include "netutils.h"
 #include "prune.h"
 #include "statsdb.h"
+#include "utils.h"
 
 #include <algorithm>
 #include <atomic>
@@ -91,12 +92,6 @@ static Recorder recorder;
 static std::atomic<bool> is_late;
 static std::atomic<unsigned> progress; // counts what the thread does: whether it gets on
 
-static int64_t monotonic_ms() {
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
-}
-
 static void wait_until(pthread_cond_t &condition, int64_t time) {
     if (time == NEVER) {
         pthread_cond_wait(&condition, &recorder.mutex);
@@ -136,14 +131,14 @@ static bool is_getting_on() {
 // the oldest rows are being written, and that takes its time.
 static bool make_room() {
     unsigned before = progress;
-    for (int64_t until = monotonic_ms() + STALL; recorder.count == CAPACITY && is_getting_on();) {
+    for (int64_t until = now_ms() + STALL; recorder.count == CAPACITY && is_getting_on();) {
         recorder.flush = true;
         pthread_cond_signal(&recorder.work);
         wait_until(recorder.room, until);
         if (const unsigned now = progress; now != before) {
             before = now;
-            until = monotonic_ms() + STALL;
-        } else if (monotonic_ms() >= until) {
+            until = now_ms() + STALL;
+        } else if (now_ms() >= until) {
             recorder.is_stalled = true;
         }
     }
@@ -164,7 +159,7 @@ static void add(Row *row) {
         free(row);
         return;
     }
-    row->queued = monotonic_ms();
+    row->queued = now_ms();
     recorder.rows[(recorder.first + recorder.count++) % CAPACITY] = row;
     const bool is_due = row->kind == Kind::SUMMARY || recorder.count == MANY;
     recorder.flush = recorder.flush || row->kind == Kind::SUMMARY;
@@ -334,7 +329,7 @@ static ssize_t write_part(size_t most) {
     recorder.is_stuck = count > 0 && done == 0;
     if (recorder.is_stuck)
         recorder.retry_at =
-            monotonic_ms() + (recorder.end_at == NEVER ? RETRY_INTERVAL : RETRY_INTERVAL_AT_END);
+            now_ms() + (recorder.end_at == NEVER ? RETRY_INTERVAL : RETRY_INTERVAL_AT_END);
     remove_first(done);
     pthread_cond_broadcast(&recorder.room);
     return recorder.is_stuck ? -1 : static_cast<ssize_t>(done);
@@ -405,7 +400,7 @@ static bool is_over(int64_t now) {
 static bool await_work() {
     const MutexGuard guard(recorder.mutex);
     for (;;) {
-        const int64_t now = monotonic_ms();
+        const int64_t now = now_ms();
         if (is_over(now))
             return false;
         const int64_t warning_at =
@@ -434,7 +429,7 @@ static void write_due_rows() {
     bool is_due = false;
     {
         const MutexGuard guard(recorder.mutex);
-        const int64_t now = monotonic_ms();
+        const int64_t now = now_ms();
         is_due = rows_due_at(now) <= now;
         recorder.look_at_size = recorder.look_at_size || is_due;
     }
@@ -446,7 +441,7 @@ static void write_due_rows() {
 static void tend_size() {
     {
         const MutexGuard guard(recorder.mutex);
-        const bool is_due = recorder.look_at_size || recorder.prune_at <= monotonic_ms();
+        const bool is_due = recorder.look_at_size || recorder.prune_at <= now_ms();
         recorder.look_at_size = false;
         if (recorder.end_at != NEVER)
             recorder.prune_at = NEVER;
@@ -458,14 +453,14 @@ static void tend_size() {
     progress++;
     const MutexGuard guard(recorder.mutex);
     recorder.prune_at =
-        !is_pruning ? NEVER : monotonic_ms() + (waits ? RETRY_INTERVAL : PAUSE_OF_PRUNING);
+        !is_pruning ? NEVER : now_ms() + (waits ? RETRY_INTERVAL : PAUSE_OF_PRUNING);
 }
 
 static void warn_of_dropped_rows(bool at_end) {
     unsigned dropped = 0;
     {
         const MutexGuard guard(recorder.mutex);
-        const int64_t now = monotonic_ms();
+        const int64_t now = now_ms();
         if (recorder.dropped == 0 || (now - recorder.warned_at < WARNING_INTERVAL && !at_end))
             return;
         recorder.warned_at = now;
@@ -534,7 +529,7 @@ void end_recorder() {
         const MutexGuard guard(recorder.mutex);
         if (!recorder.is_running)
             return;
-        recorder.end_at = monotonic_ms() + MAX_END;
+        recorder.end_at = now_ms() + MAX_END;
         recorder.is_edited = false; // such an edit is stuck
         recorder.retry_at = 0;
         pthread_cond_signal(&recorder.work);

@@ -5,13 +5,13 @@
 #include "log.h"
 #include "netutils.h"
 #include "uciutils.h"
+#include "utils.h"
 
 #include <atomic>
 #include <climits>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <initializer_list>
 #include <iterator>
 #include <sqlite3.h>
@@ -37,12 +37,6 @@ static constexpr int64_t EDIT_WAIT_AFTER_VAIN_MS = 1000;
 static constexpr useconds_t BUSY_STEP_US = 2000;
 static constexpr int MAX_COMMITS = 50; // of a batch, a step apart
 static constexpr useconds_t EDIT_STEP_US = 20000;
-
-static int64_t monotonic_ms() {
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
-}
 
 // --- statement texts -----------------------------------------------------------------------------
 
@@ -375,7 +369,7 @@ static bool may_query_wait(int64_t now, int tries) {
 // SQLite asks this whether to try again. Its caller has the connection to itself. An edit never
 // waits here: change() gives the connection back meanwhile.
 static int wait_for_other_process(void *, int tries) {
-    const int64_t now = monotonic_ms();
+    const int64_t now = now_ms();
     const bool again = patience == Patience::START_UP ? may_start_up_wait(now, tries)
                        : patience == Patience::QUERY  ? may_query_wait(now, tries)
                                                       : false;
@@ -475,7 +469,7 @@ static std::atomic<bool> edit_was_in_vain;
 static bool is_edit_over(int64_t begin) {
     if (edits_must_end)
         return true;
-    if (monotonic_ms() - begin < (edit_was_in_vain ? EDIT_WAIT_AFTER_VAIN_MS : EDIT_WAIT_MS))
+    if (now_ms() - begin < (edit_was_in_vain ? EDIT_WAIT_AFTER_VAIN_MS : EDIT_WAIT_MS))
         return false;
     edit_was_in_vain = true;
     return true;
@@ -499,7 +493,7 @@ static bool write_rows_before_edit(const Connection &connection) {
 // file, repeated; between two attempts the connection is free for others.
 template <typename Step, typename Report>
 static bool change(Step step, Report report) {
-    const int64_t begin = monotonic_ms();
+    const int64_t begin = now_ms();
     for (;; usleep(EDIT_STEP_US)) {
         Connection connection;
         if (!own_edit)

@@ -17,8 +17,11 @@ int getTimeAsString(char *buffer);
 
 inline constexpr int64_t US_PER_MS = 1000, US_PER_S = 1'000'000;
 
-// The monotonic clock in microseconds. Any thread.
+// The monotonic clock in microseconds, and in milliseconds. Any thread.
 int64_t now_us();
+inline int64_t now_ms() {
+    return now_us() / US_PER_MS;
+}
 
 // The decimal text of `number` with thousands separators of the locale, "," where it has none.
 // Returns a static buffer that the next call overwrites: main thread only.
