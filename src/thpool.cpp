@@ -8,7 +8,6 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <ctime>
 #include <sched.h>
 #include <sys/prctl.h>
 
@@ -183,6 +182,7 @@ static void *thread_do(void *record) {
     block_daemon_signals(); // a pause signal must not catch a worker that is gone from the pool
     const MutexGuard guard(pool->count_lock);
     pool->alive_count--;
+    pthread_cond_signal(&pool->all_idle); // for the end of the pool
     return nullptr;
 }
 
@@ -288,16 +288,12 @@ void thpool_destroy(thpool *pool, void (*drop)(void *)) {
         return;
     const int started = pool->alive_count;
     threads_keepalive = 0;
-    const time_t start = time(nullptr);
-    while (difftime(time(nullptr), start) < 1.0 && pool->alive_count != 0)
-        bsem_post(pool->jobqueue.jobs_available);
-    while (pool->alive_count != 0) {
-        bsem_post_all(pool->jobqueue.jobs_available, pool->alive_count);
-        sleep(1);
+    bsem_post_all(pool->jobqueue.jobs_available, started);
+    {
+        const MutexGuard guard(pool->count_lock);
+        while (pool->alive_count != 0)
+            pthread_cond_wait(&pool->all_idle, &pool->count_lock);
     }
-    // The last worker counts itself out before it lets go of the lock: wait for that.
-    pthread_mutex_lock(&pool->count_lock);
-    pthread_mutex_unlock(&pool->count_lock);
     jobqueue_destroy(&pool->jobqueue, drop);
     pthread_cond_destroy(&pool->all_idle);
     pthread_mutex_destroy(&pool->count_lock);
