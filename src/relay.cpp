@@ -272,7 +272,10 @@ static void wake_thread() {
     [[maybe_unused]] const ssize_t written = write(relay.wake_fd, &one, sizeof one);
 }
 
+// Lets the thread end a query, which is in no queue. An answer that came before its end would take
+// it out of the wrong one.
 static void end_soon(int index) {
+    detach(index);
     if (relay.ending.head == NONE)
         wake_thread();
     query_at(index).state = State::ENDS;
