@@ -889,8 +889,11 @@ void start_relay() {
     relay.warned_at = -FULL_WARNING_INTERVAL;
     if (!draw(&relay.seed, sizeof relay.seed)) // a kernel that just started; ids are drawn later
         relay.seed = static_cast<uint32_t>(now_us());
-    relay.is_running = make_table() && make_events() &&
-                       pthread_create(&relay.thread, nullptr, relay_main, nullptr) == 0;
+    relay.is_running = make_table() && make_events();
+    if (relay.is_running) {
+        errno = pthread_create(&relay.thread, nullptr, relay_main, nullptr);
+        relay.is_running = errno == 0;
+    }
     if (relay.is_running)
         return;
     syslog(LOG_ERR, "Cannot forward many queries at once: %s", error_text());
