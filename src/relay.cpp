@@ -854,6 +854,15 @@ static bool make_table() {
     return true;
 }
 
+// Answers to devices that are not there wait for seconds, while the kernel looks for them. If it
+// has no room for more, no other device gets one: a few hundred queries from addresses that
+// somebody made up would be enough.
+static void make_room_for_answers() {
+    const int size = 1 << 20;
+    for (const int option : {SO_SNDBUF, SO_SNDBUFFORCE}) // the second one is for root alone
+        setsockopt(oDNS.listenfd, SOL_SOCKET, option, &size, sizeof size);
+}
+
 static bool make_events() {
     relay.epoll_fd = epoll_create1(EPOLL_CLOEXEC);
     relay.wake_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
@@ -894,8 +903,10 @@ void start_relay() {
         errno = pthread_create(&relay.thread, nullptr, relay_main, nullptr);
         relay.is_running = errno == 0;
     }
-    if (relay.is_running)
+    if (relay.is_running) {
+        make_room_for_answers();
         return;
+    }
     syslog(LOG_ERR, "Cannot forward many queries at once: %s", error_text());
     oDNS.concurrent_queries = 0;
     give_all_back();

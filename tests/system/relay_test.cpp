@@ -210,7 +210,7 @@ TEST_F(Relay, ForgedAnswersReachNobody) {
 }
 
 TEST_F(Relay, WhatCannotBeMatchedGoesBackOrNowhere) {
-    start();
+    start({{"socket_buffer_size", "200000"}});
     const Bytes good = query("a.example", 9);
     const auto changed = [&](std::initializer_list<std::pair<size_t, char>> places) {
         Bytes message = good;
@@ -238,6 +238,16 @@ TEST_F(Relay, WhatCannotBeMatchedGoesBackOrNowhere) {
     EXPECT_FALSE(client.receive(200));
     EXPECT_FALSE(server->receive(0));
     EXPECT_EQ(counted("Message Count: "), 1U);
+    // Nobody waits for answers to a device that is gone.
+    const Client gone(29);
+    daemon->signal(SIGSTOP);
+    for (int count = 0; count < 400; count++)
+        gone.send(good.substr(0, 12));
+    run("ip addr del 192.168.8.29/32 dev lo");
+    daemon->signal(SIGCONT);
+    client.send(good.substr(0, 12));
+    EXPECT_TRUE(client.receive(1500));
+    run("ip addr add 192.168.8.29/32 dev lo");
 }
 
 TEST_F(Relay, ABurstAtADeadServerLosesFiveAndMovesOn) {
