@@ -3,9 +3,10 @@
 // There is exactly one record, oDNS. Command-line options write into it first (main.cpp), then
 // load_config() fills it from the configuration store, and from then on every part of the daemon
 // reads and writes the fields it needs directly. Fields that two threads touch and one changes
-// while the daemon serves are atomics, but for the counters (see counters.h); the upstream texts,
-// which the bus thread replaces under a running worker, are reached through
-// upstream_address(), copy_upstream() and replace_upstreams() alone.
+// while the daemon serves are atomics, but for the counters (see counters.h) and for what tells
+// which server is in use (current_dns, dns_timeouts, secondary_since): who forwards has `lock`, or
+// the mutex of relay.h. The upstream texts, which the bus thread replaces under a running worker,
+// are reached through upstream_address(), copy_upstream() and replace_upstreams() alone.
 #pragma once
 
 #include "guards.h"
