@@ -869,7 +869,8 @@ static bool make_events() {
     epoll_event event = {};
     event.events = EPOLLIN;
     event.data.u64 = WAKE_EVENT;
-    return epoll_ctl(relay.epoll_fd, EPOLL_CTL_ADD, relay.wake_fd, &event) == 0;
+    return relay.epoll_fd >= 0 && relay.wake_fd >= 0 && // otherwise errno says why not
+           epoll_ctl(relay.epoll_fd, EPOLL_CTL_ADD, relay.wake_fd, &event) == 0;
 }
 
 static void give_all_back() {

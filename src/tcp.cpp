@@ -584,7 +584,8 @@ static bool open_listener() {
 static bool make_events() {
     server.epoll_fd = epoll_create1(EPOLL_CLOEXEC);
     exchange.wake_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    return watch(exchange.wake_fd, EPOLL_CTL_ADD, EPOLLIN, tcp_event(TcpEvent::WAKE, 0, 0)) &&
+    return server.epoll_fd >= 0 && exchange.wake_fd >= 0 && // otherwise errno says why not
+           watch(exchange.wake_fd, EPOLL_CTL_ADD, EPOLLIN, tcp_event(TcpEvent::WAKE, 0, 0)) &&
            watch(server.listener, EPOLL_CTL_ADD, EPOLLIN, tcp_event(TcpEvent::LISTENER, 0, 0));
 }
 
