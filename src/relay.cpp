@@ -26,7 +26,6 @@
 #include <sys/uio.h>
 #include <syslog.h>
 #include <unistd.h>
-#include <utility>
 
 static constexpr int NONE = -1; // no query, no socket
 static constexpr int64_t NEVER = INT64_MAX;
@@ -228,9 +227,9 @@ static void prepend(Queue &queue, int index) {
 }
 
 static void take_out(Queue &queue, int index) {
-    const auto &[previous, next] = std::pair(query_at(index).previous, query_at(index).next);
-    (previous == NONE ? queue.head : query_at(previous).next) = next;
-    (next == NONE ? queue.tail : query_at(next).previous) = previous;
+    const Waiting &query = query_at(index);
+    (query.previous == NONE ? queue.head : query_at(query.previous).next) = query.next;
+    (query.next == NONE ? queue.tail : query_at(query.next).previous) = query.previous;
 }
 
 // --- sockets -------------------------------------------------------------------------------------
