@@ -12,9 +12,10 @@
 
 static constexpr int64_t KIB = 1024, MIB = 1024 * KIB;
 
-// Of one step. A hit is three rows.
-static constexpr int MAX_ROWS = 500;
-static constexpr int MAX_HITS = MAX_ROWS / 3;
+// Of one step, and in the statements below: 500 rows, or 50 hits. A hit is three rows, and its name
+// has a page of its own in the index of names: many more in one step would fill the log, so that
+// every step ended with copying it into the file, and waiting for the disk.
+static constexpr int MAX_HITS = 50;
 
 // How far rows that come may outrun the deletion, see StatsSize.
 static constexpr int64_t MAX_GROWTH = 256 * KIB;
@@ -176,7 +177,7 @@ static int erase_oldest(sqlite3 *db, const Table &table, int64_t up_to) {
         return erase(db, "delete from %s where id <= %lld", table.name, up_to);
     }
     up_to = ask(
-        db, "select max(id) from (select id from %s_stats where id <= %lld order by id limit 166)",
+        db, "select max(id) from (select id from %s_stats where id <= %lld order by id limit 50)",
         table.name, up_to);
     const int rows = erase_hits(db, table.name, up_to);
     return rows + erase(db, "delete from %s_stats where id <= %lld", table.name, up_to);

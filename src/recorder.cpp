@@ -32,8 +32,8 @@ static constexpr int64_t STALL = 1000;
 // The size of the database is looked at after that many rows of a batch, and of those that are
 // written at once.
 static constexpr size_t ROWS_TO_LOOK = 500;
-static constexpr unsigned ROWS_TO_LOOK_AT_ONCE = 50;
-static constexpr int64_t PAUSE_OF_PRUNING = 1; // in which others get at the connection
+static constexpr unsigned ROWS_TO_LOOK_AT_ONCE = 16; // fewer than one step of pruning deletes
+static constexpr int64_t PAUSE_OF_PRUNING = 1;       // in which others get at the connection
 static constexpr int MAX_STEPS_AT_ONCE = 64;
 
 namespace {
