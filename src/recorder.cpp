@@ -310,7 +310,7 @@ static size_t write_taken(size_t count) {
         if (is_batch_too_large(done))
             break;
     }
-    return batch.commit() ? done : 0;
+    return batch.commit() || !batch.is_held_up() ? done : 0;
 }
 
 // At most `most` of the oldest rows, as one transaction. Returns how many, -1 when they have to

@@ -871,7 +871,13 @@ bool RowBatch::is_held_up() const {
 bool RowBatch::commit() {
     sqlite3 *db = hold_.get();
     for (int tries = 1; batch == Batch::OPEN && !execute(db, COMMIT.sql); tries++) {
-        if (sqlite3_errcode(db) != SQLITE_BUSY || tries == MAX_COMMITS)
+        const int code = sqlite3_errcode(db);
+        if (!may_pass(code)) { // a damaged file, say: to try again would never end
+            syslog(LOG_ERR, "Couldn't execute sql statement: %s, %s", sqlite3_errmsg(db),
+                   COMMIT.text);
+            return false;
+        }
+        if (code != SQLITE_BUSY || tries == MAX_COMMITS)
             batch = Batch::HELD_UP;
         usleep(BUSY_STEP_US);
     }

@@ -158,7 +158,7 @@ class RowBatch {
     RowBatch(const RowBatch &) = delete;
     RowBatch &operator=(const RowBatch &) = delete;
     bool is_held_up() const;
-    // False when it is held up.
+    // False when it is held up, and when it failed for a lasting reason, with a line in the log.
     bool commit();
     sqlite3 *get() const { return hold_.get(); }
 };

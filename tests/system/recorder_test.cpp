@@ -215,9 +215,18 @@ TEST_F(Recorder, AFullQueueDropsTheOldestRowsAndAStopGivesUp) {
     const auto begin = steady_clock::now();
     EXPECT_EQ(daemon->stop(), 0);
     EXPECT_LT(steady_clock::now() - begin, std::chrono::seconds(12));
-    EXPECT_EQ(log_count("Cannot write statistics, "), 1U);
     EXPECT_EQ(log_count("Cannot write statistics, 0"), 0U);
     EXPECT_EQ(rows_like("lost"), 0);
+    // What a damaged file does not take is refused once.
+    other.reset();
+    std::fstream(file).seekp(
+        4096L * (number("select rootpage from sqlite_master where name = 'dns_traffic'") - 1))
+        << "damaged";
+    start({{"stats_write_delay", "1"}});
+    ask("refused", 0, 1);
+    EXPECT_EQ(daemon->stop(), 0);
+    EXPECT_EQ(log_count("malformed, insert into dns_traffic ('fqdn', 'ip') values('refused"), 1U);
+    EXPECT_EQ(log_count("Cannot write statistics, "), 1U);
 }
 
 TEST_F(Recorder, RowsWaitForADiskThatIsFull) {
