@@ -80,7 +80,7 @@ TEST_F(Lists, FollowTheirSources) {
     add_source("good", HTTP + "good"s, "white");
     publish("hosts", "127.0.0.1 localhost\r\n0.0.0.0 Both.example one.example # two\r\n");
     publish("rules", "! rules\n||both.example^\n||three.example^\n@@||no.example^\n");
-    publish("good", "@@||shop.example^\n");
+    publish("good", "\xef\xbb\xbf @@||shop.example^\n");
     write_file("/etc/vantrelle/black.lst", "owner.example"); // pending, and without a line end
     EXPECT_EQ(update(), 0);
     EXPECT_TRUE(read_file("/etc/vantrelle/black.lst").starts_with("owner.example\n"));
@@ -111,6 +111,8 @@ TEST_F(Lists, FollowTheirSources) {
     import();
     EXPECT_EQ(black, Patterns());
     EXPECT_EQ(Process("vantrelle-lists", {"remove", "../hosts"}).wait(), 1);
+    write_file("/etc/config/vantrelle", "config main\n\toption path 'an owner's'\n");
+    EXPECT_EQ(update(), 1);
 }
 
 // Each source fails in its own way, and none takes another with it or loses what it had.
