@@ -159,6 +159,7 @@ TEST_F(Household, Commands) {
                              "why .",
                              "why x.example 1.2.3",
                              "top names 1x",
+                             "top names 9999999999",
                              "pause 0",
                              "pause 1441",
                              "why",
@@ -190,7 +191,9 @@ TEST_F(Household, PauseEndsByItself) {
     EXPECT_TRUE(eventually([] { return !fs::exists("/etc/vantrelle/paused"); }));
 
     // A second pause replaces the first; resumed, neither of them comes back to end anything.
-    run("vantrelle pause 1 && vantrelle pause 3");
+    expect_output("(flock 9; sleep 3; echo first) 9>/var/run/vantrelle.lock & sleep 1; "
+                  "vantrelle pause 1 && vantrelle pause 3",
+                  "first\npaused*paused for 3 min\n");
     EXPECT_FALSE(eventually(is_filtering, 4000));
     expect_output("vantrelle resume", "filtering is on\n");
     EXPECT_TRUE(is_filtering());
