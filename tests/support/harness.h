@@ -101,7 +101,7 @@ struct Client : Socket {
 // Whether a query for the name gets the answer that Upstream::echo() gives.
 bool passes(std::string_view name, int client = 20);
 
-// How many datagrams wait in the daemon's socket or did not fit into it.
+// 0 when the daemon took all that ever came to its socket: bytes that wait, and datagrams lost.
 size_t not_received();
 
 // An upstream server at 10.53.0.NUMBER (1 to 4), port 53, on a thread of its own.
