@@ -121,7 +121,7 @@ TEST_F(Lists, SurviveTheirSources) {
         const char *name, *url, *bad, *error;
     } sources[] = {
         {"page", "file:///tmp/www/page", "<html>\n<body>\nlogin\n</html>\n",
-         "cannot be used: no list"},
+         "cannot be used: no list: 1 of 4 lines have a known form\n"},
         {"shrunk", "file:///tmp/www/shrunk", "one.example\n", "1 names instead of 20"},
         {"large", "file:///tmp/www/large", nullptr, "larger than 64 MiB"},
         {"cut", "http://127.0.0.1:8080/cgi-bin/cut",
