@@ -3,6 +3,7 @@
 #include "fuzz.h"
 
 #include <memory>
+#include <vector>
 
 extern "C" {
 #include <libubox/blobmsg_json.h>
@@ -52,10 +53,8 @@ void read_text(const std::string &text) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     // A block of exactly this size, so that a sanitizer sees every step outside.
-    Text copy(static_cast<char *>(std::malloc(size + !size)), &std::free);
-    if (size)
-        std::memcpy(copy.get(), data, size);
-    read_message(reinterpret_cast<blob_attr *>(copy.get()), size);
-    read_text(std::string(reinterpret_cast<const char *>(data), size));
+    std::vector<uint8_t> copy(data, data + size);
+    read_message(reinterpret_cast<blob_attr *>(copy.data()), size);
+    read_text(std::string(text_of(data, size)));
     return 0;
 }

@@ -13,6 +13,13 @@ inline void check(bool holds) {
         std::abort();
 }
 
+inline std::string_view text_of(const uint8_t *data, size_t size) {
+    return {reinterpret_cast<const char *>(data), size};
+}
+inline const uint8_t *bytes_of(std::string_view text) {
+    return reinterpret_cast<const uint8_t *>(text.data());
+}
+
 // Reads an input as a sequence of decisions. Behind its end everything is zero or empty.
 class Input {
     std::string_view rest_;
@@ -21,7 +28,7 @@ class Input {
   public:
     // `allowance` bounds the length of all texts that say themselves longer than they are.
     Input(const uint8_t *data, size_t size, size_t allowance)
-        : rest_(reinterpret_cast<const char *>(data), size), allowance_(allowance) {}
+        : rest_(text_of(data, size)), allowance_(allowance) {}
     bool empty() const { return rest_.empty(); }
     std::string_view piece(size_t size) {
         const std::string_view taken = rest_.substr(0, size);

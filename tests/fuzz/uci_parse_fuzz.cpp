@@ -56,11 +56,10 @@ void find(uci::Context &ctx, uci::Package &package, std::string key) {
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    const std::string input(reinterpret_cast<const char *>(data), size);
-    const size_t cut = input.find("----\n");
-    const std::string config = input.substr(0, cut);
-    const std::string delta = cut == std::string::npos ? "" : input.substr(cut + 5);
-
+    const std::string_view input = text_of(data, size), line = "----\n";
+    const size_t cut = std::min(input.find(line), size);
+    const std::string config(input.substr(0, cut)),
+        delta(input.substr(std::min(cut + line.size(), size)));
     uci_context *owner = uci_alloc_context();
     uci::Context &ctx = uci::own(owner);
     if (const OwnedPackage package = parse(ctx, config)) {

@@ -46,17 +46,17 @@ struct LogReader {
     // when a mark of our own has.
     void catch_up() {
         size_t expected = marks + 1;
-        int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-        sockaddr_un log{AF_UNIX, "/dev/log"};
-        bool sent = fd >= 0 && sendto(fd, mark, strlen(mark), 0, reinterpret_cast<sockaddr *>(&log),
-                                      sizeof log) > 0;
-        must(sent && eventually([&] { return read(), marks == expected; }), "read the log");
-        close(fd);
+        const UniqueFd fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+        const sockaddr_un log{AF_UNIX, "/dev/log"};
+        must(sendto(fd.get(), mark, strlen(mark), 0, reinterpret_cast<const sockaddr *>(&log),
+                    sizeof log) > 0 &&
+                 eventually([&] { return read(), marks == expected; }),
+             "read the log");
     }
 
     // Lines that contain the text; a process of 0 is any.
     size_t count(std::string_view text, pid_t process = 0) const {
-        return static_cast<size_t>(std::count_if(lines.begin(), lines.end(), [&](auto &line) {
+        return static_cast<size_t>(std::ranges::count_if(lines, [&](const LogLine &line) {
             return (process == 0 || line.process == process) &&
                    line.text.find(text) != std::string::npos;
         }));
@@ -159,10 +159,10 @@ Bytes query(std::string_view name, uint16_t id, uint16_t type, bool edns) {
 }
 
 uint16_t id_of(const Bytes &message) {
-    if (message.size() < 12)
-        return 0;
-    return static_cast<uint16_t>(static_cast<uint8_t>(message[0]) << 8 |
-                                 static_cast<uint8_t>(message[1]));
+    uint16_t id = 0;
+    if (message.size() >= 12)
+        memcpy(&id, message.data(), sizeof id);
+    return ntohs(id);
 }
 
 int rcode_of(const Bytes &message) {
@@ -180,26 +180,24 @@ sockaddr_in socket_address(const std::string &text, uint16_t port) {
 Socket::Socket(const std::string &address, uint16_t port)
     : fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
     const sockaddr_in own = socket_address(address, port);
-    must(bind(fd, reinterpret_cast<const sockaddr *>(&own), sizeof own) == 0, "bind to " + address);
-}
-
-Socket::~Socket() {
-    close(fd);
+    must(bind(fd.get(), reinterpret_cast<const sockaddr *>(&own), sizeof own) == 0,
+         "bind to " + address);
 }
 
 void Socket::send_to(const Bytes &message, const sockaddr_in &to) const {
-    must(sendto(fd, message.data(), message.size(), 0, reinterpret_cast<const sockaddr *>(&to),
+    must(sendto(fd.get(), message.data(), message.size(), 0,
+                reinterpret_cast<const sockaddr *>(&to),
                 sizeof to) == static_cast<ssize_t>(message.size()),
          "send a message");
 }
 
 std::optional<Bytes> Socket::receive(int timeout, sockaddr_in *from) const {
-    pollfd waiting{fd, POLLIN, 0};
+    pollfd waiting{fd.get(), POLLIN, 0};
     if (poll(&waiting, 1, timeout) != 1)
         return std::nullopt;
     Bytes message(4096, '\0');
     socklen_t length = sizeof(sockaddr_in);
-    const ssize_t size = recvfrom(fd, message.data(), message.size(), 0,
+    const ssize_t size = recvfrom(fd.get(), message.data(), message.size(), 0,
                                   reinterpret_cast<sockaddr *>(from), from ? &length : nullptr);
     must(size >= 0, "receive a message");
     message.resize(static_cast<size_t>(size));
@@ -246,12 +244,7 @@ Upstream::Upstream(int number, Answer answer)
 
 Upstream::Upstream(int number, Script what)
     : script(std::move(what)), socket(sandbox::UPSTREAM_PREFIX + std::to_string(number), dns_port),
-      thread([this] { serve(); }) {}
-
-Upstream::~Upstream() {
-    stopping = true;
-    thread.join();
-}
+      thread([this](const std::stop_token &stop) { serve(stop); }) {}
 
 std::vector<Bytes> Upstream::received() const {
     std::lock_guard guard(mutex);
@@ -263,10 +256,10 @@ std::vector<sockaddr_in> Upstream::senders() const {
     return origins;
 }
 
-void Upstream::serve() {
+void Upstream::serve(const std::stop_token &stop) {
     using Clock = std::chrono::steady_clock;
     std::multimap<Clock::time_point, std::pair<Bytes, sockaddr_in>> later;
-    while (!stopping) {
+    while (!stop.stop_requested()) {
         sockaddr_in from{};
         if (const std::optional<Bytes> message = socket.receive(later.empty() ? 20 : 1, &from)) {
             {
@@ -274,12 +267,8 @@ void Upstream::serve() {
                 messages.push_back(*message);
                 origins.push_back(from);
             }
-            for (auto &[delay, reply] : script(*message))
-                if (delay == 0)
-                    socket.send_to(reply, from);
-                else
-                    later.insert({Clock::now() + std::chrono::milliseconds(delay),
-                                  {std::move(reply), from}});
+            for (const auto &[delay, reply] : script(*message))
+                later.insert({Clock::now() + std::chrono::milliseconds(delay), {reply, from}});
         }
         while (!later.empty() && later.begin()->first <= Clock::now()) {
             const auto &[reply, to] = later.begin()->second;
@@ -297,9 +286,10 @@ Process::Process(const std::string &program, std::vector<std::string> arguments)
     arguments.insert(
         arguments.begin(),
         {"/bin/sh", "-c", "exec \"$0\" \"$@\" </dev/null >>" + output_file + " 2>&1", program});
-    std::vector<char *> argv(arguments.size() + 1);
-    std::transform(arguments.begin(), arguments.end(), argv.begin(),
-                   [](std::string &argument) { return argument.data(); });
+    std::vector<char *> argv;
+    for (std::string &argument : arguments)
+        argv.push_back(argument.data());
+    argv.push_back(nullptr);
     must(posix_spawn(&id, argv[0], nullptr, nullptr, argv.data(), environ) == 0,
          "start " + program);
 }

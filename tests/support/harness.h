@@ -3,6 +3,7 @@
 // the tests' main() sees to that. Failures of the harness itself end the test process with a text.
 #pragma once
 
+#include "guards.h"
 #include "sandbox.h"
 
 #include <atomic>
@@ -79,16 +80,12 @@ sockaddr_in socket_address(const std::string &text, uint16_t port);
 class Socket {
   public:
     Socket(const std::string &address, uint16_t port);
-    ~Socket();
-    Socket(const Socket &) = delete;
-    Socket &operator=(const Socket &) = delete;
-
     void send_to(const Bytes &message, const sockaddr_in &to) const;
     // Nothing when the time (milliseconds) is over. Tells the sender's address, if asked for it.
     std::optional<Bytes> receive(int timeout = 3000, sockaddr_in *from = nullptr) const;
 
   private:
-    int fd;
+    UniqueFd fd;
 };
 
 // A client at 192.168.8.NUMBER (20 to 29), on a port of its own.
@@ -117,21 +114,19 @@ class Upstream {
 
     explicit Upstream(int number, Answer answer = echo);
     Upstream(int number, Script script);
-    ~Upstream();
     std::vector<Bytes> received() const;
     std::vector<sockaddr_in> senders() const; // of those
     size_t count() const { return received().size(); }
 
   private:
-    void serve();
+    void serve(const std::stop_token &stop);
 
     Script script;
     Socket socket;
     mutable std::mutex mutex;
     std::vector<Bytes> messages;
     std::vector<sockaddr_in> origins;
-    std::atomic<bool> stopping = false;
-    std::thread thread;
+    std::jthread thread; // stops and ends before the rest goes
 };
 
 // A program that runs beside the test: killed, if it still runs, when the object goes.

@@ -1,12 +1,14 @@
 // A statistics database open as oDNS.db.
 #pragma once
 
+#include "blacklist.h"
+#include "blockedlist.h"
 #include "config.h"
 #include "database.h"
 #include "harness.h"
+#include "log.h"
 #include "statsdb.h"
-
-#include <arpa/inet.h>
+#include "whitelist.h"
 
 struct DatabaseTest : harness::SystemTest {
     const std::filesystem::path directory = "/etc/vantrelle";
@@ -25,6 +27,21 @@ struct DatabaseTest : harness::SystemTest {
     std::string read(const std::string &query) const { return read_rows(file, query); }
 };
 
-inline sockaddr_in client(const char *address) {
-    return {.sin_family = AF_INET, .sin_port = 0, .sin_addr = {inet_addr(address)}, .sin_zero = {}};
-}
+// With all tables, and lists that are loaded from files beside it.
+struct ListsTest : DatabaseTest {
+    const int mask = set_logged_priorities(LOG_MASK(LOG_CRIT));
+
+    void SetUp() override {
+        DatabaseTest::SetUp();
+        open_with_tables();
+        oDNS.path = strdup(directory.c_str());
+    }
+    void TearDown() override {
+        black_list_cleanup();
+        white_list_cleanup();
+        blocked_device_list_cleanup();
+        free(std::exchange(oDNS.path, nullptr));
+        set_logged_priorities(mask);
+        DatabaseTest::TearDown();
+    }
+};

@@ -51,9 +51,7 @@ TEST(ListTest, PagesCountFromOne) {
         ASSERT_EQ(add(std::string(1, item), 4, list), LIST_OK);
     for (const json &c : cases("pages of a, b ... t")) {
         const TestList page(get_sub_list(list, c["start"], c["count"]));
-        std::string items = chain(page);
-        std::erase_if(items, [](char each) { return each < 'a'; }); // modes and blanks
-        EXPECT_EQ(items, c["page"]) << c;
+        EXPECT_EQ(chain(page), c["page"]) << c;
     }
     EXPECT_EQ(get_sub_list(nullptr, 1, 1), nullptr);
 }

@@ -1,62 +1,41 @@
-#include "blacklist.h"
-#include "blockedlist.h"
 #include "database_fixture.h"
 #include "filterlist.h"
 #include "list_helpers.h"
 #include "listload.h"
-#include "log.h"
-#include "whitelist.h"
 
 #include <sys/stat.h>
 
 namespace {
 
-namespace fs = std::filesystem;
+namespace fs = harness::fs;
+using harness::write_file;
 
-class ListLoadTest : public DatabaseTest {
-    const int mask_ = set_logged_priorities(LOG_MASK(LOG_CRIT));
-
-  protected:
+struct ListLoadTest : ListsTest {
     const fs::path list_file = directory / "black.lst";
 
-    void SetUp() override {
-        DatabaseTest::SetUp();
-        open_with_tables();
-        oDNS.path = strdup(directory.c_str());
-    }
-    void TearDown() override {
-        black_list_cleanup();
-        white_list_cleanup();
-        blocked_device_list_cleanup();
-        free(std::exchange(oDNS.path, nullptr));
-        set_logged_priorities(mask_);
-        DatabaseTest::TearDown();
-    }
-    void write(const std::string &text) const {
-        std::ofstream(list_file, std::ios::binary) << text;
-    }
     void write_lines(int count) const {
         std::ofstream out(list_file);
         for (int i = 0; i < count; i++)
             out << "host-" << i << ".example,4\n";
     }
-    std::string row_count() const { return read("select count(*) from black"); }
-    // The chain after a load, and what the load returned.
-    std::string load(int expected = 1) const {
+    // The chain after a load.
+    std::string load() const {
         List *list = create_list();
         const TestList owner(list);
-        EXPECT_EQ(_load_list(list, list_file.c_str()), expected);
+        EXPECT_EQ(_load_list(list, list_file.c_str()), oDNS.db != nullptr);
         return chain(list);
     }
+    static void run(const char *sql) { sqlite3_exec(oDNS.db, sql, nullptr, nullptr, nullptr); }
 };
 
 TEST_F(ListLoadTest, EveryKindOfLine) {
     // The long line falls into 262 bytes, too many for a statement, and the rest.
     const std::string rest(38, 'r');
-    write("a.example\n#comment\n\nb.example,2\n~a.example\nc.example,-1\nd.example\r\n"
-          "x.example, 4\ny.example,four\nz.example,1,2\nit's\n\xff\xfe,4\n v "
-          ",260\n8.example,8\n200.example,200\n" +
-          std::string("nul\0tail\n", 9) + std::string(262, 'q') + rest + ",4\nlast");
+    write_file(list_file,
+               "a.example\n#comment\n\nb.example,2\n~a.example\nc.example,-1\nd.example\r\n"
+               "x.example, 4\ny.example,four\nz.example,1,2\nit's\n\xff\xfe,4\n v "
+               ",260\n8.example,8\n200.example,200\n" +
+                   std::string("nul\0tail\n", 9) + std::string(262, 'q') + rest + ",4\nlast");
     EXPECT_EQ(load(), "\xff\xfe:4  v :4 nul:0 last:0 b.example:2 c.example:0 x.example:4 "
                       "y.example:0 z.example:0 8.example:8 d.example\r:0 200.example:-56 " +
                           rest + ":4 ");
@@ -71,11 +50,11 @@ TEST_F(ListLoadTest, EveryKindOfLine) {
 
 TEST_F(ListLoadTest, RowsComeInTheirOrderAndFilesAgain) {
     for (const char *lines : {"ads.example.com\nads\n", "ads.example.com\nads\n", ""}) {
-        write(lines); // the last time it is from the table alone
+        write_file(list_file, lines); // the last time it is from the table alone
         EXPECT_EQ(load(), "ads:0 ads.example.com:0 ");
     }
     EXPECT_EQ(read("select id, frag from black"), "3|ads.example.com\n4|ads\n");
-    write("~ads\n");
+    write_file(list_file, "~ads\n");
     EXPECT_EQ(load(), "ads.example.com:0 ");
 }
 
@@ -91,29 +70,37 @@ TEST_F(ListLoadTest, WhatIsNoFileIsLeft) {
     EXPECT_TRUE(fs::exists(list_file));
 }
 
-// However an import fails, the file stays, no row of it does, and the next load takes all.
-TEST_F(ListLoadTest, AFailedImportKeepsTheFile) {
-    const std::pair<const char *, const char *> cases[] = {
-        {"pragma max_page_count=40", "pragma max_page_count=1000000"}, // disk full
-        {"pragma query_only=1", "pragma query_only=0"},
-        {"begin", "rollback"}};
-    const auto run = [](const char *sql) { sqlite3_exec(oDNS.db, sql, nullptr, nullptr, nullptr); };
-    for (const auto &[spoil, mend] : cases) {
+// However an import fails, the file stays, no row of it does, but all others that were written
+// meanwhile, and the next load takes all.
+TEST_F(ListLoadTest, AFailedImportKeepsTheFileAndOtherRows) {
+    const auto fail = [this](const char *spoil, const char *mend) {
         SCOPED_TRACE(spoil);
-        write_lines(3000);
         run(spoil);
         load();
         run(mend);
         EXPECT_TRUE(fs::exists(list_file));
-        EXPECT_EQ(row_count(), "0\n");
-        load();
-        EXPECT_FALSE(fs::exists(list_file));
-        EXPECT_EQ(row_count(), "3000\n");
-        run("delete from black");
-    }
+        EXPECT_EQ(read("select count(*) from black"), "0\n");
+    };
     write_lines(3000);
+    int written = 0;
+    {
+        const std::jthread other([&written](const std::stop_token &stop) {
+            while (!stop.stop_requested())
+                written += insert_stats_summary_record(1, 2, 3, 4);
+        });
+        for (int i = 0; i < 5; i++)
+            fail("pragma max_page_count=40", "pragma max_page_count=1000000"); // disk full
+        fail("pragma query_only=1", "pragma query_only=0");
+    }
+    fail("begin", "rollback");
+    load();
+    EXPECT_FALSE(fs::exists(list_file));
+    EXPECT_EQ(read("select count(*) from black"), "3000\n");
+    EXPECT_GT(written, 0);
+    EXPECT_EQ(read("select count(*) from summary"), std::to_string(written) + "\n");
+    write_lines(1);
     close_database();
-    EXPECT_EQ(load(0), "");
+    EXPECT_EQ(load(), "");
     EXPECT_TRUE(fs::exists(list_file));
 }
 
@@ -138,17 +125,16 @@ TEST_F(ListLoadTest, AFileThatChangesIsLeftAndOneThatVanishesIsImported) {
     for (const auto &[action, logged] : cases) {
         seen = 0;
         meddle = action;
-        write("www.example\nad");
+        write_file(list_file, "www.example\nad");
         load();
         EXPECT_GT(harness::log_count(logged), 0U);
-        EXPECT_EQ(row_count(), logged == changed ? "0\n" : "2\n");
+        EXPECT_EQ(read("select count(*) from black"), logged == changed ? "0\n" : "2\n");
         EXPECT_EQ(fs::exists(list_file), logged == changed);
     }
 }
 
 TEST_F(ListLoadTest, MissingCompanionTablesKeepNoFileOut) {
-    for (const char *sql : {"drop table black_stats", "create index black_stats on summary(req)"})
-        sqlite3_exec(oDNS.db, sql, nullptr, nullptr, nullptr);
+    run("drop table black_stats; create index black_stats on summary(req)");
     write_lines(2);
     EXPECT_EQ(load(), "host-0.example:4 host-1.example:4 ");
     EXPECT_FALSE(fs::exists(list_file));
@@ -171,42 +157,20 @@ TEST_F(ListLoadTest, AnEditWaitsAndHoldsNothingUp) {
         EXPECT_EQ(get_unique_client_count(), 0);
         publish_list(local_black_list, nullptr); // as a reload would
         EXPECT_EQ(is_blacklisted(query), 0);
-        EXPECT_LT(steady_clock::now() - begin, std::chrono::milliseconds(500));
+        EXPECT_LT(steady_clock::now() - begin, seconds(2)) << "less than the edit waits";
         other.reset();
     }
-    EXPECT_EQ(read("select frag, opt, (select count(*) from local_black_hit) from local_black"),
-              "late.example|4|0\n");
     EXPECT_EQ(is_blacklisted(query), 1) << "the reloaded list has it too";
-    EXPECT_EQ(read("select count(*) from local_black_hit"), "1\n");
+    EXPECT_EQ(read("select frag, opt, (select count(*) from local_black_hit) from local_black"),
+              "late.example|4|1\n");
     // In vain: five seconds for the first, one for those that follow, until one was stored.
     other.emplace(file, "begin immediate");
     for (const auto &[item, wait] : {std::pair("first", 5), {"second", 1}}) {
         const auto begin = steady_clock::now();
         EXPECT_EQ(add_local_black_list(item, 4), LIST_OK);
-        EXPECT_EQ(std::chrono::floor<seconds>(steady_clock::now() - begin).count(), wait);
+        EXPECT_NEAR((steady_clock::now() - begin) / std::chrono::duration<double>(1), wait + 1.5,
+                    1.5);
     }
-}
-
-TEST_F(ListLoadTest, AFailedImportTakesNoOtherRowBack) {
-    pthread_t importer = pthread_self();
-    const auto fail_import = [](void *thread) {
-        return pthread_equal(*static_cast<pthread_t *>(thread), pthread_self());
-    };
-    sqlite3_commit_hook(oDNS.db, fail_import, &importer);
-    int written = 0;
-    {
-        const std::jthread other([&written](const std::stop_token &stop) {
-            while (!stop.stop_requested())
-                written += insert_stats_summary_record(1, 2, 3, 4);
-        });
-        for (int i = 0; i < 5; i++) {
-            write_lines(2000);
-            load();
-        }
-    }
-    EXPECT_TRUE(fs::exists(list_file));
-    EXPECT_GT(written, 0);
-    EXPECT_EQ(read("select count(*) from summary"), std::to_string(written) + "\n");
 }
 
 TEST_F(ListLoadTest, WhatWasUnloadedIsLoadedAgain) {
@@ -218,7 +182,7 @@ TEST_F(ListLoadTest, WhatWasUnloadedIsLoadedAgain) {
     EXPECT_EQ(chain(old.get()), chain(device_list));
     // With a file that came meanwhile.
     black_list_cleanup();
-    write("new.example\n");
+    write_file(list_file, "new.example\n");
     EXPECT_EQ(is_blacklisted({"www.new.example", "10.0.0.1"}), 1);
 }
 

@@ -1,17 +1,13 @@
 #include "database_fixture.h"
 
-#include <sstream>
-
 namespace {
 
 TEST_F(DatabaseTest, SchemaIsText) {
     open_with_tables();
     EXPECT_EQ(create_list_stats_table("black"), 1); // again: all there
-    std::ostringstream schema;
-    schema << std::ifstream(TEST_DATA "/schema.sql").rdbuf();
     EXPECT_EQ(
         read("select sql from sqlite_master where sql is not null and name <> 'sqlite_sequence'"),
-        schema.str());
+        harness::read_file(TEST_DATA "/schema.sql"));
 }
 
 TEST_F(DatabaseTest, HitsLinkEntryClientAndName) {
@@ -46,8 +42,9 @@ TEST_F(DatabaseTest, RejectsWhatWouldLeaveItsQuotesOrItsBuffer) {
     // Statements of 300 and of 299 bytes.
     const std::string name(
         300 - strlen("insert into dns_traffic ('fqdn', 'ip') values('', '10.0.0.1')"), 'y');
-    EXPECT_EQ(record_request(name.c_str(), client("10.0.0.1")), 0);
-    EXPECT_EQ(record_request(name.c_str() + 1, client("10.0.0.1")), 1);
+    const sockaddr_in client = harness::socket_address("10.0.0.1", 0);
+    EXPECT_EQ(record_request(name.c_str(), client), 0);
+    EXPECT_EQ(record_request(name.c_str() + 1, client), 1);
 }
 
 } // namespace

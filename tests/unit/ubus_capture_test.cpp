@@ -24,10 +24,6 @@ constexpr char BUS[] = "/tmp/bus", RELAY[] = "/tmp/relay"; // where the test tak
 enum MessageType { HELLO = 0, DATA = 2, INVOKE = 5 };
 constexpr uint32_t OBJECT_ID = 0x03000008, TYPE_ID = 0x05000008; // heads of attributes
 
-json load(const std::string &name) {
-    return json::parse(std::ifstream(TEST_DATA "/captures/" + name + ".json"));
-}
-
 uint32_t word_at(const Bytes &message, size_t at) {
     uint32_t word;
     std::memcpy(&word, message.data() + at, sizeof word);
@@ -80,39 +76,32 @@ class Ids {
 
 // --- sockets -------------------------------------------------------------------------------------
 
-UniqueFd patient(int number) {
-    const timeval patience{5, 0};
-    setsockopt(number, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
-    return UniqueFd(number);
-}
-
 using SocketCall = int (*)(int, const sockaddr *, socklen_t); // bind or connect
 
 UniqueFd make_socket(const char *path, SocketCall take_address) {
-    UniqueFd fd = patient(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     sockaddr_un address{AF_UNIX, {}};
     strcpy(address.sun_path, path);
     const auto *generic = reinterpret_cast<sockaddr *>(&address);
-    return take_address(fd.get(), generic, sizeof(address)) == 0 ? std::move(fd) : UniqueFd();
+    return take_address(fd.get(), generic, sizeof address) == 0 ? std::move(fd) : UniqueFd();
 }
 
-bool readable(const UniqueFd &fd, int milliseconds) {
+// Something to take, or the end of the stream.
+bool readable(const UniqueFd &fd, int milliseconds = 5000) {
     pollfd entry{fd.get(), POLLIN, 0};
     return poll(&entry, 1, milliseconds) > 0;
-}
-
-bool ended(const UniqueFd &fd) {
-    char byte;
-    errno = 0;
-    return recv(fd.get(), &byte, 1, 0) <= 0 && errno != EAGAIN;
 }
 
 // Fewer bytes at the end of the stream, or when nothing comes.
 Bytes take(const UniqueFd &fd, size_t size) {
     Bytes bytes(size, '\0');
-    bytes.resize(
-        static_cast<size_t>(std::max<ssize_t>(0, recv(fd.get(), bytes.data(), size, MSG_WAITALL))));
+    const ssize_t taken = readable(fd) ? recv(fd.get(), bytes.data(), size, MSG_WAITALL) : 0;
+    bytes.resize(static_cast<size_t>(std::max<ssize_t>(0, taken)));
     return bytes;
+}
+
+bool ended(const UniqueFd &fd) {
+    return readable(fd) && take(fd, 1).empty();
 }
 
 Bytes take_message(const UniqueFd &fd) {
@@ -135,9 +124,8 @@ class Command {
 
     std::vector<std::string> words(const char *socket) const {
         std::vector<std::string> words{"-c", "PATH=${0%/*}; exec ubus \"$@\" >'" + output_ + "'",
-                                       UBUS_PROGRAM, "-s"};
-        words.insert(words.end(), recorded_["argv"].begin(), recorded_["argv"].end());
-        words[4] = socket;
+                                       UBUS_PROGRAM, "-s", socket};
+        words.insert(words.end(), recorded_["argv"].begin() + 1, recorded_["argv"].end());
         return words;
     }
 
@@ -163,7 +151,7 @@ struct Connection {
 
 class Capture : public harness::SystemTest, public testing::WithParamInterface<std::string> {
   protected:
-    const json capture = load(GetParam());
+    const json capture = json::parse(std::ifstream(TEST_DATA "/captures/" + GetParam() + ".json"));
     json commands = capture.value("commands", json::array());
     const json messages = capture.value("messages", json::array());
     const std::vector<Entry> entries{messages.begin(), messages.end()};
@@ -201,7 +189,7 @@ class Capture : public harness::SystemTest, public testing::WithParamInterface<s
         for (const json &command : commands)
             if (command["connection"] == who) {
                 connection.command.emplace(command, RELAY);
-                connection.client = patient(accept(listener.get(), nullptr, nullptr));
+                connection.client = UniqueFd(accept(listener.get(), nullptr, nullptr));
             }
     }
 

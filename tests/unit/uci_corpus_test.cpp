@@ -27,10 +27,6 @@ json plain(json value) {
     return value;
 }
 
-std::string shown(const json &value) {
-    return value.dump(-1, ' ', true, json::error_handler_t::replace);
-}
-
 json described(const char *text) {
     return text ? json(text) : json();
 }
@@ -75,22 +71,14 @@ json read(const char *directory) {
 
 struct Uci : SystemTest {
     std::string key;
-    uci_context *ctx = nullptr;
+    std::unique_ptr<uci_context, decltype(&uci_free_context)> ctx{nullptr, uci_free_context};
     uci_ptr ptr{};
-
-    void new_context() {
-        if (ctx)
-            uci_free_context(ctx);
-        ctx = uci_alloc_context();
-        ptr = {};
-    }
-    void TearDown() override { uci_free_context(ctx); }
 
     json lookup(const json &step) {
         static const char *const kinds[] = {"unspec", "delta", "package", "section", "option"};
         key = step["key"];
         std::memset(static_cast<void *>(&ptr), 0x55, sizeof ptr);
-        const int rc = uci_lookup_ptr(ctx, &ptr, key.data(), step["extended"]);
+        const int rc = uci_lookup_ptr(ctx.get(), &ptr, key.data(), step["extended"]);
         json section = ptr.s ? described(&ptr.s->e) : json();
         if (ptr.s)
             section.erase("options");
@@ -113,18 +101,20 @@ struct Uci : SystemTest {
             if (step.contains("option"))
                 ptr.option = step["option"].get_ref<const std::string &>().c_str();
             ptr.value = step["value"].get_ref<const std::string &>().c_str();
-            const int rc = uci_set(ctx, &ptr);
+            const int rc = uci_set(ctx.get(), &ptr);
             return {{"rc", rc}, {"o", rc || !ptr.o ? json() : described(&ptr.o->e)}};
         }
         if (step["op"] == "load") {
             uci_package *p = nullptr;
-            const int rc = uci_load(ctx, step["name"].get_ref<const std::string &>().c_str(), &p);
+            const int rc =
+                uci_load(ctx.get(), step["name"].get_ref<const std::string &>().c_str(), &p);
             ptr.p = rc ? ptr.p : p;
             return {{"rc", rc}, {"sections", p ? described(p->sections) : json()}};
         }
         if (step["op"] == "commit")
-            return {{"rc", uci_commit(ctx, &ptr.p, step["overwrite"])}};
-        new_context();
+            return {{"rc", uci_commit(ctx.get(), &ptr.p, step["overwrite"])}};
+        ctx.reset(uci_alloc_context());
+        ptr = {};
         return nullptr;
     }
 };
@@ -142,18 +132,15 @@ TEST_F(Uci, BehavesAsRecorded) {
                 continue;
             SCOPED_TRACE(file + ": " + c["name"].get<std::string>());
             SetUp();
-            new_context();
+            run({{"op", "new_context"}});
             write(CONFIGURATION, c["files"]);
-            if (c.contains("deltas"))
-                write(CHANGES, c["deltas"]);
+            write(CHANGES, c.value("deltas", json::object()));
             for (const json &step : steps) {
                 const json got = run(step);
-                ASSERT_TRUE(got == step.value("expect", json()))
-                    << shown(step) << "\n  gave " << shown(got);
+                ASSERT_EQ(got, step.value("expect", json())) << step;
             }
-            const json left{read(CONFIGURATION), read(CHANGES)},
-                expected{c["files_after"], c["deltas_after"]};
-            EXPECT_TRUE(left == expected) << shown(left) << "\n  not " << shown(expected);
+            EXPECT_EQ(read(CONFIGURATION), c["files_after"]);
+            EXPECT_EQ(read(CHANGES), c["deltas_after"]);
         }
     }
 }
