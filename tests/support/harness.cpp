@@ -371,9 +371,7 @@ int Daemon::stop() {
 
 // Each test runs in a sandbox of its own; listing the tests needs none.
 int main(int argc, char **argv) {
-    bool listing = std::any_of(argv + 1, argv + argc, [](const char *argument) {
-        return strcmp(argument, "--gtest_list_tests") == 0;
-    });
+    const bool listing = argc > 1 && strcmp(argv[1], "--gtest_list_tests") == 0;
     if (!listing && !sandbox::inside()) {
         std::string self = harness::fs::read_symlink("/proc/self/exe");
         argv[0] = self.data();
