@@ -51,19 +51,17 @@ void begin() {
 void add_argument(blob_buf *message, const char *name, Input &input) {
     static constexpr const char *words[] = {"bl",  "wl", "ad",         "bd",  "1",
                                             "100", "-1", "2147483647", "~bl", "192.0.2.1"};
-    const unsigned kind = input.byte();
-    if (kind < 16)
-        return;
-    if (kind < 128) {
-        blobmsg_add_string(message, name, words[kind % std::size(words)]);
-        return;
-    }
     static constexpr size_t sizes[] = {0, 8, 8, 8, 8, 4, 2, 1, 8}; // of the types
-    const unsigned type = kind < 240 ? unsigned{BLOBMSG_TYPE_STRING} : kind % std::size(sizes);
-    const std::string value =
-        kind < 240 ? input.text(16) + '\0' : std::string(input.piece(sizes[type]));
-    blobmsg_add_field(message, static_cast<int>(type), name, value.data(),
-                      static_cast<unsigned>(value.size()));
+    const unsigned kind = input.byte();
+    if (kind >= 240) {
+        const unsigned type = kind % std::size(sizes);
+        const std::string_view value = input.piece(sizes[type]);
+        blobmsg_add_field(message, static_cast<int>(type), name, value.data(),
+                          static_cast<unsigned>(value.size()));
+    } else if (kind >= 16) {
+        blobmsg_add_string(message, name,
+                           kind < 128 ? words[kind % std::size(words)] : input.text(16).c_str());
+    }
 }
 
 // The library looks at the length of the arguments and at nothing within.
@@ -116,8 +114,7 @@ int __wrap_uloop_timeout_set(uloop_timeout *timer, int) {
 int __wrap_ubus_send_reply(ubus_context *, ubus_request_data *, blob_attr *reply) {
     replies++;
     check(blob_len(reply) <= LARGEST - ENVELOPE);
-    const OwnedText text(blobmsg_format_json(reply, false));
-    check(text != nullptr);
+    check(OwnedText(blobmsg_format_json(reply, false)) != nullptr);
     return 0;
 }
 void __wrap_ubus_complete_deferred_request(ubus_context *, ubus_request_data *, int) {

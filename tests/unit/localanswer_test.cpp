@@ -33,17 +33,14 @@ TEST_F(LocalAnswer, IsBuiltFromTheQuestion) {
             for (const json &rest : data["what stands behind the question"]) {
                 SCOPED_TRACE(std::to_string(type) + " with " + rest["what"].get<std::string>());
                 const Bytes question = "\3aDs\7example\0\0"s + static_cast<char>(type) + "\0\1"s;
-                const std::string edns = rest.value("edns", "");
-                expect_answer(from_hex("1234 7FFF 0001" + rest["counts"].get<std::string>()) +
-                                  question + from_hex(rest["bytes"]),
+                const Bytes edns = from_hex(rest.value("edns", ""));
+                const Bytes edns_records{'\0', edns.empty() ? '\0' : '\1'};
+                expect_answer("\x12\x34\x7F\xFF\0\1"s + from_hex(rest["counts"]) + question +
+                                  from_hex(rest["bytes"]),
                               answer["mode"],
-                              from_hex("1234 F9" + answer["code"].get<std::string>() + "0001" +
-                                       answer["counts"].get<std::string>() +
-                                       (edns.empty() ? "0000" : "0001")) +
-                                  question + from_hex(answer["records"]) +
-                                  from_hex(edns.empty() ? ""
-                                                        : "00 0029 04D0 0000" + edns +
-                                                              "0006 000F 0002 000F"));
+                              "\x12\x34\xF9"s + from_hex(answer["code"]) + "\0\1"s +
+                                  from_hex(answer["counts"]) + edns_records + question +
+                                  from_hex(answer["records"]) + edns);
             }
 }
 
