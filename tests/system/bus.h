@@ -28,13 +28,12 @@ struct BusTest : SystemTest {
     }
     void start_daemon() {
         daemon.emplace();
-        run(BUS_CLIENT " -t 10 wait_for vantrelle");
+        run(BUS_CLIENT " -t 30 wait_for vantrelle");
         Daemon::prime();
     }
-    void start(const Options &main = {}) {
-        Options all{{"stats_db_path", "/etc/vantrelle"}};
-        all.insert(all.end(), main.begin(), main.end());
-        configure(all);
+    void start(Options main = {}) {
+        main.insert(main.begin(), {"stats_db_path", "/etc/vantrelle"});
+        configure(main);
         start_daemon();
     }
     void SetUp() override {

@@ -1,7 +1,7 @@
 // Classification and diversion, end to end: real packets from several clients, and the rows that
 // they leave in the database.
 #include "database.h"
-#include "harness.h"
+#include "transcript.h"
 
 #include <random>
 
@@ -25,16 +25,12 @@ Bytes diverted(const Bytes &query) {
     return answer + LOCAL_ANSWER;
 }
 
-// Rows that the daemon left.
-std::string rows(const std::string &sql) {
-    return read_rows(BASE + "/vantrelle.db", sql);
-}
-
 // Which entry of a list decided which name for which client.
 std::string hits(const std::string &list) {
-    return rows("select frag, f.fqdn, s.ip from " + list + "_hit h join " + list +
-                "_fqdn f on f.id = h.fqdn_id join " + list + "_stats s on s.id = h.stats_id join " +
-                list + " l on l.id = s.frag_id order by h.id");
+    return read_rows("select frag, f.fqdn, s.ip from " + list + "_hit h join " + list +
+                     "_fqdn f on f.id = h.fqdn_id join " + list +
+                     "_stats s on s.id = h.stats_id join " + list +
+                     " l on l.id = s.frag_id order by h.id");
 }
 
 struct Filter : SystemTest {
@@ -102,72 +98,60 @@ void ask_cases() {
 TEST_F(Filter, DecidesInOrderAndRecords) {
     ask_cases();
     EXPECT_EQ(
-        rows("select fqdn, ip, timestamp from dns_traffic where ip between '192.168.8.20' and "
-             "'192.168.8.22' and (fqdn like '%.example' or fqdn like '%.ip6.arpa') order by id"),
+        read_rows(
+            "select fqdn, ip, timestamp from dns_traffic where ip between '192.168.8.20' and "
+            "'192.168.8.22' and (fqdn like '%.example' or fqdn like '%.ip6.arpa') order by id"),
         "plain.example|192.168.8.20|0\nADS.example|192.168.8.20|0\n"
         "good-ads.example|192.168.8.20|0\nboth.example|192.168.8.20|0\n"
         "ads.example|192.168.8.22|0\na.b.example|192.168.8.20|0\n" NIBBLES NIBBLES
         "ip6.arpa|192.168.8.20|0\n");
-    const std::pair<const char *, const char *> deciding[] = {
-        {"black", "ads|ads.example|192.168.8.20\nin-addr|in-addr.arpa|192.168.8.20\n"},
-        {"local_black", "tracker.example|x.tracker.example|192.168.8.20\n"},
-        {"white", "good-ads.example|good-ads.example|192.168.8.20\n"},
-        {"local_white", "both.example|both.example|192.168.8.20\n"},
-        {"local_device", "192.168.8.22|ads.example|192.168.8.22\n"},
-        {"blocked_device", "192.168.8.21|plain.example|192.168.8.21\n"
-                           "192.168.8.21|good-ads.example|192.168.8.21\n"},
-    };
-    for (const auto &[list, expected] : deciding)
-        EXPECT_EQ(hits(list), expected) << list;
-    EXPECT_EQ(rows("select req - blocked > 8, blocked from summary order by id desc limit 1"),
+    std::string deciding;
+    for (const char *list : LISTS)
+        deciding += hits(list);
+    EXPECT_EQ(deciding, "ads|ads.example|192.168.8.20\n"
+                        "in-addr|in-addr.arpa|192.168.8.20\n"
+                        "tracker.example|x.tracker.example|192.168.8.20\n"
+                        "good-ads.example|good-ads.example|192.168.8.20\n"
+                        "both.example|both.example|192.168.8.20\n"
+                        "192.168.8.22|ads.example|192.168.8.22\n"
+                        "192.168.8.21|plain.example|192.168.8.21\n"
+                        "192.168.8.21|good-ads.example|192.168.8.21\n");
+    EXPECT_EQ(read_rows("select req - blocked > 8, blocked from summary order by id desc limit 1"),
               "1|6\n");
 }
 
 TEST_F(Filter, DecidesAlikeWithoutRecording) {
     configure({{"stats_db_path", BASE}, {"record_traffic", "0"}, {"log_stats_interval", "3"}});
     ask_cases(); // some of them at once, in the receiving thread
-    EXPECT_EQ(rows("select count(*) from dns_traffic") + hits("black"), "0\n");
-    EXPECT_EQ(rows("select blocked from summary where req in (3, 9) order by id"), "1\n4\n");
+    EXPECT_EQ(read_rows("select count(*) from dns_traffic") + hits("black"), "0\n");
+    EXPECT_EQ(read_rows("select blocked from summary where req in (3, 9) order by id"), "1\n4\n");
     EXPECT_EQ(log_count("[ Req: 9 ] [ Blocked: 4 ] [ Resets: 0 ] [ Errors: 0 ]"), 1u);
 }
 
 // What a strict parser makes of the answers: without and with EDNS, and with an option in it.
 TEST_F(Filter, AnswersBlockedQueriesAsSet) {
-    const struct {
-        const char *setting, *code;
-        size_t v4, v6, authorities, complaints;
-    } answers[] = {
-        {"none", "NXDOMAIN", 0, 0, 0, 8}, // all that have EDNS
-        {"NxDomain", "NXDOMAIN", 0, 0, 12, 0}, {"nodata", "NOERROR", 0, 0, 12, 0},
-        {"NULL", "NOERROR", 3, 3, 6, 0},       {"refused", "REFUSED", 0, 0, 0, 0},
+    const std::string soa = " ads.example. 77 IN SOA . . 1 3600 600 86400 77\n",
+                      blocked = "8 EDE: 15 (Blocked)\n";
+    const std::pair<const char *, std::string> answers[] = {
+        {"none", "...8 malformed\n12 status: NXDOMAIN\n"}, // all that have EDNS
+        {"NxDomain", blocked + "12" + soa + "12 status: NXDOMAIN\n"},
+        {"nodata", blocked + "12" + soa + "12 status: NOERROR\n"},
+        {"NULL", blocked + "3 ads.example. 77 IN A 0.0.0.0\n3 ads.example. 77 IN AAAA ::\n6" + soa +
+                     "12 status: NOERROR\n"},
+        {"refused", blocked + "12 status: REFUSED\n"},
     };
     std::string command = "dig @192.168.8.1 +tries=1";
     for (const char *type : {"A", "AAAA", "HTTPS", "TXT"})
         for (const char *edns : {"+noedns", "+edns +nocookie", "+cookie"})
             command += " ads.example "s + type + ' ' + edns;
-    for (const auto &[setting, code, v4, v6, authorities, complaints] : answers) {
+    for (const auto &[setting, expected] : answers) {
         SCOPED_TRACE(setting);
         configure({{"stats_db_path", BASE}, {"block_answer", setting}, {"block_ttl", "77"}});
         const PrimedDaemon daemon;
-        Process dig("/bin/sh", {"-c", command + " | tr -s '\\t' ' '"});
-        ASSERT_EQ(dig.wait(), 0);
-        const std::string said = dig.output();
-        const auto count = [&](const std::string &text) {
-            size_t found = 0;
-            for (const char *at = said.c_str(); (at = strcasestr(at, text.c_str())); at++)
-                found++;
-            return found;
-        };
-        EXPECT_EQ(count("malformed"), complaints) << said;
-        if (!complaints) {
-            for (const char *complaint : {"warning", "extra bytes", "bad ", "mismatch"})
-                EXPECT_EQ(count(complaint), 0U) << said;
-        }
-        EXPECT_EQ(count("status: "s + code), 12U) << said;
-        EXPECT_EQ(count("EDE: 15 (Blocked)"), complaints ? 0U : 8U);
-        EXPECT_EQ(count("\nads.example. 77 IN A 0.0.0.0\n"), v4);
-        EXPECT_EQ(count("\nads.example. 77 IN AAAA ::\n"), v6);
-        EXPECT_EQ(count("\nads.example. 77 IN SOA . . 1 3600 600 86400 77\n"), authorities);
+        expect_like(shell(command + " | tr -s '\\t' ' ' | grep -oiE '^ads.*|status: [a-z]*|EDE: .*|"
+                                    "malformed|warning|extra bytes|bad |mismatch' | "
+                                    "LC_ALL=C sort | uniq -c | sed 's/^ *//'"),
+                    expected);
     }
 }
 
@@ -193,11 +177,11 @@ TEST_F(Filter, FindsNamesInAnySpelling) {
     EXPECT_TRUE(passes("Good-ADS.example") && passes("IN-Addr.1.IN-ADDR.arpa"));
     EXPECT_EQ(daemon.stop(), 0);
     EXPECT_EQ(hits("white"), "good-ads.example|good-ads.example|192.168.8.20\n");
-    EXPECT_EQ(rows("select f.fqdn, count(*) from local_black_stats s, local_black_fqdn f"),
+    EXPECT_EQ(read_rows("select f.fqdn, count(*) from local_black_stats s, local_black_fqdn f"),
               "x.tracker.example|100\n");
-    EXPECT_EQ(
-        rows("select fqdn, count(*) from dns_traffic where fqdn like '%ok%' or fqdn like '%arpa'"),
-        "ok.example|100\n");
+    EXPECT_EQ(read_rows("select fqdn, count(*) from dns_traffic where fqdn like '%ok%'"),
+              "ok.example|100\n");
+    EXPECT_EQ(read_rows("select count(*) from dns_traffic where fqdn like '%arpa'"), "0\n");
 }
 
 TEST_F(Filter, OneAloneDisablesAndRecordsQueries) {
@@ -207,7 +191,7 @@ TEST_F(Filter, OneAloneDisablesAndRecordsQueries) {
         for (const int client : {20, 21})
             EXPECT_EQ(passes("ads.example", client), *value == '1');
         EXPECT_EQ(daemon.stop(), 0);
-        EXPECT_EQ(rows("select count(*) from dns_traffic"), "0\n");
+        EXPECT_EQ(read_rows("select count(*) from dns_traffic"), "0\n");
         EXPECT_EQ(hits("black"), *value == '1' ? "" : "ads|ads.example|192.168.8.20\n");
     }
 }
@@ -221,10 +205,10 @@ TEST_F(Filter, AReportKeepsNothingFromBeingReceived) {
     const auto taken = [] { return not_received() == 0; };
     for (int sent = 0; sent < 5; sent++) {
         client.send(query("ads.example"));
-        EXPECT_TRUE(eventually(taken, 300)) << sent;
+        EXPECT_TRUE(eventually(taken, 800)) << sent;
         usleep(10'000);
     }
-    EXPECT_FALSE(client.receive(0)) << "the report waits";
+    EXPECT_TRUE(wait_for_log("database is locked, insert into summary")) << "no report waited";
 }
 
 TEST_F(Filter, TakesMessagesOfAnySizeAndAnyName) {
@@ -252,7 +236,7 @@ TEST_F(Filter, TakesMessagesOfAnySizeAndAnyName) {
     EXPECT_EQ(log_count("SQL logic error, insert into dns_traffic ('fqdn', 'ip') "
                         "values('x','1');drop table black;--', '192.168.8.20')"),
               1u);
-    EXPECT_EQ(rows("select frag from black order by id"), "ads\nin-addr\nboth.example\n");
-    EXPECT_EQ(rows("select fqdn from dns_traffic where fqdn glob '*[^.a-z]*' or fqdn = 'cut'"),
+    EXPECT_EQ(read_rows("select frag from black order by id"), "ads\nin-addr\nboth.example\n");
+    EXPECT_EQ(read_rows("select fqdn from dns_traffic where fqdn glob '*[^.a-z]*' or fqdn = 'cut'"),
               "\f\n%n%s%s%\na;b\n\"x\"\nhigh\xff\x80\ncut\n");
 }
