@@ -5,55 +5,41 @@
 #include "message.h"
 
 #include <algorithm>
+#include <optional>
 #include <vector>
 
 namespace {
-
-unsigned word(const std::string &bytes, size_t at) {
-    return static_cast<unsigned>(static_cast<uint8_t>(bytes[at])) << 8 |
-           static_cast<uint8_t>(bytes[at + 1]);
-}
 
 const uint8_t *data_of(const std::string &bytes) {
     return reinterpret_cast<const uint8_t *>(bytes.data());
 }
 
-struct Question {
-    std::vector<std::string> labels; // in small letters
-    std::string type_and_class;
-    bool operator==(const Question &) const = default;
-};
-
-// The question of a message that has exactly one; false when it has not, or does not read.
-bool read_question(const std::string &message, Question &question, size_t &end) {
-    if (message.size() < 12 || word(message, 4) != 1)
-        return false;
-    for (size_t at = 12; at < message.size(); at += 1 + question.labels.back().size()) {
-        const size_t length = static_cast<uint8_t>(message[at]);
-        if (length == 0) {
-            end = at + 5;
-            question.type_and_class = message.substr(at + 1, 4);
-            return question.type_and_class.size() == 4;
-        }
-        std::string label = message.substr(at + 1, length);
-        if (length > 63 || label.size() < length)
-            return false;
-        for (char &letter : label)
-            letter = letter >= 'A' && letter <= 'Z' ? static_cast<char>(letter | 32) : letter;
-        question.labels.push_back(label);
-    }
-    return false;
+bool has_questions(const std::string &message, char count) {
+    return message.size() >= 12 && message[4] == 0 && message[5] == count;
 }
 
-bool is_answer(const std::string &answer, const Question &asked) {
+// The question section with small letters in the name; nothing for a message that has not exactly
+// one question, or where it does not read.
+std::optional<std::string> question_of(const std::string &message) {
+    if (!has_questions(message, 1))
+        return std::nullopt;
+    std::string rest = message.substr(12), question;
+    while (!rest.empty() && rest[0] != 0) {
+        const size_t size = size_t{1} + static_cast<uint8_t>(rest[0]);
+        if (size > 64 || rest.size() < size)
+            return std::nullopt;
+        for (const char letter : rest.substr(0, size))
+            question += letter >= 'A' && letter <= 'Z' ? static_cast<char>(letter | 32) : letter;
+        rest.erase(0, size);
+    }
+    return rest.size() < 5 ? std::nullopt : std::optional(question + rest.substr(0, 5));
+}
+
+bool is_answer(const std::string &answer, const std::string &asked) {
     if (answer.size() < 12 || !(answer[2] & 0x80))
         return false;
     const int code = answer[3] & 15;
-    Question question;
-    size_t end;
-    if (word(answer, 4) == 0)
-        return code != 0 && code != 3;
-    return read_question(answer, question, end) && question == asked;
+    return has_questions(answer, 0) ? code != 0 && code != 3 : question_of(answer) == asked;
 }
 
 } // namespace
@@ -74,18 +60,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
             answer.resize(std::min<size_t>(answer.size(), input.number()));
     }
 
-    Question question;
-    size_t end = 0;
-    const bool is_readable = read_question(query, question, end);
-    check(find_question_end(data_of(query), query.size()) == (is_readable ? end : 0));
-    if (!is_readable)
+    const std::optional<std::string> question = question_of(query);
+    const size_t end = question ? 12 + question->size() : 0;
+    check(find_question_end(data_of(query), query.size()) == end);
+    if (!question)
         return 0;
     std::vector<uint8_t> buffer(answer.begin(), answer.end()); // of just this size
     const bool is_taken = make_reply(buffer.data(), buffer.size(), data_of(query), end);
-    check(is_taken == is_answer(answer, question));
+    check(is_taken == is_answer(answer, *question));
     if (is_taken)
         answer.replace(0, 2, query, 0, 2);
-    check(
-        std::equal(buffer.begin(), buffer.end(), data_of(answer), data_of(answer) + answer.size()));
+    check(std::string(buffer.begin(), buffer.end()) == answer);
     return 0;
 }
