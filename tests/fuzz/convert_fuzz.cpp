@@ -4,22 +4,16 @@
 #include "converted.h"
 #include "fuzz.h"
 
+#include <regex>
 #include <set>
 
 using Set = std::set<std::string, std::less<>>;
 
-// A check of its own: labels as RFC 1123 has them, at least two.
-static bool is_name(std::string_view name) {
-    const size_t last = name.rfind('.');
-    if (last == name.npos || name.size() > LONGEST_STORED_NAME ||
-        name.find_first_not_of("0123456789", last + 1) == name.npos ||
-        name.find_first_not_of("abcdefghijklmnopqrstuvwxyz_-.0123456789") != name.npos)
-        return false;
-    const std::string dotted = '.' + std::string(name) + '.';
-    for (size_t dot = 0, next; (next = dotted.find('.', dot + 1)) != dotted.npos; dot = next)
-        if (next - dot < 2 || next - dot > 64 || dotted[dot + 1] == '-' || dotted[next - 1] == '-')
-            return false;
-    return true;
+// Labels as RFC 1123 has them and with underscores, at least two, the last one not a number.
+static bool is_name(const std::string &name) {
+    static const std::string label = "[a-z0-9_]([a-z0-9_-]{0,61}[a-z0-9_])?";
+    static const std::regex form("(" + label + "\\.)+(?![0-9]+$)" + label);
+    return name.size() <= LONGEST_STORED_NAME && std::regex_match(name, form);
 }
 
 // The lines of an output, each once.
