@@ -10,10 +10,6 @@
 
 namespace {
 
-const uint8_t *data_of(const std::string &bytes) {
-    return reinterpret_cast<const uint8_t *>(bytes.data());
-}
-
 bool has_questions(const std::string &message, char count) {
     return message.size() >= 12 && message[4] == 0 && message[5] == count;
 }
@@ -62,11 +58,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
 
     const std::optional<std::string> question = question_of(query);
     const size_t end = question ? 12 + question->size() : 0;
-    check(find_question_end(data_of(query), query.size()) == end);
+    check(find_question_end(bytes_of(query), query.size()) == end);
     if (!question)
         return 0;
     std::vector<uint8_t> buffer(answer.begin(), answer.end()); // of just this size
-    const bool is_taken = make_reply(buffer.data(), buffer.size(), data_of(query), end);
+    const bool is_taken = make_reply(buffer.data(), buffer.size(), bytes_of(query), end);
     check(is_taken == is_answer(answer, *question));
     if (is_taken)
         answer.replace(0, 2, query, 0, 2);

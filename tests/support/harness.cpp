@@ -65,9 +65,8 @@ struct LogReader {
 
 LogReader reader;
 
-void put16(Bytes &message, unsigned value) {
-    message += static_cast<char>(value >> 8);
-    message += static_cast<char>(value);
+Bytes two_bytes(uint16_t number) {
+    return {static_cast<char>(number >> 8), static_cast<char>(number)};
 }
 
 } // namespace
@@ -119,10 +118,9 @@ bool wait_for_log(std::string_view text, size_t times, int timeout) {
 }
 
 int log_priority(std::string_view text) {
-    for (const auto &line : log_lines())
-        if (line.text == text)
-            return line.priority;
-    return -1;
+    const std::vector<LogLine> lines = log_lines();
+    const auto line = std::ranges::find(lines, text, &LogLine::text);
+    return line == lines.end() ? -1 : line->priority;
 }
 
 void expect_logged(int priority, std::initializer_list<std::string_view> texts) {
@@ -141,21 +139,16 @@ bool eventually(const std::function<bool()> &condition, int timeout) {
 }
 
 Bytes query(std::string_view name, uint16_t id, uint16_t type, bool edns) {
-    Bytes message;
-    for (unsigned word : {unsigned{id}, 0x0100U, 1U, 0U, 0U, edns ? 1U : 0U})
-        put16(message, word);
+    Bytes message = two_bytes(id) + "\1\0\0\1\0\0\0\0\0"s + (edns ? '\1' : '\0');
     while (!name.empty()) {
         std::string_view label = name.substr(0, name.find('.'));
         message += static_cast<char>(label.size());
         message += label;
         name.remove_prefix(std::min(name.size(), label.size() + 1));
     }
-    message += '\0';
-    put16(message, type);
-    put16(message, 1);
-    if (edns) // root name, OPT, 1232 bytes, no flags, no data (RFC 6891)
-        message += Bytes("\0\0\x29\x04\xd0\0\0\0\0\0\0", 11);
-    return message;
+    message += '\0' + two_bytes(type) + "\0\1"s;
+    // Root name, OPT, 1232 bytes, no flags, no data (RFC 6891).
+    return edns ? message + "\0\0\x29\x04\xd0\0\0\0\0\0\0"s : message;
 }
 
 uint16_t id_of(const Bytes &message) {
