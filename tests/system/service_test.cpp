@@ -1,8 +1,6 @@
 // The service script on a router's shell and tools (busybox), under a stand-in of its supervisor.
 #include "router.h"
-
-#include <set>
-#include <sstream>
+#include "transcript.h"
 
 using namespace harness;
 
@@ -94,60 +92,10 @@ TEST_F(Service, StopAndRestartAreOrderlyAndFast) {
     EXPECT_FALSE(eventually([&] { return is_new(); }, 6000)) << "stopped, and started again";
 }
 
-std::set<std::string> options_in(const std::string &settings) {
-    std::set<std::string> options;
-    std::istringstream lines(settings);
-    for (std::string line; std::getline(lines, line);)
-        if (line.starts_with("\toption"))
-            options.insert(line);
-    return options;
-}
-
 // What the first boot or the installation switches on, and what it leaves alone.
 TEST_F(Router, RecommendedSettingsAreForANewInstallationOnly) {
-    const std::string shipped = read_file(SHIPPED_FILES "/etc/config/vantrelle");
-    const struct {
-        const char *preparation; // beside the shipped settings
-        bool is_new;
-    } routers[] = {
-        {"rm -r /etc/vantrelle", true},
-        {"touch /etc/vantrelle/notes", true},
-        {"sed -i '/path/d' /etc/config/vantrelle", true},
-        {"sed -i '/path/d' /etc/config/vantrelle && touch /etc/vantrelle/black.lst", false},
-        {"touch /etc/vantrelle/local_device.lst", false},
-        {"touch /etc/vantrelle/vantrelle.db", false},
-        {"mkdir -p /tmp/usb && touch /tmp/usb/vantrelle.db && "
-         "sed -i '/stats_db_path/s|/etc/vantrelle|/tmp/usb|' /etc/config/vantrelle",
-         false},
-        {"uci set 'vantrelle.@main[0].concurrent_queries=0' && uci commit vantrelle", false},
-        {"uci set 'vantrelle.@main[0].upstream_port=5353' && uci commit vantrelle", false},
-        {"uci set 'vantrelle.@main[0].block_ttl=5' && uci commit vantrelle", false},
-    };
-    size_t lines = 0;
-    for (const auto &router : routers) {
-        SCOPED_TRACE(router.preparation);
-        write_file("/etc/config/vantrelle", shipped);
-        run("rm -rf /etc/vantrelle && mkdir /etc/vantrelle && "s + router.preparation);
-        const std::string before = read_file("/etc/config/vantrelle");
-        // As the router does it; a second time finds what the first one left.
-        for (int time = 0; time < 2; time++) {
-            run("cp " SHIPPED_FILES "/etc/uci-defaults/90_vantrelle /tmp && cd /tmp && "
-                "(. ./90_vantrelle) && rm 90_vantrelle");
-            lines += !router.is_new || time == 1;
-        }
-        const std::string after = read_file("/etc/config/vantrelle");
-        EXPECT_EQ(after == before, !router.is_new);
-        std::set<std::string> expected = options_in(before);
-        if (router.is_new)
-            expected.insert({"\toption stats_max_size '16'", "\toption stats_write_delay '10'",
-                             "\toption ignore_case '1'", "\toption block_answer 'null'",
-                             "\toption tcp_connections '20'", "\toption concurrent_queries '300'"});
-        EXPECT_EQ(options_in(after), expected);
-        const std::string pointed_out =
-            "test $(grep -c 'vantrelled: .*docs/' "s + sandbox::LOG_FILE + ") = ";
-        EXPECT_TRUE(
-            eventually([&] { return system((pointed_out + std::to_string(lines)).c_str()) == 0; }));
-    }
+    expect_transcript("first-boot", "SHIPPED=" SHIPPED_FILES "; . " ROUTER_FILES
+                                    "/owner.sh; . " ROUTER_FILES "/first_boot.sh\n");
 }
 
 } // namespace

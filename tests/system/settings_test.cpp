@@ -3,8 +3,8 @@
 // package ships: settings that are the built-in defaults, spelled as the daemon reads them.
 #include "config.h"
 #include "guards.h"
-#include "harness.h"
 #include "ledutils.h"
+#include "transcript.h"
 #include "uciutils.h"
 
 using namespace harness;
@@ -95,50 +95,13 @@ std::vector<std::string> settings_from(const std::string &file) {
     return all;
 }
 
+TEST_F(SettingsTest, NumbersOutOfRange) {
+    expect_transcript("settings", PROCESS_TOOLS);
+}
+
 TEST_F(SettingsTest, ShippedOnesAreTheBuiltInDefaults) {
     std::string shipped = read_file(SHIPPED_FILES "/etc/config/vantrelle");
     EXPECT_EQ(settings_from(shipped), settings_from(""));
-    const std::string warn = "config main\n\toption log_level '4'\n";
-    EXPECT_EQ(settings_from(warn + "\toption dns_timeout '-2'\n"), settings_from(warn));
-    EXPECT_EQ(log_priority("Negative dns_timeout -2, using default 2000"), LOG_WARNING);
-
-    const struct {
-        const char *name, *stored;
-        int32_t *read, expected;
-    } bounds[] = {
-        {"concurrent_queries", "-2", &oDNS.concurrent_queries, 0},
-        {"concurrent_queries", "4097", &oDNS.concurrent_queries, 4096},
-        {"concurrent_queries '9'\n\toption tcp_connections", "201", &oDNS.tcp_connections, 200},
-        {"concurrent_queries '9'\n\toption tcp_connections", "-1", &oDNS.tcp_connections, 0},
-        {"upstream_port", "65535", &oDNS.upstream_port, 65535},
-        {"upstream_port", "65536", &oDNS.upstream_port, 0},
-        {"upstream_port", "-1", &oDNS.upstream_port, 0},
-        {"block_ttl", "0", &oDNS.block_ttl, 0},
-        {"block_ttl", "86400", &oDNS.block_ttl, 86400},
-        {"block_ttl", "86401", &oDNS.block_ttl, 60}, // and no warning
-        {"stats_write_delay", "-1", &oDNS.stats_write_delay, 0},
-        {"stats_write_delay", "3601", &oDNS.stats_write_delay, 3600},
-        {"stats_max_size", "-1", &oDNS.stats_max_size, 0},
-        {"stats_max_size", "1", &oDNS.stats_max_size, 2},
-        {"stats_max_size", "4096", &oDNS.stats_max_size, 4095},
-    };
-    for (const auto &[name, stored, read, expected] : bounds) {
-        settings_from(warn + "\toption " + name + " '" + stored + "'\n");
-        EXPECT_EQ(*read, expected) << name << stored;
-    }
-    for (const char *port : {"65536", "-1"})
-        EXPECT_EQ(log_priority("upstream_port "s + port + " is no port, using the one listened on"),
-                  LOG_WARNING);
-    EXPECT_EQ(log_count("block_ttl"), 0U);
-    for (const char *value : {"nil", "Null"}) {
-        settings_from(warn + "\toption block_ttl -1\n\toption block_answer " + value + "\n");
-        EXPECT_EQ(oDNS.block_answer == BlockAnswer::NULL_ADDRESS, *value == 'N');
-        EXPECT_EQ(log_count("block_ttl"), *value == 'N') << value;
-    }
-    expect_logged(LOG_WARNING, {"block_ttl -1 is not within 0 and 86400, using default 60",
-                                "Unknown block_answer nil, using none; known: none, nxdomain, "
-                                "nodata, null, refused"});
-
     SetUp();
     // A misspelt option got its default above; with everything logged it is a failed reading.
     const std::string quiet = "option log_level '0'";

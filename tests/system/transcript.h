@@ -28,6 +28,9 @@ inline void expect_like(const std::string &text, const std::string &expected) {
     EXPECT_EQ(fnmatch(pattern.c_str(), text.c_str(), 0), 0) << text << "instead of\n" << expected;
 }
 
+// For transcripts of the daemon as a process.
+constexpr char PROCESS_TOOLS[] = "PATH=" BUILT_PROGRAMS ":$PATH; . " ROUTER_FILES "/process.sh\n";
+
 // Runs each command of a file, which is the lines "$ ..." and then "> ...", behind others that are
 // not shown. What follows must be its output. Empty lines and those with a "#" are comments.
 inline void expect_transcript(const std::string &name, const std::string &before = "") {
