@@ -4,16 +4,28 @@
 #include "converted.h"
 #include "fuzz.h"
 
-#include <regex>
+#include <regex.h>
 #include <set>
 
 using Set = std::set<std::string, std::less<>>;
 
+static regex_t compiled(const std::string &form) {
+    regex_t regex;
+    check(regcomp(&regex, form.c_str(), REG_EXTENDED | REG_NOSUB) == 0);
+    return regex;
+}
+
+static bool matches(const std::string &text, const regex_t &form) {
+    return regexec(&form, text.c_str(), 0, nullptr, 0) == 0;
+}
+
 // Labels as RFC 1123 has them and with underscores, at least two, the last one not a number.
 static bool is_name(const std::string &name) {
     static const std::string label = "[a-z0-9_]([a-z0-9_-]{0,61}[a-z0-9_])?";
-    static const std::regex form("(" + label + "\\.)+(?![0-9]+$)" + label);
-    return name.size() <= LONGEST_STORED_NAME && std::regex_match(name, form);
+    static const regex_t form = compiled("^(" + label + "\\.)+" + label + "$");
+    static const regex_t number_at_end = compiled("\\.[0-9]+$");
+    return name.size() <= LONGEST_STORED_NAME && name.find('\0') == name.npos &&
+           matches(name, form) && !matches(name, number_at_end);
 }
 
 // The lines of an output, each once.
